@@ -1,0 +1,304 @@
+// The seam between the library and the network: a request record, the interface of an open reply,
+// the transport (a function from one to the other), and the failures that a transport raises.
+//
+// A transport only moves bytes and says what went wrong. Retrying, parsing, redacting and judging
+// a status are done above it, so any transport that keeps this contract will do:
+//
+//   Transport transport = [](const Request& request, TransportOptions options)
+//       -> std::shared_ptr<Response> { ... };
+//
+//  1. It sends the method, the URL, the headers and, when present, the data as the body.
+//  2. Each blocking socket operation waits at most `options.timeout` seconds.
+//  3. A final status of 200 to 299 is returned as an open reply with its body unread.
+//  4. Any other final status is raised as an `HTTPError`, never returned.
+//  5. Every failure of the network or of the protocol is raised as one of the kinds below. Whatever
+//     else it raises reaches the caller unchanged.
+#pragma once
+
+#include <concepts>
+#include <cstddef>
+#include <exception>
+#include <functional>
+#include <initializer_list>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <ranges>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "engines/http/detail/required.h"
+#include "engines/http/failure.h"
+
+namespace engines::http {
+
+/// Header names and values in the order given. It converts from any range of pairs of strings, so
+/// that a caller may pass a `std::map`, a vector of pairs or a braced list.
+class Headers {
+ public:
+  using Entry = std::pair<std::string, std::string>;
+
+  Headers() = default;
+  Headers(std::nullopt_t) noexcept {}
+  Headers(std::initializer_list<Entry> entries) : entries_(entries) {}
+
+  template <std::ranges::input_range Range>
+  requires(!std::same_as<std::remove_cvref_t<Range>, Headers> &&
+           requires(std::ranges::range_reference_t<Range> entry) {
+             std::string(entry.first);
+             std::string(entry.second);
+           }) Headers(Range&& range) {
+    for (auto&& [name, value] : range) add(std::string(name), std::string(value));
+  }
+
+  /// Appends an entry, whatever is there already.
+  void add(std::string name, std::string value);
+
+  /// Gives `name` one value: an entry whose name differs at most in case is replaced, where it
+  /// stands, else the entry is appended.
+  void set(std::string name, std::string value);
+
+  /// The value of the first entry of this name, regardless of case (RFC 9110, section 5.1).
+  std::optional<std::string> get(std::string_view name) const;
+
+  auto begin() const noexcept { return entries_.begin(); }
+  auto end() const noexcept { return entries_.end(); }
+  std::size_t size() const noexcept { return entries_.size(); }
+  bool empty() const noexcept { return entries_.empty(); }
+  bool operator==(const Headers&) const = default;
+
+ private:
+  std::vector<Entry> entries_;
+};
+
+/// What a `Request` holds beside its URL.
+struct RequestFields {
+  /// The body, sent unchanged; none sends no body.
+  std::optional<std::string> data = std::nullopt;
+  /// Of names that differ only in case, the one given later counts.
+  Headers headers = {};
+  /// The method, sent unchanged.
+  std::string method = "GET";
+};
+
+/// One request, as it is handed to a transport.
+struct Request {
+  /// `to` is the absolute URL.
+  explicit Request(std::string to, RequestFields fields = {});
+
+  std::string url;
+  std::optional<std::string> data;
+  Headers headers;
+  std::string method;
+};
+
+class LineIterator;
+
+/// A reply as a transport returns it: open, its body unread. Whoever holds it reads it on one
+/// thread and closes it once. A transport derives from it and overrides the `do_` functions.
+class Response {
+ public:
+  virtual ~Response();
+
+  /// Up to `amt` bytes of the body; it may wait until so many have come. Empty: the body has ended.
+  /// Throws a transport failure, or `std::invalid_argument` once the reply is closed.
+  std::string read(std::size_t amt);
+
+  /// Up to `amt` bytes, waiting only for the first data to arrive. A reply that has no such read
+  /// reads as `read` does. Empty: the body has ended. Throws as `read` does.
+  std::string read1(std::size_t amt);
+
+  /// Releases the connection. The reply is not read after it.
+  void close();
+
+  /// The HTTP status; none where the reply has none.
+  virtual std::optional<StatusCode> status() const { return std::nullopt; }
+
+  /// The reply's headers, owned by the reply; null where it has none.
+  virtual const Headers* headers() const { return nullptr; }
+
+  /// The body's lines, each with its line end as it came (the last may have none): the reply is a
+  /// `std::ranges::input_range` of `std::string`. A line counts at most `MAX_LINE_BYTES` bytes; a
+  /// longer one raises an `HTTPException`. Iterating reads ahead, but loses nothing: a second loop,
+  /// or a read, goes on where the last line ended.
+  LineIterator begin();
+  std::default_sentinel_t end() const noexcept { return {}; }
+
+  static constexpr std::size_t MAX_LINE_BYTES = 16 * 1024 * 1024;
+
+ protected:
+  Response() = default;
+  Response(const Response&) = default;
+  Response& operator=(const Response&) = default;
+
+ private:
+  friend class LineIterator;
+  friend class HTTPError;
+
+  virtual std::string do_read(std::size_t amt) = 0;
+  virtual std::string do_read1(std::size_t amt) { return do_read(amt); }
+  virtual void do_close() = 0;
+
+  virtual bool next_line(std::string& line);  // false: the body has ended
+  std::string take_ahead(std::size_t amt);
+  void check_open() const;
+
+  std::string ahead_;            // read by line iteration, not yet handed out
+  std::size_t ahead_begin_ = 0;  // where the bytes not yet handed out begin
+  bool closed_ = false;
+};
+
+/// Input iterator over the lines of a reply.
+class LineIterator {
+ public:
+  using value_type = std::string;
+  using difference_type = std::ptrdiff_t;
+  using iterator_concept = std::input_iterator_tag;
+
+  LineIterator() = default;
+  explicit LineIterator(Response& reply) : reply_(&reply) { ++*this; }
+
+  const std::string& operator*() const noexcept { return line_; }
+  const std::string* operator->() const noexcept { return &line_; }
+  LineIterator& operator++() {
+    if (!reply_->next_line(line_)) reply_ = nullptr;
+    return *this;
+  }
+  void operator++(int) { ++*this; }
+  bool operator==(std::default_sentinel_t) const noexcept { return reply_ == nullptr; }
+
+ private:
+  Response* reply_ = nullptr;
+  std::string line_;
+};
+
+inline LineIterator Response::begin() { return LineIterator(*this); }
+
+/// What a transport is told beside the request.
+struct TransportOptions {
+  /// The longest wait of one socket operation, in seconds.
+  required<double> timeout;
+};
+
+/// Sends a request and returns the open reply, or raises. See the contract at the top of this file.
+using Transport =
+    std::function<std::shared_ptr<Response>(const Request& request, TransportOptions options)>;
+
+// ---- Transport failures: two families, neither of them an HttpFailure ---------------------------
+//
+//   OSError                what the operating system or the network stack reports
+//   ├─ TimeoutError        a socket operation waited longer than the timeout
+//   ├─ ConnectionError     refused, reset, aborted, or broken while writing
+//   ├─ gaierror            a host name did not resolve
+//   └─ URLError            the request could not be sent; holds the underlying failure
+//      └─ HTTPError        a final status outside 200 to 299; also a readable Response
+//   HTTPException          the reply broke the HTTP protocol
+//   ├─ IncompleteRead      the body ended before its announced length
+//   └─ BadStatusLine       no status line could be read
+//      └─ DroppedConnection   the connection was dropped before a reply began: a ConnectionError
+//      too
+//
+// The families inherit std::exception virtually, so that a handler of std::exception also catches
+// the kind that belongs to both. Texts are the transport's own and unredacted.
+
+class OSError : public virtual std::exception {
+ public:
+  explicit OSError(std::string text);
+  OSError(const OSError&) noexcept = default;
+  OSError& operator=(const OSError&) noexcept = default;
+  ~OSError() override;
+  const char* what() const noexcept override;
+
+ private:
+  std::shared_ptr<const std::string> text_;
+};
+
+class TimeoutError : public OSError {
+ public:
+  using OSError::OSError;
+};
+
+class ConnectionError : public OSError {
+ public:
+  using OSError::OSError;
+};
+
+class gaierror : public OSError {
+ public:
+  using OSError::OSError;
+};
+
+class URLError : public OSError {
+ public:
+  explicit URLError(std::string text, std::shared_ptr<const std::exception> reason = nullptr);
+
+  /// Wraps the failure that kept the request from being sent; the text is that failure's.
+  template <std::derived_from<std::exception> Reason>
+  requires(!std::derived_from<Reason, URLError>) explicit URLError(const Reason& reason)
+      : URLError(reason.what(), std::make_shared<const Reason>(reason)) {}
+
+  /// The underlying failure; null where there is none.
+  const std::exception* reason() const noexcept { return reason_.get(); }
+
+ private:
+  std::shared_ptr<const std::exception> reason_;
+};
+
+/// A final status outside 200 to 299: at once a failure and a reply. Copies share the reply.
+class HTTPError : public URLError, public Response {
+ public:
+  /// `body` is the open reply whose status it is; null stands for an empty body.
+  HTTPError(StatusCode code, Headers headers, std::shared_ptr<Response> body);
+  HTTPError(const HTTPError&) noexcept = default;
+  HTTPError& operator=(const HTTPError&) = default;
+
+  StatusCode code() const noexcept { return code_; }
+  std::optional<StatusCode> status() const override { return code_; }
+  const Headers* headers() const override { return headers_.get(); }
+
+  /// The reply that the error holds, shared by every copy of the error.
+  Response& body() const noexcept { return *body_; }
+
+ private:
+  std::string do_read(std::size_t amt) final { return body_->read(amt); }
+  std::string do_read1(std::size_t amt) final { return body_->read1(amt); }
+  void do_close() final { body_->close(); }
+  bool next_line(std::string& line) final { return body_->next_line(line); }
+
+  StatusCode code_;
+  std::shared_ptr<const Headers> headers_;
+  std::shared_ptr<Response> body_;
+};
+
+class HTTPException : public virtual std::exception {
+ public:
+  explicit HTTPException(std::string text);
+  HTTPException(const HTTPException&) noexcept = default;
+  HTTPException& operator=(const HTTPException&) noexcept = default;
+  ~HTTPException() override;
+  const char* what() const noexcept override;
+
+ private:
+  std::shared_ptr<const std::string> text_;
+};
+
+class IncompleteRead : public HTTPException {
+ public:
+  using HTTPException::HTTPException;
+};
+
+class BadStatusLine : public HTTPException {
+ public:
+  using HTTPException::HTTPException;
+};
+
+class DroppedConnection : public ConnectionError, public BadStatusLine {
+ public:
+  explicit DroppedConnection(const std::string& text)
+      : ConnectionError(text), BadStatusLine(text) {}
+  const char* what() const noexcept override { return ConnectionError::what(); }
+};
+
+}  // namespace engines::http
