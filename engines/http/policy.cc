@@ -1,0 +1,84 @@
+#include "engines/http/policy.h"
+
+#include <array>
+#include <chrono>
+#include <cmath>
+#include <numeric>
+#include <thread>
+#include <vector>
+
+namespace engines::http {
+
+namespace {
+
+constexpr auto TRANSIENT = [] {
+  std::array<StatusCode, 102> statuses{408, 429};
+  std::iota(statuses.begin() + 2, statuses.end(), 500);
+  return statuses;
+}();
+
+}  // namespace
+
+// Ready before any dynamic initialisation, so that a policy may be a global object.
+constinit const StatusSet TRANSIENT_STATUSES{detail::ConstantStatuses{TRANSIENT}};
+
+void StatusSet::assign(const std::set<StatusCode>& statuses) {
+  const auto owned =
+      std::make_shared<const std::vector<StatusCode>>(statuses.begin(), statuses.end());
+  statuses_ = *owned;
+  owner_ = owned;
+}
+
+double monotonic() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+bool _never() { return false; }
+
+namespace detail {
+
+void sleep_for(double seconds) {
+  // A longer sleep than the clock can count is cut to a year: it would not be waited out anyway.
+  constexpr double YEAR = 365.0 * 24 * 3600;
+  std::this_thread::sleep_for(std::chrono::duration<double>(std::min(seconds, YEAR)));
+}
+
+bool WaitUnlessStopped::operator()(double seconds, const StopSignal& should_stop,
+                                   const WaitOptions& options) const {
+  // Counts down by what was slept, never by a clock: the wait sleeps `seconds` in all.
+  for (double left = seconds; left > 0;) {
+    if (should_stop()) return true;
+    const double step = std::min(options.poll_s, left);
+    options.sleep(step);
+    left -= step;
+  }
+  return should_stop();
+}
+
+AttemptCount::AttemptCount(int count) : count_(count) {
+  if (count < 1) throw ValueError("a retry policy makes at least one attempt");
+}
+
+}  // namespace detail
+
+double RetryPolicy::backoff(int failed) const { return backoff_s * std::exp2(failed - 1.0); }
+
+RetryPolicy RetryPolicy::with(const PolicyChanges& changes) const {
+  return {
+      .attempts = changes.attempts.or_else(attempts),
+      .backoff_s = changes.backoff_s.or_else(backoff_s),
+      .timeout_s = changes.timeout_s.or_else(timeout_s),
+      .retry_statuses = changes.retry_statuses.or_else(retry_statuses),
+      .refusal_statuses = changes.refusal_statuses.or_else(refusal_statuses),
+      .refusal_reason = changes.refusal_reason.or_else(refusal_reason),
+      .error_replies = changes.error_replies.or_else(error_replies),
+      .deadline = changes.deadline.or_else(deadline),
+      .clock = changes.clock.or_else(clock),
+      .should_stop = changes.should_stop.or_else(should_stop),
+      .wait = changes.wait.or_else(wait),
+      .detail_chars = changes.detail_chars.or_else(detail_chars),
+      .max_body_bytes = changes.max_body_bytes.or_else(max_body_bytes),
+  };
+}
+
+}  // namespace engines::http

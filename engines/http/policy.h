@@ -1,0 +1,236 @@
+// How a caller's requests are made and when one is tried again. A caller keeps one policy and
+// passes it to every call; the bounds of a single call are set on a copy:
+//
+//   const RetryPolicy policy{.attempts = 5, .timeout_s = 10.0, .refusal_statuses = {401, 403}};
+//   post_json(url, body, {.policy = policy.with({.deadline = policy.clock() + 20.0}), ...});
+#pragma once
+
+#include <algorithm>
+#include <concepts>
+#include <cstddef>
+#include <functional>
+#include <initializer_list>
+#include <memory>
+#include <optional>
+#include <ranges>
+#include <set>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+#include "engines/http/detail/required.h"
+#include "engines/http/failure.h"
+
+namespace engines::http {
+
+/// An unusable value, such as a policy that makes no attempt. Not a failure of a call.
+using ValueError = std::invalid_argument;
+
+namespace detail {
+/// Statuses in ascending order that outlive every set built from them.
+struct ConstantStatuses {
+  std::span<const StatusCode> statuses;
+};
+}  // namespace detail
+
+/// An immutable set of statuses, in ascending order. Copies share the values.
+class StatusSet {
+ public:
+  constexpr StatusSet() noexcept = default;
+  constexpr explicit StatusSet(detail::ConstantStatuses constant) noexcept
+      : statuses_(constant.statuses) {}
+  StatusSet(std::initializer_list<StatusCode> statuses) { assign(statuses); }
+
+  template <std::ranges::input_range Range>
+  requires(!std::same_as<std::remove_cvref_t<Range>, StatusSet> &&
+           std::convertible_to<std::ranges::range_reference_t<Range>, StatusCode>)
+      StatusSet(Range&& range) {
+    std::set<StatusCode> statuses;
+    for (auto&& status : range) statuses.insert(status);
+    assign(statuses);
+  }
+
+  bool contains(StatusCode status) const noexcept {
+    return std::ranges::binary_search(statuses_, status);
+  }
+  auto begin() const noexcept { return statuses_.begin(); }
+  auto end() const noexcept { return statuses_.end(); }
+  std::size_t size() const noexcept { return statuses_.size(); }
+  bool empty() const noexcept { return statuses_.empty(); }
+  bool operator==(const StatusSet& other) const noexcept {
+    return std::ranges::equal(statuses_, other.statuses_);
+  }
+
+ private:
+  void assign(const std::set<StatusCode>& statuses);
+
+  std::span<const StatusCode> statuses_;
+  std::shared_ptr<const void> owner_;  // of statuses_; none for a constant table
+};
+
+/// The statuses worth another attempt by default: 408, 429 and 500 to 599.
+extern const StatusSet TRANSIENT_STATUSES;
+
+/// Monotonic seconds.
+using Clock = std::function<double()>;
+
+/// True once the call should end.
+using StopSignal = std::function<bool()>;
+
+/// Waits `seconds`; true when it ended early because `should_stop` said stop.
+using Wait = std::function<bool(double seconds, const StopSignal& should_stop)>;
+
+/// Says what a body is when it is a refusal whatever its status (a proxy's block page), else none.
+/// Gets the body's text and its content type; the content type is empty for a reply that is read
+/// as the answer, so that such a reply is judged by its text alone.
+using RefusalReason =
+    std::function<std::optional<std::string>(std::string_view body, std::string_view content_type)>;
+
+/// Seconds on the platform's monotonic clock.
+double monotonic();
+
+/// False, always: the stop signal of a call that nothing stops.
+bool _never();
+
+namespace detail {
+
+/// The longest step that `wait_unless_stopped` sleeps before it asks the stop signal again.
+inline constexpr double STOP_POLL_S = 0.1;
+
+/// Pauses the calling thread for so many seconds.
+void sleep_for(double seconds);
+
+}  // namespace detail
+
+/// What `wait_unless_stopped` may be told beside the wait itself.
+struct WaitOptions {
+  /// Pauses the calling thread for so many seconds.
+  std::function<void(double seconds)> sleep = detail::sleep_for;
+  /// The longest single sleep, in seconds; greater than zero.
+  double poll_s = detail::STOP_POLL_S;
+};
+
+namespace detail {
+
+struct WaitUnlessStopped {
+  bool operator()(double seconds, const StopSignal& should_stop) const {
+    return (*this)(seconds, should_stop, {});
+  }
+  bool operator()(double seconds, const StopSignal& should_stop, const WaitOptions& options) const;
+};
+
+}  // namespace detail
+
+/// wait_unless_stopped(seconds, should_stop, {.sleep, .poll_s}): sleeps `seconds` in all, in steps
+/// of at most `poll_s`, and asks `should_stop` before each step and once at the end. True as soon
+/// as it says stop. What `should_stop` or `sleep` throws passes through.
+inline constexpr detail::WaitUnlessStopped wait_unless_stopped;
+
+namespace detail {
+
+/// A count of attempts: an integer that is at least one.
+class AttemptCount {
+ public:
+  AttemptCount(int count);  // throws ValueError
+  constexpr operator int() const noexcept { return count_; }
+
+ private:
+  int count_;
+};
+
+/// A field of `PolicyChanges`: a new value, or the policy's own left as it is. It has no default
+/// constructor, so that a `{}` is never mistaken for either.
+template <class T>
+class Change {
+ public:
+  struct Keep {};
+  constexpr Change(Keep) noexcept {}
+
+  template <class U>
+  requires(!std::same_as<std::remove_cvref_t<U>, Change> &&
+           std::convertible_to<U, T>) constexpr Change(U&& value)
+      : value_(std::in_place, std::forward<U>(value)) {}
+
+  Change(std::initializer_list<StatusCode> values) requires
+      std::constructible_from<T, std::initializer_list<StatusCode>>
+      : value_(std::in_place, values) {}
+
+  T or_else(const T& kept) const { return value_ ? *value_ : kept; }
+
+ private:
+  std::optional<T> value_;
+};
+
+struct KeepAll {
+  template <class T>
+  constexpr operator Change<T>() const noexcept {
+    return typename Change<T>::Keep{};
+  }
+};
+inline constexpr KeepAll keep;
+
+}  // namespace detail
+
+struct PolicyChanges;
+
+/// An immutable record; every field has a default. Built by name, as above, or by position. A
+/// policy may be shared between threads; the functions in it are the caller's to make safe, and to
+/// keep valid for as long as the policy is used. It can be copied but not assigned to.
+struct RetryPolicy {
+  /// Tries in all; 1 means no retry. Less than 1 throws `ValueError`.
+  const detail::AttemptCount attempts = 3;
+  /// Seconds to wait after the first failed attempt; each later wait doubles it.
+  const double backoff_s = 1.0;
+  /// Socket timeout of an attempt, in seconds, cut to what is left of the deadline.
+  const double timeout_s = 30.0;
+  /// Statuses worth another attempt.
+  const StatusSet retry_statuses = TRANSIENT_STATUSES;
+  /// Statuses of a refusal, never retried.
+  const StatusSet refusal_statuses = {};
+  /// Says what a body is when it is a refusal whatever its status; see `html_page`.
+  const RefusalReason refusal_reason = nullptr;
+  /// Error statuses whose JSON body is the reply.
+  const StatusSet error_replies = {};
+  /// When the call ends: an instant on `clock`, not a duration. It covers every attempt, every
+  /// backoff and the reading of the reply. None: the call ends when its attempts end.
+  const std::optional<double> deadline = std::nullopt;
+  /// Monotonic seconds, for the deadline.
+  const Clock clock = monotonic;
+  /// True once the call should end; asked before every attempt and every backoff.
+  const StopSignal should_stop = _never;
+  /// Waits out a backoff.
+  const Wait wait = wait_unless_stopped;
+  /// The most characters of a body that a failure quotes.
+  const std::size_t detail_chars = 300;
+  /// The longest reply that is read, in bytes (16 MiB).
+  const std::size_t max_body_bytes = 16 * 1024 * 1024;
+
+  /// Seconds to wait after `failed` attempts have failed: `backoff_s` × 2^(failed − 1).
+  double backoff(int failed) const;
+
+  /// A copy with the given fields replaced, checked like any new policy.
+  RetryPolicy with(const PolicyChanges& changes) const;
+};
+
+/// The fields to replace in a copy. A field that is not named is kept; `.deadline = std::nullopt`
+/// and `.refusal_reason = nullptr` replace by none.
+struct PolicyChanges {
+  detail::Change<detail::AttemptCount> attempts = detail::keep;
+  detail::Change<double> backoff_s = detail::keep;
+  detail::Change<double> timeout_s = detail::keep;
+  detail::Change<StatusSet> retry_statuses = detail::keep;
+  detail::Change<StatusSet> refusal_statuses = detail::keep;
+  detail::Change<RefusalReason> refusal_reason = detail::keep;
+  detail::Change<StatusSet> error_replies = detail::keep;
+  detail::Change<std::optional<double>> deadline = detail::keep;
+  detail::Change<Clock> clock = detail::keep;
+  detail::Change<StopSignal> should_stop = detail::keep;
+  detail::Change<Wait> wait = detail::keep;
+  detail::Change<std::size_t> detail_chars = detail::keep;
+  detail::Change<std::size_t> max_body_bytes = detail::keep;
+};
+
+}  // namespace engines::http

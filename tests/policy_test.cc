@@ -1,0 +1,167 @@
+#include "engines/http/policy.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace engines::http {
+namespace {
+
+const RetryPolicy made_before_main;
+
+TEST(Policy, Defaults) {
+  for (const RetryPolicy& policy : {RetryPolicy{}, made_before_main}) {
+    EXPECT_EQ(policy.attempts, 3);
+    EXPECT_EQ(policy.backoff_s, 1.0);
+    EXPECT_EQ(policy.timeout_s, 30.0);
+    EXPECT_EQ(policy.retry_statuses, TRANSIENT_STATUSES);
+    EXPECT_TRUE(policy.refusal_statuses.empty());
+    EXPECT_FALSE(policy.refusal_reason);
+    EXPECT_TRUE(policy.error_replies.empty());
+    EXPECT_EQ(policy.deadline, std::nullopt);
+    EXPECT_EQ(*policy.clock.target<double (*)()>(), &monotonic);
+    EXPECT_EQ(*policy.should_stop.target<bool (*)()>(), &_never);
+    EXPECT_NE(policy.wait.target<detail::WaitUnlessStopped>(), nullptr);
+    EXPECT_EQ(policy.detail_chars, 300U);
+    EXPECT_EQ(policy.max_body_bytes, 16777216U);
+  }
+}
+
+TEST(Policy, TransientStatuses) {
+  EXPECT_EQ(TRANSIENT_STATUSES.size(), 102U);
+  for (const StatusCode status : {408, 429, 500, 503, 599}) {
+    EXPECT_TRUE(TRANSIENT_STATUSES.contains(status)) << status;
+  }
+  for (const StatusCode status : {-1, 0, 400, 404, 407, 409, 425, 428, 430, 499, 600}) {
+    EXPECT_FALSE(TRANSIENT_STATUSES.contains(status)) << status;
+  }
+}
+
+TEST(Policy, StatusSetsAreBuiltFromWhateverHoldsStatuses) {
+  const std::vector<int> unordered{503, 401, 503};
+  EXPECT_EQ(StatusSet(unordered), (StatusSet{401, 503}));
+  EXPECT_NE(StatusSet({401}), StatusSet());
+  const StatusSet outlives = [] { return StatusSet{7}; }();
+  EXPECT_TRUE(outlives.contains(7));
+}
+
+TEST(Policy, NeedsAnAttempt) {
+  for (const int attempts : {0, -1}) {
+    try {
+      RetryPolicy{.attempts = attempts};
+      FAIL() << attempts;
+    } catch (const std::invalid_argument& error) {
+      EXPECT_STREQ(error.what(), "a retry policy makes at least one attempt");
+    }
+    EXPECT_THROW(RetryPolicy{}.with({.attempts = attempts}), ValueError);
+    EXPECT_THROW(RetryPolicy{attempts}, ValueError);
+  }
+  EXPECT_EQ(RetryPolicy{.attempts = 1}.attempts, 1);
+}
+
+TEST(Policy, ACopyReplacesWhatIsNamedAndKeepsTheRest) {
+  const auto html = [](std::string_view, std::string_view) { return std::optional("html"); };
+  const RetryPolicy original{.attempts = 7,
+                             .backoff_s = 2.0,
+                             .timeout_s = 3.0,
+                             .retry_statuses = {500},
+                             .refusal_statuses = {403},
+                             .refusal_reason = html,
+                             .error_replies = {400},
+                             .deadline = 9.0,
+                             .clock = [] { return 4.0; },
+                             .should_stop = [] { return true; },
+                             .wait = [](double, const StopSignal&) { return true; },
+                             .detail_chars = 5,
+                             .max_body_bytes = 6};
+  const RetryPolicy same = original.with({});
+  const auto fields = [](const RetryPolicy& p) {
+    return std::tuple(int{p.attempts}, p.backoff_s, p.timeout_s, p.retry_statuses.contains(500),
+                      p.refusal_statuses.contains(403), p.error_replies.contains(400),
+                      static_cast<bool>(p.refusal_reason), p.deadline, p.clock(), p.should_stop(),
+                      p.wait(0, _never), p.detail_chars, p.max_body_bytes);
+  };
+  EXPECT_EQ(fields(same), fields(original));
+
+  const RetryPolicy cleared =
+      original.with({.refusal_statuses = {}, .refusal_reason = nullptr, .deadline = std::nullopt});
+  EXPECT_TRUE(cleared.refusal_statuses.empty());
+  EXPECT_FALSE(cleared.refusal_reason);
+  EXPECT_EQ(cleared.deadline, std::nullopt);
+  EXPECT_EQ(cleared.attempts, 7);
+  EXPECT_EQ(original.deadline, 9.0);
+
+  const RetryPolicy changed = original.with({.attempts = 1,
+                                             .backoff_s = 0,
+                                             .timeout_s = 1,
+                                             .retry_statuses = {1, 2},
+                                             .error_replies = {3},
+                                             .clock = [] { return 1.5; },
+                                             .should_stop = _never,
+                                             .wait = wait_unless_stopped,
+                                             .detail_chars = 1,
+                                             .max_body_bytes = 2});
+  EXPECT_EQ(fields(changed), std::tuple(1, 0.0, 1.0, false, true, false, true, std::optional(9.0),
+                                        1.5, false, false, std::size_t{1}, std::size_t{2}));
+}
+
+TEST(Policy, BackoffDoubles) {
+  const std::vector<std::tuple<double, int, double>> table{
+      {1.0, 1, 1.0}, {1.0, 2, 2.0}, {1.0, 3, 4.0}, {0.5, 1, 0.5},
+      {0.5, 3, 2.0}, {1.0, 0, 0.5}, {0.0, 9, 0.0}, {1.0, 101, 0x1p100}};
+  for (const auto& [backoff_s, failed, expected] : table) {
+    EXPECT_EQ(RetryPolicy{.backoff_s = backoff_s}.backoff(failed), expected);
+  }
+}
+
+struct WaitCase {
+  double seconds;
+  double poll_s;
+  int stop_at_ask;  // the ask that first says stop, counted from 1; 0: never
+  std::size_t sleeps;
+  int asks;
+  bool stopped;
+};
+
+TEST(WaitUnlessStopped, SleepsInStepsAndAsksBetween) {
+  const std::vector<WaitCase> table{
+      {1.0, 0.1, 0, 11, 12, false},  // ten steps and the remainder of ten subtractions
+      {0.25, 0.1, 0, 3, 4, false},   //
+      {0.0, 0.1, 0, 0, 1, false},    //
+      {-1.0, 0.1, 1, 0, 1, true},    //
+      {1.0, 0.1, 1, 0, 1, true},     // from the start
+      {1.0, 0.1, 4, 3, 4, true},     // after three sleeps
+      {0.25, 0.1, 4, 3, 4, true},    // only at the last ask
+      {0.5, 2.0, 0, 1, 2, false},    // one step is enough
+  };
+  for (const WaitCase& c : table) {
+    std::vector<double> sleeps;
+    int asks = 0;
+    const bool stopped = wait_unless_stopped(
+        c.seconds, [&] { return ++asks == c.stop_at_ask; },
+        {.sleep = [&](double step) { sleeps.push_back(step); }, .poll_s = c.poll_s});
+    EXPECT_EQ(sleeps.size(), c.sleeps) << c.seconds;
+    EXPECT_EQ(asks, c.asks) << c.seconds;
+    EXPECT_EQ(stopped, c.stopped) << c.seconds;
+    if (c.sleeps > 1 && !c.stopped) {
+      EXPECT_EQ(sleeps[0], 0.1);
+      EXPECT_LT(sleeps.back(), 0.051);
+    }
+  }
+  std::vector<double> longest;
+  wait_unless_stopped(0.5, _never, {.sleep = [&](double s) { longest.push_back(s); }, .poll_s = 2});
+  EXPECT_EQ(longest, std::vector{0.5});
+}
+
+TEST(WaitUnlessStopped, ReallySleepsAndLetsErrorsThrough) {
+  const double start = monotonic();
+  EXPECT_FALSE(wait_unless_stopped(0.02, _never));
+  EXPECT_GE(monotonic() - start, 0.02);
+  EXPECT_THROW(wait_unless_stopped(1, []() -> bool { throw std::out_of_range("ask"); }),
+               std::out_of_range);
+}
+
+}  // namespace
+}  // namespace engines::http
