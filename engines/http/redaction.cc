@@ -1,0 +1,206 @@
+#include "engines/http/redaction.h"
+
+#define PCRE2_CODE_UNIT_WIDTH 8
+#include <pcre2.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "engines/http/detail/text.h"
+
+namespace engines::http {
+namespace {
+
+/// Beyond the longest secret, how much further an excerpt redacts than it quotes.
+constexpr std::size_t EXCERPT_MARGIN_CHARS = 64;
+
+// ---- Echoes -------------------------------------------------------------------------------------
+
+/// The engine's own `\s` takes U+180E, which is not white space: its classes are spelled out.
+std::string with_white_space_spelled_out(std::string_view pattern) {
+  constexpr std::string_view WHITE_SPACE = R"(\x09-\x0d\x20\x{85}\p{Z})";
+  std::string spelled;
+  bool in_class = false;
+  for (std::size_t i = 0; i < pattern.size(); ++i) {
+    if (pattern.substr(i, 2) == "\\s") {
+      spelled += in_class ? "" : "[";
+      spelled += WHITE_SPACE;
+      spelled += in_class ? "" : "]";
+      ++i;
+    } else if (pattern[i] == '\\') {
+      spelled += pattern.substr(i++, 2);
+    } else {
+      if (pattern[i] == '[' || pattern[i] == ']') in_class = pattern[i] == '[';
+      spelled += pattern[i];
+    }
+  }
+  return spelled;
+}
+
+/// One compiled expression, shared by all threads. Null when the engine refused it.
+class Echo {
+ public:
+  explicit Echo(std::string_view pattern) {
+    const std::string spelled = with_white_space_spelled_out(pattern);
+    int error = 0;
+    PCRE2_SIZE offset = 0;
+    code_.reset(pcre2_compile(reinterpret_cast<PCRE2_SPTR>(spelled.data()), spelled.size(),
+                              PCRE2_UTF | PCRE2_UCP, &error, &offset, nullptr));
+    if (code_) pcre2_jit_compile(code_.get(), PCRE2_JIT_COMPLETE);  // without it: slower, the same
+    context_.reset(pcre2_match_context_create(nullptr));
+    if (context_) pcre2_set_match_limit(context_.get(), UINT32_MAX);
+  }
+
+  /// The text, which is valid UTF-8, with each credential replaced; none when the engine failed.
+  std::optional<std::string> redact(std::string_view text) const {
+    if (!code_ || !context_) return std::nullopt;
+    const std::unique_ptr<pcre2_match_data, decltype(&pcre2_match_data_free)> match(
+        pcre2_match_data_create_from_pattern(code_.get(), nullptr), &pcre2_match_data_free);
+    if (!match) return std::nullopt;
+    const PCRE2_SIZE* const ends = pcre2_get_ovector_pointer(match.get());
+    std::string redacted;
+    std::size_t position = 0;
+    while (true) {
+      const int groups =
+          pcre2_match(code_.get(), reinterpret_cast<PCRE2_SPTR>(text.data()), text.size(), position,
+                      PCRE2_NO_UTF_CHECK, match.get(), context_.get());
+      if (groups == PCRE2_ERROR_NOMATCH) break;
+      if (groups < 0) return std::nullopt;
+      const std::size_t match_end = ends[1];
+      const std::size_t kept_end = ends[3];  // of group 1
+      redacted += text.substr(position, kept_end - position);
+      redacted += REDACTED;
+      position = match_end;  // a match is never empty
+    }
+    return redacted += text.substr(position);
+  }
+
+ private:
+  struct Free {
+    void operator()(pcre2_code* code) const { pcre2_code_free(code); }
+    void operator()(pcre2_match_context* context) const { pcre2_match_context_free(context); }
+  };
+  std::unique_ptr<pcre2_code, Free> code_;
+  std::unique_ptr<pcre2_match_context, Free> context_;
+};
+
+const std::array<Echo, detail::ECHOES.size()>& echoes() {
+  static const std::array compiled{Echo(detail::ECHOES[0]), Echo(detail::ECHOES[1])};
+  return compiled;
+}
+
+// ---- Known secrets ------------------------------------------------------------------------------
+
+void replace_all(std::string& text, std::string_view secret) {
+  std::string replaced;
+  std::string_view rest = text;
+  while (const void* found = memmem(rest.data(), rest.size(), secret.data(), secret.size())) {
+    const auto before = static_cast<std::size_t>(static_cast<const char*>(found) - rest.data());
+    replaced += rest.substr(0, before);
+    replaced += REDACTED;
+    rest.remove_prefix(before + secret.size());
+  }
+  if (rest.size() == text.size()) return;
+  replaced += rest;
+  text = std::move(replaced);
+}
+
+/// The distinct secrets that are long enough to count, longest first.
+std::vector<std::string_view> by_length(const std::vector<std::string>& secrets) {
+  std::vector<std::pair<std::size_t, std::string_view>> sized;
+  for (const std::string& secret : secrets) {
+    const std::size_t chars = detail::length(secret);
+    if (chars >= detail::MIN_SECRET_CHARS) sized.emplace_back(chars, secret);
+  }
+  std::ranges::sort(sized, std::ranges::greater());
+  std::vector<std::string_view> ordered;
+  for (const auto& [chars, secret] : sized) {
+    if (ordered.empty() || ordered.back() != secret) ordered.push_back(secret);
+  }
+  return ordered;
+}
+
+void remove_secrets(std::string& text, const std::vector<std::string>& secrets) {
+  for (const std::string_view secret : by_length(secrets)) {
+    replace_all(text, secret);
+    text = _without_cut_secret(std::move(text), secret);
+  }
+}
+
+}  // namespace
+
+const std::vector<std::string>& Secrets::items() const noexcept {
+  static const std::vector<std::string> none;
+  return secrets_ ? *secrets_ : none;
+}
+
+Secrets Secrets::followed_by(const Secrets& others) const {
+  if (others.empty()) return *this;
+  if (empty()) return others;
+  std::vector<std::string> joined = items();
+  joined.insert(joined.end(), others.begin(), others.end());
+  return joined;
+}
+
+Secrets secrets_of(const Headers& headers) {
+  std::vector<std::string> found;
+  for (const auto& [name, value] : headers) {
+    const bool secret = std::ranges::find(detail::SECRET_HEADERS, detail::lower(name)) !=
+                        detail::SECRET_HEADERS.end();
+    if (!secret || value.empty()) continue;
+    found.push_back(value);
+    const std::string_view trimmed = detail::trim(value);
+    const std::size_t space = trimmed.find(' ');
+    if (space == std::string_view::npos) continue;
+    const std::string_view credential = detail::trim(trimmed.substr(space));
+    if (!credential.empty()) found.emplace_back(credential);
+  }
+  return found;
+}
+
+std::string _without_cut_secret(std::string text, std::string_view secret) {
+  // A start of the secret that ends the text is one in bytes as in characters: both are UTF-8.
+  const std::size_t chars = detail::length(secret);
+  if (chars <= detail::MIN_SECRET_CHARS) return text;
+  const std::size_t shortest = detail::first_chars(secret, detail::MIN_SECRET_CHARS).size();
+  const std::size_t longest = std::min(detail::first_chars(secret, chars - 1).size(), text.size());
+  for (std::size_t size = longest; size >= shortest; --size) {
+    if (text.ends_with(secret.substr(0, size))) {
+      text.replace(text.size() - size, size, REDACTED);
+      break;
+    }
+  }
+  return text;
+}
+
+std::string redact(std::string_view text, const Secrets& secrets) {
+  std::string redacted(text);
+  std::vector<std::string> decoded;
+  std::vector<std::string> ill_formed;
+  for (const std::string& secret : secrets) {
+    if (!detail::is_utf8(secret)) ill_formed.push_back(secret);
+    decoded.push_back(detail::decode_utf8(secret));
+  }
+  // A secret that is not UTF-8 may stand in the text as its own bytes or as they were decoded.
+  remove_secrets(redacted, ill_formed);
+  redacted = detail::decode_utf8(std::move(redacted));
+  remove_secrets(redacted, decoded);
+  for (const Echo& echo : echoes()) {
+    std::optional<std::string> without = echo.redact(redacted);
+    if (!without) return std::string(REDACTED);  // better nothing than a secret
+    redacted = std::move(*without);
+  }
+  return redacted;
+}
+
+std::string excerpt(std::string_view text, const Secrets& secrets, std::size_t limit) {
+  std::size_t margin = EXCERPT_MARGIN_CHARS;
+  for (const std::string& secret : secrets) {
+    margin = std::max(margin, detail::length(secret) + EXCERPT_MARGIN_CHARS);
+  }
+  const std::size_t stretch = limit + std::min(margin, SIZE_MAX - limit);
+  const std::string redacted = redact(detail::first_chars(text, stretch), secrets);
+  return std::string(detail::first_chars(redacted, limit));
+}
+
+}  // namespace engines::http
