@@ -1,0 +1,121 @@
+#include "engines/http/classification.h"
+
+#include <algorithm>
+
+#include "engines/http/detail/text.h"
+#include "engines/http/detail/type_name.h"
+
+namespace engines::http {
+namespace {
+
+template <class... Kinds>
+bool is_any_of(const auto* error) noexcept {
+  return (... || (dynamic_cast<const Kinds*>(error) != nullptr));
+}
+
+/// The transport failures that are worth another attempt when they carry no status.
+bool is_transient_kind(const ErrorRef& error) noexcept {
+  return is_any_of<TimeoutError, ConnectionError, gaierror, URLError>(error.as_os_error()) ||
+         is_any_of<IncompleteRead, BadStatusLine>(error.as_http_exception());
+}
+
+std::string read_error_body(Response& body) {
+  try {
+    return detail::decode_utf8(body.read(detail::ERROR_BODY_BYTES));
+  } catch (const OSError&) {
+  } catch (const HTTPException&) {
+  } catch (const ValueError&) {
+  }
+  return {};  // the status still says what happened
+}
+
+}  // namespace
+
+std::string ErrorRef::type_name() const { return detail::type_name(*type_); }
+
+std::optional<StatusCode> ErrorRef::status_code() const {
+  return as_carrier_ ? as_carrier_->status_code() : status_code_(object_);
+}
+
+std::string ErrorRef::header(const char* name) const {
+  if (const HTTPError* const error = as_http_error())
+    return detail::foreign::header_in(*error, name);
+  return as_carrier_ ? detail::foreign::header_in(*as_carrier_, name) : header_(object_, name);
+}
+
+const HTTPError* ErrorRef::as_http_error() const noexcept {
+  return dynamic_cast<const HTTPError*>(as_os_error_);
+}
+
+std::optional<StatusCode> status_of(const ErrorRef& error) {
+  if (const HTTPError* const http_error = error.as_http_error()) return http_error->code();
+  return error.status_code();
+}
+
+bool is_transient(const ErrorRef& error, const StatusSet& statuses) {
+  if (const auto status = status_of(error)) return statuses.contains(*status);
+  if (is_transient_kind(error)) return true;
+  const std::string name = detail::lower(error.type_name());
+  return std::ranges::any_of(detail::TRANSIENT_NAMES, [&name](std::string_view marker) {
+    return name.find(marker) != std::string::npos;
+  });
+}
+
+std::string content_type(const ErrorRef& reply) {
+  return detail::lower(reply.header("Content-Type"));
+}
+
+FailurePtr classify(const ErrorRef& error, const RetryPolicy& policy, const Secrets& secrets) {
+  if (const auto status = status_of(error)) {
+    const HTTPError* const http_error = error.as_http_error();
+    const std::string body = http_error ? _error_body(*http_error) : error.text();
+    return _status_failure(*status, body, content_type(error), policy, secrets);
+  }
+  const std::string text = excerpt(error.text(), secrets, policy.detail_chars);
+  const bool of_network = error.as_os_error() || error.as_http_exception();
+  const std::string message = (of_network ? "network error" : error.type_name()) + ": " + text;
+  if (is_transient(error)) return Retryable(message, {.detail = text});
+  return HttpFailure(message, {.detail = text});
+}
+
+FailurePtr _status_failure(StatusCode status, std::string_view body, std::string_view kind,
+                           const RetryPolicy& policy, const Secrets& secrets) {
+  const FailureFields fields{.status = status,
+                             .detail = excerpt(body, secrets, policy.detail_chars)};
+  std::string message = "HTTP " + std::to_string(status);
+  std::optional<std::string> reason;
+  if (policy.refusal_reason) reason = policy.refusal_reason(body, kind);
+  const bool recognised = reason && !reason->empty();
+  if (recognised || policy.refusal_statuses.contains(status)) {
+    if (recognised) message += ", " + *reason;
+    return Refused(message, fields);
+  }
+  if (policy.retry_statuses.contains(status)) return Retryable(message, fields);
+  return HttpFailure(message + ": " + fields.detail, fields);
+}
+
+std::string _error_body(const HTTPError& error) {
+  Response& body = error.body();
+  std::string text;
+  try {
+    text = read_error_body(body);
+  } catch (...) {
+    body.close();
+    throw;
+  }
+  body.close();
+  return text;
+}
+
+std::optional<std::string> html_page(std::string_view body, std::string_view content_type) {
+  constexpr std::size_t START_CHARS = 64;
+  const std::string start =
+      detail::lower(detail::first_chars(detail::trim_start_and_separators(body), START_CHARS));
+  const bool labelled = detail::lower(content_type).find("text/html") != std::string::npos;
+  if (labelled || start.starts_with("<!doctype html") || start.starts_with("<html")) {
+    return "an HTML page";
+  }
+  return std::nullopt;
+}
+
+}  // namespace engines::http

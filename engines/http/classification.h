@@ -1,0 +1,138 @@
+// Sorts a failure: which HTTP status it carries, whether it is worth another attempt, and which
+// failure kind it becomes under a policy. Any error will do, of this library or of another:
+//
+//   FailurePtr failure;
+//   try {
+//     return service.complete(prompt);
+//   } catch (const ServiceError& error) {
+//     failure = classify(error, policy, secrets);
+//   }
+//   failure.raise();  // outside the handler, so that nothing of the error travels with it
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <exception>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <typeinfo>
+
+#include "engines/http/detail/foreign.h"
+#include "engines/http/failure.h"
+#include "engines/http/policy.h"
+#include "engines/http/redaction.h"
+#include "engines/http/transport.h"
+
+namespace engines::http {
+
+/// A base for errors that show their status and headers even to code that knows them only as
+/// `std::exception`. Where the error's own type is known, a member or accessor named `status_code`
+/// (an integer) and one named `headers` (with `get(name)`) are enough.
+class CarriesStatus {
+ public:
+  virtual ~CarriesStatus() = default;
+  virtual std::optional<StatusCode> status_code() const = 0;
+  virtual const Headers* headers() const { return nullptr; }
+};
+
+/// Any error or reply, as the library sees it: a view, valid while the object lives. Converts from
+/// an object of whatever type.
+class ErrorRef {
+ public:
+  template <class E>
+  requires(!std::same_as<E, ErrorRef>) ErrorRef(const E& error)
+      : object_(&error),
+        type_(&typeid(error)),
+        as_os_error_(cast<OSError>(error)),
+        as_http_exception_(cast<HTTPException>(error)),
+        as_carrier_(cast<CarriesStatus>(error)),
+        message_([](const void* object) { return detail::foreign::message_of(as<E>(object)); }),
+        status_code_(
+            [](const void* object) { return detail::foreign::status_code_of(as<E>(object)); }),
+        header_([](const void* object, const char* name) {
+          return detail::foreign::header_in(as<E>(object), name);
+        }) {}
+
+  /// The error's own text.
+  std::string text() const { return message_(object_); }
+  /// The plain name of the error's own, most-derived type, as it is declared.
+  std::string type_name() const;
+  /// Its `status_code`, when that is an integer.
+  std::optional<StatusCode> status_code() const;
+  /// The value of one of its headers; empty when there is none.
+  std::string header(const char* name) const;
+
+  const OSError* as_os_error() const noexcept { return as_os_error_; }
+  const HTTPException* as_http_exception() const noexcept { return as_http_exception_; }
+  const HTTPError* as_http_error() const noexcept;
+
+ private:
+  template <class E>
+  static const E& as(const void* object) {
+    return *static_cast<const E*>(object);
+  }
+
+  template <class Kind, class E>
+  static const Kind* cast(const E& error) noexcept {
+    if constexpr (std::is_convertible_v<const E*, const Kind*>) {
+      return &error;
+    } else if constexpr (std::is_polymorphic_v<E>) {
+      return dynamic_cast<const Kind*>(&error);
+    } else {
+      return nullptr;
+    }
+  }
+
+  const void* object_;
+  const std::type_info* type_;
+  const OSError* as_os_error_;
+  const HTTPException* as_http_exception_;
+  const CarriesStatus* as_carrier_;
+  std::string (*message_)(const void*);
+  std::optional<StatusCode> (*status_code_)(const void*);
+  std::string (*header_)(const void*, const char*);
+};
+
+/// The HTTP status that a failure carries: an `HTTPError`'s code, else its integer `status_code`,
+/// of any range; none when it has neither.
+std::optional<StatusCode> status_of(const ErrorRef& error);
+
+/// Whether a failure is worth another attempt: one with a status when `statuses` contains it; one
+/// without when it is a transient kind of transport failure, or when its own type's name contains
+/// "timeout" or "connection" in whatever case. Pass the policy's `retry_statuses` to judge under
+/// it.
+bool is_transient(const ErrorRef& error, const StatusSet& statuses = TRANSIENT_STATUSES);
+
+/// The `Content-Type` of a reply, a failure or any object with headers, in lower case and otherwise
+/// as it came; empty when there is none.
+std::string content_type(const ErrorRef& reply);
+
+/// What a failure becomes under a policy: `Refused`, `Retryable` or a plain `HttpFailure`, built of
+/// text without the secrets. An `HTTPError`'s body is read (its first 4096 bytes, at most) and
+/// closed. Throws nothing of its own; what the policy's `refusal_reason` throws passes through.
+FailurePtr classify(const ErrorRef& error, const RetryPolicy& policy, const Secrets& secrets = {});
+
+/// A ready-made `refusal_reason` for an endpoint behind a proxy: "an HTML page" when the content
+/// type says so or the body begins like one, else none.
+std::optional<std::string> html_page(std::string_view body, std::string_view content_type);
+
+/// The failure for a status, a body's text and its content type.
+FailurePtr _status_failure(StatusCode status, std::string_view body, std::string_view kind,
+                           const RetryPolicy& policy, const Secrets& secrets);
+
+/// The start of an error reply's body, from one read; empty when it cannot be read. Closes the
+/// body.
+std::string _error_body(const HTTPError& error);
+
+namespace detail {
+
+/// The most bytes read from the body of an error reply.
+inline constexpr std::size_t ERROR_BODY_BYTES = 4096;
+
+/// What the own type name of a transient failure contains, in lower case.
+inline constexpr std::array<std::string_view, 2> TRANSIENT_NAMES = {"timeout", "connection"};
+
+}  // namespace detail
+}  // namespace engines::http

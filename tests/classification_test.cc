@@ -1,0 +1,320 @@
+#include "engines/http/classification.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "engines/http/detail/text.h"
+#include "engines/http/testing.h"
+
+// Errors of libraries that this one has never seen.
+namespace service {
+
+struct Error : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+struct ReadTimeout : Error {
+  using Error::Error;
+};
+struct SlowReply : ReadTimeout {
+  using ReadTimeout::ReadTimeout;
+};
+template <class T>
+struct PoolTimeout : Error {
+  struct Nested {};
+  using Error::Error;
+};
+struct TIMEOUT {};
+struct ApiConnectionError {};
+struct ConnectError {};
+struct ServiceUnavailable : std::exception {
+  const char* what() const noexcept override { return "out of service"; }
+};
+
+template <class Code>
+struct WithMember {
+  Code status_code;
+  const char* what() const { return "the body, with s3cr3t-k3y in it"; }
+};
+template <class Code>
+struct WithAccessor {
+  Code code;
+  Code status_code() const { return code; }
+};
+struct Lookup {
+  std::map<std::string, std::string> values;
+  const std::string* get(const std::string& name) const {
+    const auto found = values.find(name);
+    return found == values.end() ? nullptr : &found->second;
+  }
+};
+struct WithHeaders {
+  Lookup headers;
+};
+struct WithBareMap {
+  std::map<std::string, std::string> headers;
+};
+struct Carrier : Error, engines::http::CarriesStatus {
+  using Error::Error;
+  std::optional<engines::http::StatusCode> status_code() const override { return 503; }
+  const engines::http::Headers* headers() const override { return &shown; }
+  engines::http::Headers shown{{"content-type", "Text/Plain"}};
+};
+
+}  // namespace service
+
+namespace engines::http {
+namespace {
+
+using testing::Piece;
+using testing::ReplyScript;
+using testing::ScriptedReply;
+
+struct PoolTimeout {};
+
+HTTPError http_error(StatusCode code, std::string body = "", Headers headers = {}) {
+  return {code, std::move(headers),
+          std::make_shared<ScriptedReply>(std::vector<Piece>{std::move(body)})};
+}
+
+template <class Error>
+std::string name_of(const Error& error) {
+  return ErrorRef(error).type_name();
+}
+
+TEST(TypeName, IsTheTypesOwnAsItIsDeclared) {
+  struct Local {};
+  const auto lambda = [] {
+    struct InLambda {};
+    return InLambda();
+  };
+  EXPECT_EQ(name_of(service::ReadTimeout("")), "ReadTimeout");
+  EXPECT_EQ(name_of(PoolTimeout()), "PoolTimeout");
+  EXPECT_EQ(name_of(service::PoolTimeout<std::vector<Local>>("")), "PoolTimeout");
+  EXPECT_EQ(name_of(service::PoolTimeout<PoolTimeout>::Nested()), "Nested");
+  EXPECT_EQ(name_of(Local()), "Local");
+  EXPECT_EQ(name_of(lambda()), "InLambda");
+  EXPECT_EQ(name_of(std::string()), "basic_string");
+  EXPECT_EQ(name_of(7), "int");
+  const service::SlowReply slow("");
+  EXPECT_EQ(name_of(static_cast<const std::exception&>(slow)), "SlowReply");
+}
+
+TEST(StatusOf, OnlyAnIntegerCounts) {
+  EXPECT_EQ(status_of(http_error(404)), 404);
+  EXPECT_EQ(status_of(static_cast<const std::exception&>(http_error(404))), 404);
+  EXPECT_EQ(status_of(service::WithMember<int>{0}), 0);
+  EXPECT_EQ(status_of(service::WithMember<unsigned char>{200}), 200);
+  EXPECT_EQ(status_of(service::WithAccessor<long long>{-999}), -999);
+  EXPECT_EQ(status_of(service::WithMember<std::optional<short>>{503}), 503);
+  EXPECT_EQ(status_of(service::WithMember<std::optional<short>>{}), std::nullopt);
+  EXPECT_EQ(status_of(service::WithMember<bool>{true}), std::nullopt);
+  EXPECT_EQ(status_of(service::WithMember<double>{503.0}), std::nullopt);
+  EXPECT_EQ(status_of(service::WithMember<char>{'5'}), std::nullopt);
+  EXPECT_EQ(status_of(service::WithMember<std::string>{"503"}), std::nullopt);
+  EXPECT_EQ(status_of(service::WithAccessor<const char*>{"503"}), std::nullopt);
+  EXPECT_EQ(status_of(service::WithMember<std::uint64_t>{UINT64_MAX}), std::nullopt);
+  EXPECT_EQ(status_of(service::Carrier("")), 503);
+  EXPECT_EQ(status_of(static_cast<const std::exception&>(service::Carrier(""))), 503);
+  EXPECT_EQ(status_of(TimeoutError("")), std::nullopt);
+}
+
+TEST(IsTransient, StatusThenKindThenName) {
+  const std::vector<std::pair<bool, bool>> table{
+      {is_transient(http_error(503)), true},
+      {is_transient(http_error(404)), false},
+      {is_transient(http_error(503), {}), false},
+      {is_transient(http_error(404), {404}), true},
+      {is_transient(service::WithMember<int>{200}), false},
+      {is_transient(service::WithMember<bool>{true}), false},
+      {is_transient(TimeoutError("")), true},
+      {is_transient(ConnectionError("")), true},
+      {is_transient(gaierror("")), true},
+      {is_transient(URLError("")), true},
+      {is_transient(IncompleteRead("")), true},
+      {is_transient(BadStatusLine("")), true},
+      {is_transient(DroppedConnection("")), true},
+      {is_transient(static_cast<const std::exception&>(IncompleteRead(""))), true},
+      {is_transient(OSError("timeout")), false},
+      {is_transient(HTTPException("")), false},
+      {is_transient(service::ReadTimeout("")), true},
+      {is_transient(service::SlowReply("timeout")), false},
+      {is_transient(service::TIMEOUT()), true},
+      {is_transient(PoolTimeout()), true},
+      {is_transient(service::ApiConnectionError()), true},
+      {is_transient(service::ConnectError()), false},
+      {is_transient(service::ServiceUnavailable()), false},
+      {is_transient(7), false},
+  };
+  for (std::size_t i = 0; i < table.size(); ++i) {
+    EXPECT_EQ(table[i].first, table[i].second) << "row " << i;
+  }
+}
+
+TEST(ContentType, LowersTheWholeValueAndTrimsNothing) {
+  const auto labelled = [](std::string value) {
+    return http_error(500, "", {{"content-TYPE", std::move(value)}});
+  };
+  EXPECT_EQ(content_type(labelled("text/HTML; Charset=UTF-8")), "text/html; charset=utf-8");
+  EXPECT_EQ(content_type(labelled(" \u00c4\u0130 ")), " \u00e4i\u0307 ");
+  EXPECT_EQ(content_type(labelled("A\xff")), "a\xff");
+  EXPECT_EQ(content_type(labelled("")), "");
+  EXPECT_EQ(content_type(http_error(500)), "");
+  EXPECT_EQ(content_type(ScriptedReply({}, {.headers = std::nullopt})), "");
+  EXPECT_EQ(content_type(ScriptedReply({}, {.headers = Headers{{"Content-Type", "A/B"}}})), "a/b");
+  EXPECT_EQ(content_type(service::WithHeaders{{{{"Content-Type", "X/Y"}}}}), "x/y");
+  EXPECT_EQ(content_type(service::WithHeaders{{{{"content-type", "X/Y"}}}}), "");
+  EXPECT_EQ(content_type(service::WithBareMap{{{"Content-Type", "X/Y"}}}), "");
+  EXPECT_EQ(content_type(service::Carrier("")), "text/plain");
+  EXPECT_EQ(content_type(7), "");
+}
+
+struct ClassifyCase {
+  std::function<FailurePtr(const RetryPolicy&)> classified;
+  RetryPolicy policy;
+  const std::type_info& kind;
+  std::string message;
+  std::optional<StatusCode> status;
+  std::string detail;
+};
+
+template <class Error>
+std::function<FailurePtr(const RetryPolicy&)> classifying(Error error, Secrets secrets = {}) {
+  return [error, secrets](const RetryPolicy& policy) { return classify(error, policy, secrets); };
+}
+
+std::optional<std::string> silent(std::string_view, std::string_view) { return ""; }
+std::optional<std::string> teapot(std::string_view body, std::string_view kind) {
+  return body.find("teapot") == std::string_view::npos ? std::nullopt
+                                                       : std::optional(std::string(kind));
+}
+
+TEST(Classify, SortsEveryFailureIntoItsKind) {
+  const Headers html{{"Content-Type", "text/html; charset=utf-8"}};
+  const RetryPolicy plain;
+  const RetryPolicy pages{.refusal_statuses = {403}, .refusal_reason = html_page};
+  const std::vector<ClassifyCase> table{
+      {classifying(http_error(503, "busy")), plain, typeid(Retryable), "HTTP 503", 503, "busy"},
+      {classifying(http_error(404, "gone")), plain, typeid(HttpFailure), "HTTP 404: gone", 404,
+       "gone"},
+      {classifying(http_error(403, "no")), pages, typeid(Refused), "HTTP 403", 403, "no"},
+      {classifying(http_error(403, "no", html)), pages, typeid(Refused), "HTTP 403, an HTML page",
+       403, "no"},
+      {classifying(http_error(503, "x", html)), pages, typeid(Refused), "HTTP 503, an HTML page",
+       503, "x"},
+      {classifying(http_error(503, "<HTML>")), pages, typeid(Refused), "HTTP 503, an HTML page",
+       503, "<HTML>"},
+      {classifying(http_error(503, "x")),
+       {.refusal_statuses = {503}},
+       typeid(Refused),
+       "HTTP 503",
+       503,
+       "x"},
+      {classifying(http_error(503, "x")),
+       {.refusal_reason = silent},
+       typeid(Retryable),
+       "HTTP 503",
+       503,
+       "x"},
+      {classifying(http_error(500, "teapot", {{"Content-Type", "A"}})),
+       {.refusal_reason = teapot},
+       typeid(Refused),
+       "HTTP 500, a",
+       500,
+       "teapot"},
+      {classifying(http_error(500, "12345")),
+       {.retry_statuses = {}, .detail_chars = 3},
+       typeid(HttpFailure),
+       "HTTP 500: 123",
+       500,
+       "123"},
+      {classifying(http_error(418, "my-secret-key"), {"my-secret-key"}), plain, typeid(HttpFailure),
+       "HTTP 418: [redacted]", 418, "[redacted]"},
+      {classifying(service::WithMember<int>{429}, {"s3cr3t-k3y"}), plain, typeid(Retryable),
+       "HTTP 429", 429, "the body, with [redacted] in it"},
+      {classifying(TimeoutError("too slow")), plain, typeid(Retryable), "network error: too slow",
+       std::nullopt, "too slow"},
+      {classifying(URLError(ConnectionError("refused"))), plain, typeid(Retryable),
+       "network error: refused", std::nullopt, "refused"},
+      {classifying(IncompleteRead("cut bearer abc"), {}), plain, typeid(Retryable),
+       "network error: cut bearer [redacted]", std::nullopt, "cut bearer [redacted]"},
+      {classifying(OSError("disk")), plain, typeid(HttpFailure), "network error: disk",
+       std::nullopt, "disk"},
+      {classifying(HTTPException("odd")), plain, typeid(HttpFailure), "network error: odd",
+       std::nullopt, "odd"},
+      {classifying(service::ReadTimeout("slow")),
+       {.retry_statuses = {}},
+       typeid(Retryable),
+       "ReadTimeout: slow",
+       std::nullopt,
+       "slow"},
+      {classifying(service::ServiceUnavailable()), plain, typeid(HttpFailure),
+       "ServiceUnavailable: out of service", std::nullopt, "out of service"},
+      {classifying(std::string("just text")), plain, typeid(HttpFailure), "basic_string: just text",
+       std::nullopt, "just text"},
+  };
+  for (const ClassifyCase& c : table) {
+    const FailurePtr failure = c.classified(c.policy);
+    EXPECT_EQ(typeid(*failure), c.kind) << c.message;
+    EXPECT_EQ(failure->message(), c.message);
+    EXPECT_EQ(failure->status(), c.status) << c.message;
+    EXPECT_EQ(failure->detail(), c.detail) << c.message;
+  }
+}
+
+TEST(Classify, ReadsAnErrorBodyOnceAndAlwaysClosesIt) {
+  const auto classified = [](
+                              std::vector<Piece> pieces, std::shared_ptr<ScriptedReply>& reply,
+                              std::function<void()> on_close = [] {}) {
+    reply = std::make_shared<ScriptedReply>(std::move(pieces),
+                                            ReplyScript{.has_read1 = true, .on_close = on_close});
+    return classify(HTTPError(404, {}, reply), {.detail_chars = 5000});
+  };
+  std::shared_ptr<ScriptedReply> reply;
+
+  const std::string split = std::string(4095, 'x') + "\u00e9" + std::string(9000, 'y');
+  EXPECT_EQ(classified({split}, reply)->detail(), std::string(4095, 'x') + "\uFFFD");
+  EXPECT_EQ(reply->reads(), std::vector<std::size_t>{4096});
+  EXPECT_EQ(reply->closes(), 1);
+
+  for (const Piece& failing : std::vector<Piece>{TimeoutError("t"), IncompleteRead("i"),
+                                                 ValueError("closed"), ConnectionError("c")}) {
+    EXPECT_EQ(classified({failing}, reply)->message(), "HTTP 404: ");
+    EXPECT_EQ(reply->closes(), 1);
+  }
+  EXPECT_THROW(classified({std::out_of_range("bug")}, reply), std::out_of_range);
+  EXPECT_EQ(reply->closes(), 1);
+  EXPECT_THROW(classified({"body"}, reply, [] { throw ConnectionError("close"); }),
+               ConnectionError);
+  EXPECT_THROW(classify(http_error(500),
+                        {.refusal_reason = [](std::string_view, std::string_view)
+                             -> std::optional<std::string> { throw std::out_of_range("rule"); }}),
+               std::out_of_range);
+}
+
+TEST(HtmlPage, BySubtypeOrByTheStartOfTheText) {
+  const std::vector<std::tuple<std::string, std::string, bool>> table{
+      {"{}", "TEXT/HTML", true},
+      {"{}", "application/json", false},
+      {" \t\r\n\u00a0\u3000\x1c\x1f<!DOCTYPE HTML>", "", true},
+      {"<html lang=en>", "", true},
+      {"<HTML", "", true},
+      {"<!doctype  html>", "", false},
+      {"\uFEFF<html>", "", false},
+      {"\u180e<html>", "", false},
+      {"{\"a\": \"<html>\"}", "", false},
+      {"", "", false},
+      {"\xff<html>", "", false},
+  };
+  for (const auto& [body, kind, is_page] : table) {
+    EXPECT_EQ(html_page(body, kind), is_page ? std::optional("an HTML page") : std::nullopt)
+        << body;
+  }
+}
+
+}  // namespace
+}  // namespace engines::http
