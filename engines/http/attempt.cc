@@ -1,0 +1,88 @@
+#include "engines/http/attempt.h"
+
+#include <algorithm>
+
+#include "engines/http/classification.h"
+#include "engines/http/curl_transport.h"
+
+namespace engines::http {
+namespace {
+
+/// The headers of a request with a JSON body. Content-Type comes first, with the caller's value
+/// where the caller's name is spelled the same; `Request` settles the names that differ in case.
+Headers with_content_type(const Headers& given) {
+  constexpr std::string_view CONTENT_TYPE = "Content-Type";
+  Headers headers;
+  headers.add(std::string(CONTENT_TYPE), "application/json");
+  for (const auto& [name, value] : given) {
+    if (name == CONTENT_TYPE) {
+      headers.set(name, value);
+    } else {
+      headers.add(name, value);
+    }
+  }
+  return headers;
+}
+
+/// Runs the reader. A network failure of its reads is returned classified, any other is thrown.
+FailurePtr read_or_failure(Response& reply, const std::function<void(Response&)>& read,
+                           const RetryPolicy& policy, const Secrets& secrets) {
+  try {
+    read(reply);
+    return nullptr;
+  } catch (const OSError& error) {
+    return classify(error, policy, secrets);
+  } catch (const HTTPException& error) {
+    return classify(error, policy, secrets);
+  }
+}
+
+}  // namespace
+
+void detail::send(std::string_view url, const AttemptFields& fields,
+                  const std::function<void(Response&)>& read) {
+  std::optional<std::string> data = encode_body(fields.body);
+  Headers headers = data ? with_content_type(fields.headers) : fields.headers;
+  const Secrets hidden = fields.secrets.followed_by(secrets_of(headers));
+  const Request request(std::string(url), {.data = std::move(data),
+                                           .headers = std::move(headers),
+                                           .method = std::string(fields.method)});
+
+  const ReplyOrFailure outcome =
+      fields.transport
+          ? _reply_or_failure(fields.transport, request, fields.timeout, fields.policy, hidden)
+          : _reply_or_failure(urlopen_transport, request, fields.timeout, fields.policy, hidden);
+  // Thrown here, where no error of the transport is being handled: none travels with it.
+  if (const FailurePtr* const failure = std::get_if<FailurePtr>(&outcome)) failure->raise();
+
+  Response& reply = *std::get<std::shared_ptr<Response>>(outcome);
+  FailurePtr failure;
+  try {
+    failure = read_or_failure(reply, read, fields.policy, hidden);
+  } catch (...) {
+    reply.close();
+    throw;
+  }
+  reply.close();
+  if (failure) failure.raise();
+}
+
+ReplyOrFailure _reply_or_failure(const Transport& transport, const Request& request, double timeout,
+                                 const RetryPolicy& policy, const Secrets& secrets) {
+  try {
+    std::shared_ptr<Response> reply = transport(request, {.timeout = timeout});
+    if (!reply) throw ValueError("the transport returned no reply");
+    return reply;
+  } catch (HTTPError& error) {
+    if (!policy.error_replies.contains(error.code())) return classify(error, policy, secrets);
+    // The error is the reply, kept alive by its own handle.
+    return std::shared_ptr<Response>(std::make_shared<std::exception_ptr>(std::current_exception()),
+                                     &error);
+  } catch (const OSError& error) {
+    return classify(error, policy, secrets);
+  } catch (const HTTPException& error) {
+    return classify(error, policy, secrets);
+  }
+}
+
+}  // namespace engines::http

@@ -1,0 +1,355 @@
+#include "engines/http/attempt.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <ranges>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "engines/http/classification.h"
+#include "engines/http/detail/text.h"
+#include "engines/http/reply.h"
+#include "engines/http/testing.h"
+
+namespace engines::http {
+namespace {
+
+using testing::ManualTime;
+using testing::Piece;
+using testing::ReplyScript;
+using testing::ScriptedReply;
+using testing::ScriptedTransport;
+
+const RetryPolicy plain;
+const std::string URL = "http://service.test/v1";
+
+std::shared_ptr<ScriptedReply> reply_of(std::vector<Piece> pieces, ReplyScript script = {}) {
+  return std::make_shared<ScriptedReply>(std::move(pieces), std::move(script));
+}
+
+/// The kind and text of what the function throws.
+std::string outcome(const std::function<void()>& call) {
+  try {
+    call();
+    return "returned";
+  } catch (const std::exception& error) {
+    return ErrorRef(error).type_name() + ": " + error.what();
+  }
+}
+
+// ---- Request and Response -----------------------------------------------------------------------
+
+TEST(Request, ALaterHeaderReplacesOneThatDiffersInCase) {
+  const Request request(
+      URL, {.headers = {
+                {"Content-Type", "a"}, {"X", "1"}, {"content-type", "b"}, {"CONTENT-TYPE", "c"}}});
+  EXPECT_EQ(request.headers, (Headers{{"CONTENT-TYPE", "c"}, {"X", "1"}}));
+  EXPECT_EQ(request.headers.get("content-type"), "c");
+  EXPECT_EQ(request.headers.get("content"), std::nullopt);
+}
+
+TEST(Response, IsARangeOfLinesThatLosesNothing) {
+  static_assert(std::ranges::input_range<Response>);
+  const auto reply = reply_of({"a", "b\nsecond\r\n", "\n", "rest, then ", "more\n", "last"});
+  std::vector<std::string> lines;
+  for (const std::string& line : *reply) {
+    lines.push_back(line);
+    if (lines.size() == 2) break;
+  }
+  for (const std::string& line : *reply) {
+    lines.push_back(line);
+    if (line == "\n") break;
+  }
+  EXPECT_EQ(lines, (std::vector<std::string>{"ab\n", "second\r\n", "\n"}));
+  EXPECT_EQ(reply->read1(4), "rest");
+  for (const std::string& line : *reply) lines.push_back(line);
+  EXPECT_EQ(lines, (std::vector<std::string>{"ab\n", "second\r\n", "\n", ", then more\n", "last"}));
+  EXPECT_EQ(reply->read(1), "");
+  reply->close();
+  EXPECT_THROW(reply->read1(1), ValueError);
+  EXPECT_THROW(reply->begin(), ValueError);
+}
+
+TEST(Response, AnErrorsCopiesShareItsBody) {
+  const HTTPError error(404, {}, reply_of({"a\nb\nrest"}));
+  HTTPError first = error;
+  HTTPError second = error;
+  EXPECT_EQ(*first.begin(), "a\n");
+  EXPECT_EQ(*second.begin(), "b\n");
+  EXPECT_EQ(first.read(9), "rest");
+  second.close();
+  EXPECT_THROW(first.read(1), ValueError);
+}
+
+TEST(Response, AnEndlessLineIsRefused) {
+  std::vector<Piece> pieces(17 * 16, Piece([] { return std::string(65536, 'x'); }));
+  EXPECT_THROW(reply_of(std::move(pieces))->begin(), HTTPException);
+}
+
+// ---- send ---------------------------------------------------------------------------------------
+
+TEST(Send, BuildsTheRequest) {
+  struct Case {
+    Body body;
+    Headers headers;
+    std::optional<std::string> data;
+    Headers sent;
+  };
+  const std::map<std::string, std::string> caller{{"A", "1"}, {"Content-Type", "json; v=1"}};
+  const std::vector<Case> table{
+      {{}, {}, std::nullopt, {}},
+      {nullptr, {{"A", "1"}}, std::nullopt, {{"A", "1"}}},
+      {{}, caller, std::nullopt, {{"A", "1"}, {"Content-Type", "json; v=1"}}},
+      {Json::object(), {}, "{}", {{"Content-Type", "application/json"}}},
+      {0, {}, "0", {{"Content-Type", "application/json"}}},
+      {"", {}, "\"\"", {{"Content-Type", "application/json"}}},
+      {Json{{"t", "\u00e9"}, {"n", 1.5}},
+       caller,
+       "{\"t\": \"\xc3\xa9\", \"n\": 1.5}",
+       {{"Content-Type", "json; v=1"}, {"A", "1"}}},
+      {1, {{"A", "1"}, {"content-type", "x"}}, "1", {{"content-type", "x"}, {"A", "1"}}},
+  };
+  for (const Case& c : table) {
+    ScriptedTransport transport;
+    transport.reply("ok");
+    send<void>(URL, {.policy = plain,
+                     .timeout = 2.5,
+                     .read = [](Response&) {},
+                     .method = "PUT",
+                     .body = c.body,
+                     .headers = c.headers,
+                     .transport = transport});
+    const testing::Sent& sent = transport.sent().at(0);
+    EXPECT_EQ(sent.request.url, URL);
+    EXPECT_EQ(sent.request.method, "PUT");
+    EXPECT_EQ(sent.request.data, c.data);
+    EXPECT_EQ(sent.request.headers, c.sent);
+    EXPECT_EQ(sent.timeout, 2.5);
+  }
+  EXPECT_EQ(outcome([] {
+              send<void>(URL, {.policy = plain,
+                               .timeout = 1,
+                               .read = [](Response&) {},
+                               .body = "\xff",
+                               .transport = ScriptedTransport()});
+            }).substr(0, 16),
+            "invalid_argument");
+}
+
+TEST(Send, HandsTheReplyToTheReaderAndClosesItOnce) {
+  class Odd : public BadReply {
+    using BadReply::BadReply;
+  };
+  struct Case {
+    std::function<int(Response&)> read;
+    std::string outcome;
+  };
+  const std::vector<Case> table{
+      {[](Response&) { return 7; }, "returned"},
+      {[](Response&) -> int { throw IncompleteRead("cut off"); },
+       "Retryable: network error: cut off"},
+      {[](Response&) -> int { throw OSError("disk"); }, "HttpFailure: network error: disk"},
+      {[](Response&) -> int { throw HTTPError(404, {}, nullptr); }, "HttpFailure: HTTP 404: "},
+      {[](Response&) -> int { throw Odd("odd"); }, "BadReply: odd"},
+      {[](Response&) -> int { throw std::out_of_range("bug"); }, "out_of_range: bug"},
+  };
+  for (const Case& c : table) {
+    for (const bool close_fails : {false, true}) {
+      const auto reply = reply_of({"x"}, {.on_close = [=] {
+                                    if (close_fails) throw TimeoutError("close");
+                                  }});
+      ScriptedTransport transport;
+      transport.reply(reply);
+      const auto call = [&] {
+        EXPECT_EQ(
+            send<int>(URL, {.policy = plain, .timeout = 1, .read = c.read, .transport = transport}),
+            7);
+      };
+      const std::string expected = c.outcome == "BadReply: odd" ? "Odd: odd" : c.outcome;
+      EXPECT_EQ(outcome(call), close_fails ? "TimeoutError: close" : expected);
+      EXPECT_EQ(reply->closes(), 1) << c.outcome;
+    }
+  }
+}
+
+TEST(Send, ClassifiesBeforeItClosesAndThrowsOutsideEveryHandler) {
+  std::vector<std::string> events;
+  const auto reply =
+      reply_of({TimeoutError("t")}, {.on_close = [&] {
+                 events.push_back(std::current_exception() ? "closed while handling" : "closed");
+               }});
+  ScriptedTransport transport;
+  transport.reply(reply);
+  const auto named = [&](std::string_view, std::string_view) -> std::optional<std::string> {
+    events.push_back("classified");
+    throw std::out_of_range("rule");
+  };
+  const auto read = [](Response& r) { r.read(1); };
+  EXPECT_THROW(
+      send<void>(URL, {.policy = plain, .timeout = 1, .read = read, .transport = transport}),
+      Retryable);
+  EXPECT_EQ(events, std::vector<std::string>{"closed"});
+
+  events.clear();
+  transport.reply(reply);
+  EXPECT_THROW(send<void>(URL, {.policy = {.refusal_reason = named},
+                                .timeout = 1,
+                                .read = [](Response&) { throw HTTPError(500, {}, nullptr); },
+                                .transport = transport}),
+               std::out_of_range);
+  EXPECT_EQ(events, (std::vector<std::string>{"classified", "closed while handling"}));
+}
+
+TEST(Send, SortsWhatTheTransportThrows) {
+  const RetryPolicy policy{.error_replies = {400}};
+  const auto sent = [&](auto error) {
+    ScriptedTransport transport;
+    transport.fail(error);
+    return outcome([&] {
+      send<void>(URL, {.policy = policy,
+                       .timeout = 1,
+                       .read = [](Response&) { throw std::logic_error("the reader was called"); },
+                       .headers = {{"Authorization", "Bearer tok-12345678"}},
+                       .secrets = {"callers-own-secret"},
+                       .transport = transport});
+    });
+  };
+  EXPECT_EQ(sent(HTTPError(404, {}, reply_of({"tok-12345678 and callers-own-secret"}))),
+            "HttpFailure: HTTP 404: [redacted] and [redacted]");
+  EXPECT_EQ(sent(HTTPError(503, {}, nullptr)), "Retryable: HTTP 503");
+  EXPECT_EQ(sent(URLError(gaierror("no host"))), "Retryable: network error: no host");
+  EXPECT_EQ(sent(DroppedConnection("gone")), "Retryable: network error: gone");
+  EXPECT_EQ(sent(HTTPException("Bearer tok-12345678")), "HttpFailure: network error: [redacted]");
+  EXPECT_EQ(sent(std::logic_error("bug")), "logic_error: bug");
+  EXPECT_EQ(sent(Stopped("asked to")), "Stopped: asked to");
+
+  const auto body = reply_of({"{\"error\": ", "\"pending\"}"}, {.status = 400});
+  ScriptedTransport transport;
+  transport.reply(body);
+  const Json answer = send<Json>(URL, {.policy = policy,
+                                       .timeout = 1,
+                                       .read = [&](Response& r) { return read_json(r, policy); },
+                                       .transport = transport});
+  EXPECT_EQ(answer["error"], "pending");
+  EXPECT_EQ(body->closes(), 1);
+  EXPECT_THROW(
+      send<void>(URL, {.policy = policy,
+                       .timeout = 1,
+                       .read = [](Response&) {},
+                       .transport = [](const Request&,
+                                       TransportOptions) { return std::shared_ptr<Response>(); }}),
+      ValueError);
+}
+
+// ---- read_body and read_json --------------------------------------------------------------------
+
+TEST(ReadBody, ReadsArrivalsInFixedSizesThroughRead1) {
+  for (const bool has_read1 : {true, false}) {
+    const auto reply = reply_of({"ab", "c"}, {.has_read1 = has_read1});
+    EXPECT_EQ(read_body(*reply, {.clock = []() -> double { throw std::logic_error("read"); }}),
+              "abc");
+    EXPECT_EQ(reply->reads(), std::vector<std::size_t>(has_read1 ? 3 : 2, 65536));
+    EXPECT_EQ(reply->closes(), 0);
+  }
+}
+
+TEST(ReadBody, KeepsTheDeadlineBetweenReads) {
+  // The clock moves by one with each read; a body of two pieces takes three reads.
+  const std::string arriving = "DeadlineExceeded: the reply was still arriving at the deadline";
+  const std::string complete = "DeadlineExceeded: the reply was complete only after the deadline";
+  const std::vector<std::tuple<double, std::string, std::size_t>> table{
+      {0, arriving, 0}, {1, arriving, 1}, {2, arriving, 2}, {3, complete, 3}, {3.5, "returned", 3}};
+  for (const auto& [deadline, expected, reads] : table) {
+    ManualTime time;
+    class Ticking : public Response {
+     public:
+      Ticking(ManualTime& time) : time_(time) {}
+      std::size_t count = 0;
+
+     private:
+      std::string do_read(std::size_t) override {
+        time_.advance(1);
+        return count++ < 2 ? "x" : "";
+      }
+      void do_close() override {}
+      ManualTime& time_;
+    } reply(time);
+    EXPECT_EQ(outcome([&] { read_body(reply, {.deadline = deadline, .clock = time.clock()}); }),
+              expected);
+    EXPECT_EQ(reply.count, reads) << deadline;
+  }
+}
+
+TEST(ReadBody, IsBounded) {
+  const std::vector<std::tuple<std::size_t, std::vector<Piece>, std::string, std::size_t>> table{
+      {10, {"12345", "67890"}, "returned", 3},
+      {10, {"12345", "678901", "never read"}, "BadReply: reply longer than 10 bytes", 2},
+      {0, {}, "returned", 1},
+      {0, {"1"}, "BadReply: reply longer than 0 bytes", 1},
+      {16777216, {std::string(16777216, 'x')}, "returned", 257},
+      {16777216, {std::string(16777217, 'x')}, "BadReply: reply longer than 16777216 bytes", 257},
+  };
+  for (const auto& [bound, pieces, expected, reads] : table) {
+    const auto reply = reply_of(pieces, {.status = 201});
+    try {
+      read_body(*reply, {.max_body_bytes = bound});
+      EXPECT_EQ(expected, "returned");
+    } catch (const BadReply& failure) {
+      EXPECT_EQ("BadReply: " + failure.message(), expected);
+      EXPECT_EQ(failure.status(), 201);
+      EXPECT_EQ(failure.detail(), "");
+    }
+    EXPECT_EQ(reply->reads().size(), reads);
+  }
+}
+
+TEST(ReadJson, ParsesOrSaysWhyNot) {
+  const RetryPolicy pages{.refusal_reason = html_page, .detail_chars = 20};
+  struct Case {
+    std::string body;
+    std::string outcome;
+    std::string detail;
+  };
+  const std::vector<Case> table{
+      {"null", "null", ""},
+      {" [1, NaN]\r\n", "[1,null]", ""},
+      {"\"a\xff"
+       "b\"",
+       "\"a\uFFFD"
+       "b\"",
+       ""},
+      {"", "BadReply: reply not JSON: ''", ""},
+      {"\uFEFF{}", "BadReply: reply not JSON: '\\ufeff{}'", "\uFEFF{}"},
+      {" <!DOCTYPE html><p>hi", "Refused: an HTML page instead of a JSON reply",
+       " <!DOCTYPE html><p>h"},
+      {"it's \"s3cr3t-k3y\"", "BadReply: reply not JSON: 'it\\'s \"[redacted]\"'",
+       "it's \"[redacted]\""},
+      {"it's", "BadReply: reply not JSON: \"it's\"", "it's"},
+      {"a\\\t\n\r\x01\x7f\u0085\u200b\U000E0001\u00a0\xff\u00e9 ",
+       R"(BadReply: reply not JSON: 'a\\\t\n\r\x01\x7f\x85\u200b\U000e0001\xa0)"
+       "\uFFFD\u00e9 '",
+       "a\\\t\n\r\x01\x7f\u0085\u200b\U000E0001\u00a0\uFFFD\u00e9 "},
+  };
+  for (const Case& c : table) {
+    const auto reply =
+        reply_of({c.body}, {.status = 204, .headers = Headers{{"Content-Type", "text/html"}}});
+    try {
+      EXPECT_EQ(read_json(*reply, pages, {"s3cr3t-k3y"}).dump(), c.outcome);
+    } catch (const HttpFailure& failure) {
+      EXPECT_EQ(ErrorRef(failure).type_name() + ": " + failure.message(), c.outcome);
+      EXPECT_EQ(failure.detail(), c.detail);
+      EXPECT_EQ(failure.status(), 204);
+    }
+    EXPECT_EQ(reply->closes(), 0);
+  }
+  const auto silent = [](std::string_view, std::string_view) { return std::optional(""); };
+  EXPECT_EQ(read_json(*reply_of({"1"}), {.refusal_reason = silent}), 1);
+  EXPECT_EQ(_status(*reply_of({}, {.status = std::nullopt})), std::nullopt);
+}
+
+}  // namespace
+}  // namespace engines::http
