@@ -1,0 +1,37 @@
+#include "engines/http/requests.h"
+
+#include "engines/http/attempt.h"
+#include "engines/http/reply.h"
+#include "engines/http/retry.h"
+
+namespace engines::http {
+
+Json post_json(std::string_view url, const Body& body, const CallOptions& options) {
+  return _request_json("POST", url, body, options.policy, options.label, options.headers,
+                       options.secrets, options.transport);
+}
+
+Json get_json(std::string_view url, const CallOptions& options) {
+  return _request_json("GET", url, {}, options.policy, options.label, options.headers,
+                       options.secrets, options.transport);
+}
+
+Json _request_json(std::string_view method, std::string_view url, const Body& body,
+                   const RetryPolicy& policy, std::string_view label, const Headers& headers,
+                   const Secrets& secrets, const Transport& transport) {
+  const Secrets hidden = secrets.followed_by(secrets_of(headers));
+  const auto reader = [&](Response& reply) { return read_json(reply, policy, hidden); };
+  const auto attempt = [&](double timeout) {
+    return send<Json>(url, {.policy = policy,
+                            .timeout = timeout,
+                            .read = reader,
+                            .method = method,
+                            .body = body,
+                            .headers = headers,
+                            .secrets = hidden,
+                            .transport = transport});
+  };
+  return retry(policy, attempt, {.label = label, .secrets = hidden});
+}
+
+}  // namespace engines::http

@@ -1,0 +1,116 @@
+#include "engines/http/retry.h"
+
+#include <spdlog/sinks/base_sink.h>
+#include <spdlog/spdlog.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <limits>
+#include <string>
+
+namespace engines::http {
+namespace {
+
+constexpr const char* LOGGER_NAME = "engines.http";
+
+/// Hands each line to the sinks of the application's default logger, whichever it is at that time.
+class DefaultSinks final : public spdlog::sinks::sink {
+ public:
+  void log(const spdlog::details::log_msg& line) override {
+    for_each([&line](sink& target) {
+      if (target.should_log(line.level)) target.log(line);
+    });
+  }
+  void flush() override {
+    for_each([](sink& target) { target.flush(); });
+  }
+  void set_pattern(const std::string&) override {}  // the default logger's sinks have their own
+  void set_formatter(std::unique_ptr<spdlog::formatter>) override {}
+
+ private:
+  template <class Use>
+  void for_each(Use use) {
+    const std::shared_ptr<spdlog::logger> target = spdlog::default_logger();
+    if (!target) return;
+    for (const spdlog::sink_ptr& each : target->sinks()) {
+      if (each.get() != this) use(*each);
+    }
+  }
+};
+
+std::shared_ptr<spdlog::logger> make_logger() {
+  auto made = std::make_shared<spdlog::logger>(LOGGER_NAME, std::make_shared<DefaultSinks>());
+  if (!spdlog::get(LOGGER_NAME)) spdlog::register_logger(made);
+  return made;
+}
+
+const std::shared_ptr<spdlog::logger>& built_logger() {
+  static const std::shared_ptr<spdlog::logger> built = make_logger();
+  return built;
+}
+
+// Registers the logger as the library loads, so that an application can set it up by its name.
+[[maybe_unused]] const bool registered = built_logger() != nullptr;
+
+/// Fixed-point notation with one digit after the point, whatever the locale.
+std::string one_decimal(double seconds) {
+  std::array<char, std::numeric_limits<double>::max_exponent10 + 8> digits{};
+  const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), seconds,
+                                 std::chars_format::fixed, 1);
+  return {digits.data(), end.ptr};
+}
+
+std::string labelled(std::string_view label, std::string_view text) {
+  std::string message(label);
+  return message += text;
+}
+
+}  // namespace
+
+std::shared_ptr<spdlog::logger> logger() {
+  std::shared_ptr<spdlog::logger> named = spdlog::get(LOGGER_NAME);
+  return named ? named : built_logger();
+}
+
+void detail::check_stop(const RetryPolicy& policy, const FailurePtr& last, std::string_view label) {
+  if (policy.should_stop()) throw Stopped(labelled(label, " was asked to stop"), {.last = last});
+}
+
+double _attempt_timeout(const RetryPolicy& policy, const FailurePtr& last, std::string_view label) {
+  if (!policy.deadline) return policy.timeout_s;
+  const double remaining = *policy.deadline - policy.clock();
+  if (remaining <= 0) {
+    throw DeadlineExceeded(labelled(label, " had no time left for another attempt"),
+                           {.last = last});
+  }
+  return std::min(policy.timeout_s, remaining);
+}
+
+void _back_off(const RetryPolicy& policy, int failed, const FailurePtr& last,
+               std::string_view label, const Secrets& secrets) {
+  const double delay = policy.backoff(failed);
+  detail::check_stop(policy, last, label);
+  if (policy.deadline && policy.clock() + delay >= *policy.deadline) {
+    throw DeadlineExceeded(
+        labelled(label, " had no time left to wait " + one_decimal(delay) + " s"), {.last = last});
+  }
+  // Built here rather than by the logger's format: a label is text, whatever characters it holds.
+  logger()->warn(spdlog::string_view_t(labelled(
+      label, " failed (attempt " + std::to_string(failed) + "/" + std::to_string(policy.attempts) +
+                 "): " + redact(last->message(), secrets) + "; retrying in " + one_decimal(delay) +
+                 " s")));
+  policy.wait(delay, policy.should_stop);
+}
+
+void detail::give_up(const RetryPolicy& policy, const FailurePtr& last, std::string_view label,
+                     const Secrets& secrets) {
+  if (policy.deadline && policy.clock() >= *policy.deadline) {
+    throw DeadlineExceeded(labelled(label, " ran out of time"), {.last = last});
+  }
+  throw Exhausted(labelled(label, " failed after " + std::to_string(policy.attempts) +
+                                      " attempts: " + redact(last->message(), secrets)),
+                  {.attempts = policy.attempts, .last = last});
+}
+
+}  // namespace engines::http

@@ -1,0 +1,78 @@
+// The retry loop alone, for a caller that makes its own attempt (a streamed reply, a service's
+// client library). An attempt is any function of a socket timeout in seconds:
+//
+//   auto answer = retry(policy, [&](double timeout) { return ask(timeout); },
+//                       {.label = "chat call"});
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string_view>
+#include <type_traits>
+
+#include "engines/http/detail/required.h"
+#include "engines/http/failure.h"
+#include "engines/http/policy.h"
+#include "engines/http/redaction.h"
+
+namespace spdlog {
+class logger;
+}
+
+namespace engines::http {
+
+/// The library's one logger, named "engines.http": the one that is registered under this name. The
+/// library registers one when it loads, which writes to whatever sinks the application's default
+/// logger has; register another in its place to send the lines elsewhere.
+std::shared_ptr<spdlog::logger> logger();
+
+/// What `retry` is told beside the policy and the attempt.
+struct RetryOptions {
+  /// Names the call in every message and in the log line, as in "decision call".
+  required<std::string_view> label;
+  /// Removed from what the loop logs and from the failure text that `Exhausted` quotes.
+  Secrets secrets = {};
+};
+
+/// The socket timeout of the next attempt, in seconds, cut to what is left of the deadline. Throws
+/// `DeadlineExceeded` when nothing is left.
+double _attempt_timeout(const RetryPolicy& policy, const FailurePtr& last, std::string_view label);
+
+/// Waits before another attempt, after `failed` attempts have failed, and logs one warning. Throws
+/// `Stopped` when the call should end, `DeadlineExceeded` when the wait would reach the deadline.
+void _back_off(const RetryPolicy& policy, int failed, const FailurePtr& last,
+               std::string_view label, const Secrets& secrets);
+
+namespace detail {
+
+/// Throws `Stopped` once the stop signal says stop.
+void check_stop(const RetryPolicy& policy, const FailurePtr& last, std::string_view label);
+
+/// Every attempt has failed: throws `DeadlineExceeded` or `Exhausted`.
+[[noreturn]] void give_up(const RetryPolicy& policy, const FailurePtr& last, std::string_view label,
+                          const Secrets& secrets);
+
+}  // namespace detail
+
+/// Calls `attempt` until one answers, and returns its answer. Only a `Retryable` leads to another
+/// attempt, after a backoff; any other error passes through at once, unchanged. Throws `Stopped`,
+/// `DeadlineExceeded` or `Exhausted`, each with the last attempt's failure, and whatever a function
+/// of the policy throws.
+template <class Attempt>
+std::invoke_result_t<Attempt&, double> retry(const RetryPolicy& policy, Attempt&& attempt,
+                                             const RetryOptions& options) {
+  FailurePtr last;
+  for (int failed = 0; failed < policy.attempts; ++failed) {
+    if (last) _back_off(policy, failed, last, options.label, options.secrets);
+    detail::check_stop(policy, last, options.label);
+    const double timeout = _attempt_timeout(policy, last, options.label);
+    try {
+      return std::invoke(attempt, timeout);
+    } catch (const Retryable& failure) {
+      last = failure;
+    }
+  }
+  detail::give_up(policy, last, options.label, options.secrets);
+}
+
+}  // namespace engines::http

@@ -1,0 +1,36 @@
+// Calls that must not compile, one for each CASE; CASE 0 holds their correct forms, which must.
+#include "engines/http/attempt.h"
+#include "engines/http/requests.h"
+#include "engines/http/retry.h"
+
+using namespace engines::http;
+
+void calls(const RetryPolicy& policy) {
+  const auto attempt = [](double) { return 1; };
+  const auto read = [](Response&) { return 1; };
+#if CASE == 0
+  get_json("u", {.policy = policy, .label = "l"});
+  retry(policy, attempt, {.label = "l"});
+  send<int>("u", {.policy = policy, .timeout = 1, .read = read});
+  throw Exhausted("m", {.attempts = 1, .last = nullptr});
+  static_cast<void>(policy.with({.deadline = std::nullopt}));
+#elif CASE == 1
+  get_json("u", {.policy = policy});
+#elif CASE == 2
+  get_json("u", {.label = "l"});
+#elif CASE == 3
+  retry(policy, attempt, {});
+#elif CASE == 4
+  send<int>("u", {.policy = policy, .timeout = 1});
+#elif CASE == 5
+  send<int>("u", {.policy = policy, .read = read});
+#elif CASE == 6
+  throw Exhausted("m", {.attempts = 1});
+#elif CASE == 7
+  throw Exhausted("m", {.last = nullptr});
+#elif CASE == 8
+  const_cast<RetryPolicy&>(policy).attempts = 1;
+#elif CASE == 9
+  static_cast<void>(policy.with({.deadline = {}}));  // none, or left as it is? say which
+#endif
+}
