@@ -1,0 +1,89 @@
+#include "engines/http/testing.h"
+
+#include <stdexcept>
+
+namespace engines::http::testing {
+
+ScriptedReply::ScriptedReply(std::vector<Piece> pieces, ReplyScript script)
+    : pieces_(std::move(pieces)), script_(std::move(script)) {}
+
+std::string ScriptedReply::take(std::size_t amt) {
+  while (left_.empty() && next_ < pieces_.size()) left_ = pieces_[next_++]();
+  std::string taken = left_.substr(0, amt);
+  left_.erase(0, taken.size());
+  return taken;
+}
+
+std::string ScriptedReply::do_read(std::size_t amt) {
+  reads_.push_back(amt);
+  std::string joined;
+  while (joined.size() < amt) {
+    const std::string more = take(amt - joined.size());
+    if (more.empty()) break;
+    joined += more;
+  }
+  return joined;
+}
+
+std::string ScriptedReply::do_read1(std::size_t amt) {
+  if (!script_.has_read1) return do_read(amt);
+  reads_.push_back(amt);
+  return take(amt);
+}
+
+void ScriptedReply::do_close() {
+  ++closes_;
+  script_.on_close();
+}
+
+Json Sent::json() const {
+  return request.data ? decode_json(*request.data).value_or(nullptr) : nullptr;
+}
+
+ScriptedTransport& ScriptedTransport::then(Step step) {
+  state_->steps.push_back(std::move(step));
+  return *this;
+}
+
+ScriptedTransport& ScriptedTransport::reply(std::string body, StatusCode status, Headers headers) {
+  return reply(std::make_shared<ScriptedReply>(
+      std::vector<Piece>{std::move(body)},
+      ReplyScript{.status = status, .headers = std::move(headers)}));
+}
+
+ScriptedTransport& ScriptedTransport::reply(std::shared_ptr<Response> reply) {
+  return then([reply](const Request&, TransportOptions) {
+    const StatusCode status = reply->status().value_or(200);
+    if (status >= 200 && status <= 299) return reply;
+    throw HTTPError(status, reply->headers() ? *reply->headers() : Headers(), reply);
+  });
+}
+
+std::shared_ptr<Response> ScriptedTransport::operator()(const Request& request,
+                                                        TransportOptions options) const {
+  state_->sent.push_back({request, options.timeout});
+  const std::size_t number = state_->sent.size();
+  if (number > state_->steps.size()) {
+    throw std::logic_error("the transport's script has no step " + std::to_string(number));
+  }
+  const Step step = state_->steps[number - 1];
+  return step(request, options);
+}
+
+Clock ManualTime::clock() {
+  return [this] { return now_; };
+}
+
+StopSignal ManualTime::should_stop() {
+  return [this] { return stopped_; };
+}
+
+Wait ManualTime::wait() {
+  return [this](double seconds, const StopSignal& should_stop) {
+    waits_.push_back(seconds);
+    advance(seconds);
+    return should_stop();
+  };
+}
+
+}  // namespace engines::http::testing

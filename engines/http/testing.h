@@ -1,0 +1,158 @@
+// For tests of code that calls this library: a transport and replies that play a script, and a
+// clock that is moved by hand, so that a retry is tested in microseconds and without a network.
+//
+//   ManualTime time;
+//   ScriptedTransport transport;
+//   transport.reply("busy", 503).fail(TimeoutError("no answer")).reply(R"({"text": "hi"})");
+//   const RetryPolicy policy{.clock = time.clock(), .should_stop = time.should_stop(),
+//                            .wait = time.wait()};
+//   EXPECT_EQ(my_engine_call(policy, transport), "hi");
+//   EXPECT_EQ(time.waits(), (std::vector{1.0, 2.0}));
+//   EXPECT_EQ(transport.sent().size(), 3);
+#pragma once
+
+#include <concepts>
+#include <cstddef>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "engines/http/json.h"
+#include "engines/http/policy.h"
+#include "engines/http/transport.h"
+
+namespace engines::http::testing {
+
+/// What one read of a scripted reply does: it gives bytes, throws an error, or calls a function
+/// that gives the bytes.
+class Piece {
+ public:
+  template <std::convertible_to<std::string> Bytes>
+  Piece(Bytes&& bytes) : play_([copy = std::string(std::forward<Bytes>(bytes))] { return copy; }) {}
+
+  template <std::derived_from<std::exception> Error>
+  Piece(const Error& error) : play_([error]() -> std::string { throw error; }) {}
+
+  template <std::invocable Play>
+  requires std::convertible_to<std::invoke_result_t<Play&>, std::string> Piece(Play play)
+      : play_(std::move(play)) {}
+
+  std::string operator()() const { return play_(); }
+
+ private:
+  std::function<std::string()> play_;
+};
+
+/// How a scripted reply behaves beside its pieces.
+struct ReplyScript {
+  std::optional<StatusCode> status = 200;
+  /// None: the reply has no headers at all.
+  std::optional<Headers> headers = Headers();
+  /// Without it, the reply reads through `read` alone, which joins pieces up to the size asked for.
+  bool has_read1 = true;
+  /// Called by each close.
+  std::function<void()> on_close = [] {};
+};
+
+/// A reply that plays its pieces in order, then ends. It notes what is done with it.
+class ScriptedReply final : public Response {
+ public:
+  explicit ScriptedReply(std::vector<Piece> pieces, ReplyScript script = {});
+
+  std::optional<StatusCode> status() const override { return script_.status; }
+  const Headers* headers() const override { return script_.headers ? &*script_.headers : nullptr; }
+
+  /// The sizes asked for so far, in order.
+  const std::vector<std::size_t>& reads() const noexcept { return reads_; }
+  int closes() const noexcept { return closes_; }
+
+ private:
+  std::string do_read(std::size_t amt) override;
+  std::string do_read1(std::size_t amt) override;
+  void do_close() override;
+  std::string take(std::size_t amt);
+
+  std::vector<Piece> pieces_;
+  ReplyScript script_;
+  std::size_t next_ = 0;  // the piece to play next
+  std::string left_;      // of the piece played last
+  std::vector<std::size_t> reads_;
+  int closes_ = 0;
+};
+
+/// A request that a scripted transport was asked to send.
+struct Sent {
+  Request request;
+  double timeout;
+
+  /// The request's body, parsed; null when there is none or it is not JSON.
+  Json json() const;
+};
+
+/// A transport that answers each request with the next step of its script. Copies share the script,
+/// so the test keeps the one that it passes. A request beyond the script throws `std::logic_error`.
+/// For use by one thread at a time.
+class ScriptedTransport {
+ public:
+  using Step = std::function<std::shared_ptr<Response>(const Request&, TransportOptions)>;
+
+  ScriptedTransport() : state_(std::make_shared<State>()) {}
+
+  /// Answers with this body. A status outside 200 to 299 is raised as an `HTTPError`, as every
+  /// transport raises it.
+  ScriptedTransport& reply(std::string body, StatusCode status = 200, Headers headers = {});
+
+  /// Answers with this reply, or raises it as an `HTTPError` when its status says so.
+  ScriptedTransport& reply(std::shared_ptr<Response> reply);
+
+  /// Throws this error.
+  template <class Error>
+  ScriptedTransport& fail(Error error) {
+    return then(
+        [error](const Request&, TransportOptions) -> std::shared_ptr<Response> { throw error; });
+  }
+
+  /// Does whatever this function does.
+  ScriptedTransport& then(Step step);
+
+  /// The requests so far, in order.
+  const std::vector<Sent>& sent() const noexcept { return state_->sent; }
+
+  std::shared_ptr<Response> operator()(const Request& request, TransportOptions options) const;
+
+ private:
+  struct State {
+    std::vector<Step> steps;
+    std::vector<Sent> sent;
+  };
+  std::shared_ptr<State> state_;
+};
+
+/// Time that moves only when it is told to, or when a wait passes it. The functions it gives refer
+/// to it: it must outlive them.
+class ManualTime {
+ public:
+  double now() const noexcept { return now_; }
+  void advance(double seconds) noexcept { now_ += seconds; }
+  void stop() noexcept { stopped_ = true; }
+
+  /// The waits so far, in seconds.
+  const std::vector<double>& waits() const noexcept { return waits_; }
+
+  Clock clock();
+  StopSignal should_stop();
+  /// Notes the wait, moves the time by it, and answers as the stop signal does.
+  Wait wait();
+
+ private:
+  double now_ = 0;
+  bool stopped_ = false;
+  std::vector<double> waits_;
+};
+
+}  // namespace engines::http::testing
