@@ -51,7 +51,7 @@ Ended::Ended(std::string message, EndedFields fields)
 
 }  // namespace detail
 
-Exhausted::Exhausted(std::string message, ExhaustedFields fields)
+Exhausted::Exhausted(std::string message, const ExhaustedFields& fields)
     : Ended(std::move(message), {.last = *fields.last}), attempts_(fields.attempts) {}
 
 }  // namespace engines::http

@@ -158,7 +158,7 @@ class Stopped : public detail::Ended {
 /// Every attempt failed with a failure worth another one.
 class Exhausted : public detail::Ended {
  public:
-  Exhausted(std::string message, ExhaustedFields fields);
+  Exhausted(std::string message, const ExhaustedFields& fields);
 
   /// How many attempts the call made.
   int attempts() const noexcept { return attempts_; }

@@ -206,7 +206,7 @@ struct RetryPolicy {
   /// The most characters of a body that a failure quotes.
   const std::size_t detail_chars = 300;
   /// The longest reply that is read, in bytes (16 MiB).
-  const std::size_t max_body_bytes = 16 * 1024 * 1024;
+  const std::size_t max_body_bytes = 16777216;
 
   /// Seconds to wait after `failed` attempts have failed: `backoff_s` × 2^(failed − 1).
   double backoff(int failed) const;

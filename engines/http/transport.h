@@ -126,7 +126,7 @@ class Response {
   LineIterator begin();
   std::default_sentinel_t end() const noexcept { return {}; }
 
-  static constexpr std::size_t MAX_LINE_BYTES = 16 * 1024 * 1024;
+  static constexpr std::size_t MAX_LINE_BYTES = 16777216;
 
  protected:
   Response() = default;
