@@ -1,0 +1,464 @@
+#include "engines/http/json.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <bit>
+#include <charconv>
+#include <cmath>
+#include <complex>
+#include <cstdint>
+#include <cstdlib>
+#include <deque>
+#include <filesystem>
+#include <limits>
+#include <list>
+#include <map>
+#include <memory>
+#include <optional>
+#include <random>
+#include <set>
+#include <span>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <tuple>
+#include <unordered_map>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace user {
+
+struct Point {
+  int x = 0;
+  int y = 0;
+};
+void to_json(engines::http::Json& json, const Point& point) {
+  json = {{"y", point.y}, {"x", point.x}};
+}
+
+struct Named {
+  std::string name;
+};
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Named, name)
+
+struct Nothing {};
+void to_json(engines::http::Json& json, const Nothing&) { json = nullptr; }
+
+enum class Plain : std::uint8_t { zero, one };
+enum Unscoped { first = 1 };
+enum class Spoken { word };
+std::string to_string(Spoken) { return "spoken"; }
+enum Streamed { stream_me };
+std::ostream& operator<<(std::ostream& out, Streamed) { return out << "streamed " << 1000; }
+
+struct List : std::vector<std::shared_ptr<List>> {};
+struct Tree : std::variant<int, std::vector<Tree>> {
+  using variant::variant;
+};
+
+}  // namespace user
+
+namespace engines::http {
+namespace {
+
+constexpr double INFINITE = std::numeric_limits<double>::infinity();
+constexpr std::size_t HOSTILE_SIZE = std::size_t{16} << 20;
+
+std::string repeat(std::string_view piece, std::size_t count) {
+  std::string text;
+  text.reserve(piece.size() * count);
+  for (; count > 0; --count) text += piece;
+  return text;
+}
+
+/// What a text decodes to, written again; "refused" when it is not JSON.
+std::string decoded(std::string_view text) {
+  // In memory of its very size, so that a read behind the end is seen.
+  const std::vector<char> exact(text.begin(), text.end());
+  const std::optional<Json> value = decode_json({exact.data(), exact.size()});
+  return value ? encode_json(*value) : "refused";
+}
+
+TEST(DecodeJson, TakesWhatIsJson) {
+  const std::pair<std::string_view, std::string_view> cases[] = {
+      {" \t\r\n null \t\r\n ", "null"},
+      {"true", "true"},
+      {"false", "false"},
+      {"[]", "[]"},
+      {" { } ", "{}"},
+      {"[ 1 ,[ ] , { } , \"\" ]", "[1, [], {}, \"\"]"},
+      {"[NaN, Infinity, -Infinity]", "[NaN, Infinity, -Infinity]"},
+      {R"({"b": 1, "a": {"c": [null]}})", R"({"b": 1, "a": {"c": [null]}})"},
+      {R"({"a": 1, "b": 2, "a": [3], "b": {}, "a": 4})", R"({"a": 4, "b": {}})"},
+      {R"({"a": [1], "\u0061": 2, "": 3})", R"({"a": 2, "": 3})"},
+      {R"("\"\\\/\b\f\n\r\t\u0000\u001F")", R"("\"\\/\b\f\n\r\t\u0000\u001f")"},
+      {R"("\u00e9\u20AC\ud83d\ude00é€😀")", R"("é€😀é€😀")"},
+      {"\"\x7f\"", "\"\x7f\""},
+      {"\"a\ufeff\"", "\"a\ufeff\""},
+      // A surrogate without its other half.
+      {R"("\ud800")", "\"\ufffd\""},
+      {R"("\udc00\ud800")", "\"\ufffd\ufffd\""},
+      {R"("\ud800\u0041")", "\"\ufffdA\""},
+      {R"("\ud800\ud83d\ude00")", "\"\ufffd😀\""},
+      {R"("\ud800\n")", "\"\ufffd\\n\""}};
+  for (const auto& [text, expected] : cases) EXPECT_EQ(decoded(text), expected) << text;
+}
+
+TEST(DecodeJson, RefusesWhatIsNot) {
+  using namespace std::literals;
+  std::istringstream words(R"(nul nulll True nan +Infinity -NaN Inf - + +1 01 -01 .5 1. 1.e1 1e 1e+
+      0x1 1_0 1,2 [ ] [1 [1, [1,] [,1] [1} { {"a" {"a": {"a":1 {"a":1, {"a":1,} {a:1} {1:1} {"a",1}
+      {"a":1] {,} {"a"} 'a' " "a "\ "\" "\a" "\u12" "\u12g4" "\u-123" "\u+123" "\ud800\u" "\ud800\
+      1//x)");
+  for (std::string word; words >> word;) EXPECT_EQ(decoded(word), "refused") << word;
+  const std::string_view cases[] = {""sv,      "\0"sv,       "1\0"sv,      "[1]\0x"sv,
+                                    "[1] 2"sv, "\"a\0b\""sv, "\"a\nb\""sv, "\"abcdefgh\x1f\""sv};
+  for (const std::string_view text : cases) EXPECT_EQ(decoded(text), "refused") << text;
+  for (const char* space : {"\v", "\f", "\x1c", "\u0085", "\u00a0", "\u2028", "\ufeff"}) {
+    EXPECT_EQ(decoded(space + "1"s), "refused");
+    EXPECT_EQ(decoded("1"s + space), "refused");
+  }
+  std::istringstream ill_formed(
+      "\x80 \xbf \xc1\xbf \xc3 \xc3\x28 \xe0\x9f\xbf \xe2\x82 \xe2\x28\xa1 \xed\xa0\x80 \xef\xbf "
+      "\xf0\x8f\xbf\xbf \xf0\x9f\x98 \xf0\x9f\x28\x80 \xf4\x90\x80\x80 \xf5\x80\x80\x80 \xff");
+  for (std::string bytes; ill_formed >> bytes;) {
+    EXPECT_EQ(decoded("\"" + bytes + "\""), "refused");
+    EXPECT_EQ(decoded("\"é12345678" + bytes), "refused");
+    EXPECT_THROW(encode_json("é12345678" + bytes), std::invalid_argument);
+  }
+}
+
+TEST(DecodeJson, ReadsNumbersExactlyOrAsTheNearestDouble) {
+  std::istringstream words(R"(
+      0 0  -0 -0.0  -0.0e5 -0.0  1.0 1.0  1E2 100.0  1e-2 0.01  0.1e+1 1.0  -1 -1  00e0 refused
+      9223372036854775808 9223372036854775808    -9223372036854775808 -9223372036854775808
+      -9223372036854775809 -9.223372036854776e+18  9999999999999999999 9999999999999999999
+      10000000000000000000 10000000000000000000  18446744073709551615 18446744073709551615
+      18446744073709551616 1.8446744073709552e+19  20000000000000000000 2e+19
+      99999999999999999999 1e+20  9007199254740993.0 9007199254740992.0
+      9007199254740993.0000000000000000000000001 9007199254740994.0
+      0.000000000000000000000000000001234567890123456789 1.2345678901234568e-30
+      0.0000000000000000000000000000000000000000 0.0  1e22 1e+22  1e23 1e+23  8.5e-23 8.5e-23
+      1.7976931348623157e308 1.7976931348623157e+308  1.7976931348623159e308 Infinity
+      4.9e-324 5e-324  2e-324 0.0  -1e-999 -0.0  1e999 Infinity  -1e999 -Infinity
+      0e999999999999999999999 0.0  1e999999999999999999999 Infinity  1e-999999999999999999999 0.0)");
+  for (std::string text, expected; words >> text >> expected;) {
+    EXPECT_EQ(decoded(text), expected) << text;
+  }
+  const std::string zeros(400, '0');
+  const std::pair<std::string, std::string_view> cases[] = {
+      {"1" + zeros, "Infinity"},
+      {"-1" + zeros, "-Infinity"},
+      {"0." + zeros + "1e401", "1.0"},
+      {"0." + zeros + "1e900", "Infinity"},
+      {"0." + zeros + "1e300", "1e-101"},
+      {"0." + zeros + zeros + "1e400", "0.0"},
+      {"1" + zeros + "e-400", "1.0"},
+      {"1" + zeros + zeros + "e-400", "Infinity"},
+      {"-1" + zeros + "e-900", "-0.0"},
+      {"1" + zeros + ".0000000000000000000000000001e-399", "10.0"}};
+  for (const auto& [text, expected] : cases) EXPECT_EQ(decoded(text), expected) << text;
+  EXPECT_TRUE(decode_json("1")->is_number_unsigned());
+  EXPECT_EQ(decode_json("-1")->type(), Json::value_t::number_integer);
+  EXPECT_TRUE(decode_json("1e0")->is_number_float());
+}
+
+TEST(DecodeJson, TakesAThousandLevels) {
+  for (const std::pair<const char*, const char*>& brackets :
+       {std::pair("[", "]"), std::pair("{\"\": ", "}")}) {
+    const auto nested = [&](std::size_t depth) {
+      return repeat(brackets.first, depth) + "1" + repeat(brackets.second, depth);
+    };
+    EXPECT_EQ(decoded(nested(1000)), nested(1000));
+    EXPECT_EQ(decoded(nested(1001)), "refused");
+  }
+}
+
+TEST(DecodeJson, HostileTextsEndSoon) {
+  EXPECT_EQ(decode_json(std::string(HOSTILE_SIZE, '[')), std::nullopt);
+  EXPECT_EQ(decode_json(repeat("{\"\":", HOSTILE_SIZE / 4)), std::nullopt);
+  EXPECT_EQ(decode_json(std::string(HOSTILE_SIZE, '-')), std::nullopt);
+  EXPECT_EQ(*decode_json(std::string(HOSTILE_SIZE, '9')), INFINITE);
+  EXPECT_EQ(*decode_json("0." + std::string(HOSTILE_SIZE, '0') + "1"), 0.0);
+  EXPECT_EQ(decode_json("\"" + repeat("\\n", HOSTILE_SIZE / 2)), std::nullopt);
+  EXPECT_EQ(*decode_json("{" + repeat("\"a\":1,", HOSTILE_SIZE / 6) + "\"a\":[7]}"),
+            Json({{"a", {7}}}));
+  EXPECT_EQ(decode_json("[" + repeat("[],", 500'000) + "{}]")->size(), 500'001U);
+
+  std::string members = "{";
+  for (int i = 0; members.size() < HOSTILE_SIZE; ++i) {
+    members += "\"" + std::to_string(i % 1'000'000) + "\":" + std::to_string(i) + ",";
+  }
+  const Json many = *decode_json(members + "\"last\":0}");
+  ASSERT_EQ(many.size(), 1'000'001U);
+  EXPECT_EQ(many.begin().key(), "0");
+  EXPECT_EQ(*many.begin(), 1'000'000);
+  EXPECT_EQ(std::prev(many.end()).key(), "last");
+
+  // A member holds a deep array while the object around it goes on growing.
+  std::string growing = "{\"deep\":" + repeat("[", 900) + repeat("]", 900);
+  for (int i = 0; i < 100'000; ++i) growing += ",\"" + std::to_string(i) + "\":[]";
+  EXPECT_EQ(encode_json(*decode_json(growing + "}")).substr(0, 12), "{\"deep\": [[[");
+}
+
+TEST(DecodeJson, KeepsTheOrderOfMembersAtEverySize) {
+  for (const int size : {1, 15, 16, 17, 18, 100}) {
+    std::string text = "{";
+    std::string expected = "{";
+    for (int i = size; i-- > 0;) {
+      const std::string name = "\"n" + std::to_string(i * 7 % 101) + "\": ";
+      text += name + "0, ";
+      expected += name + (i == 0 ? "1" : "0") + ", ";
+    }
+    text += "\"n0\": [], \"n0\": 1}";
+    expected.replace(expected.size() - 2, 2, "}");
+    EXPECT_EQ(decoded(text), expected);
+  }
+}
+
+/// A random value that both parsers take, in JSON text with random spaces.
+std::string random_text(std::mt19937_64& random, int depth) {
+  const std::string space(random() % 3, ' ');
+  switch (random() % (depth > 0 ? 7 : 5)) {
+    case 0:
+      return space + std::to_string(static_cast<std::int64_t>(random() >> random() % 64));
+    case 1:
+      return space + std::to_string(random() % 1000) + "." + std::to_string(random()) + "e" +
+             std::to_string(static_cast<int>(random() % 600) - 320);
+    case 2:
+      return space + (random() % 2 != 0 ? "true" : "null");
+    case 3:
+      return space + encode_json(std::string(random() % 40, static_cast<char>(random() % 128)));
+    case 4:
+      return space + "\"\\u" + std::to_string(1000 + random() % 9000) + "é\\n\"";
+    default: {
+      const bool object = random() % 2 != 0;
+      std::string text = object ? "{" : "[";
+      for (std::uint64_t i = random() % 30; i-- > 0;) {
+        if (object) text += "\"" + std::to_string(random()) + "\"" + space + ":";
+        text += random_text(random, depth - 1) + space + (i > 0 ? "," : "");
+      }
+      return space + text + (object ? "}" : "]") + space;
+    }
+  }
+}
+
+TEST(DecodeJson, AgreesWithAnIndependentParser) {
+  std::mt19937_64 random(1);
+  for (int i = 0; i < 3000; ++i) {
+    const std::string text = random_text(random, 3);
+    const Json expected = Json::parse(text, nullptr, false);
+    if (expected.is_discarded()) continue;  // it takes no number beyond a double
+    const std::optional<Json> value = decode_json(text);
+    ASSERT_TRUE(value) << text;
+    ASSERT_EQ(value->dump(), expected.dump()) << text;
+    ASSERT_EQ(*value, expected);
+    ASSERT_EQ(Json::parse(encode_json(*value)), expected);
+  }
+}
+
+TEST(EncodeJson, LaysFloatingPointNumbersOut) {
+  std::istringstream words(R"(
+      0.0 -0.0 1.0 -1.5 100.0 123456.789 0.1 0.30000000000000004 0.0001 0.00012345678901234567 0.001
+      9.999999999999999e-05 1e-05 -1.25e-07 1.2345678901234567 12345678.901234567 10000000000.5
+      1000000000000000.0 1234567890123456.0 9007199254740992.0 9999999999999998.0 1e+16
+      1.2345678901234568e+17 1.5e+300 1e+22 1e+23 9e-265 5e-324 2.2250738585072014e-308
+      -2.2250738585072014e-308 1.7976931348623157e+308 9.5367431640625e-07 Infinity -Infinity NaN)");
+  for (std::string text; words >> text;) {
+    EXPECT_EQ(encode_json(std::strtod(text.c_str(), nullptr)), text);
+  }
+  EXPECT_EQ(encode_json(-std::nan("")), "NaN");
+  EXPECT_EQ(encode_json(0.1F), "0.10000000149011612");
+}
+
+/// Any double at all, or one near the edges where decimals and binary fractions part.
+double random_double(std::mt19937_64& random) {
+  const std::uint64_t bits = random();
+  switch (bits % 4) {
+    case 0:
+      return std::bit_cast<double>(random());
+    case 1:  // powers of two and their neighbours
+      return std::bit_cast<double>(((random() % 2047) << 52) + bits / 4 % 3 - 1);
+    case 2:  // few decimals
+      return static_cast<double>(random() % 1'000'000) / 1e4;
+    default:  // denormal
+      return std::bit_cast<double>(random() >> (12 + bits / 4 % 52));
+  }
+}
+
+/// The digits of a number, without sign, point, exponent and outer zeros.
+std::string digits_of(std::string number) {
+  number.resize(std::min(number.find('e'), number.size()));
+  std::erase_if(number, [](char c) { return c == '.' || c == '-'; });
+  number.erase(0, number.find_first_not_of('0'));
+  number.resize(number.find_last_not_of('0') + 1);
+  return number;
+}
+
+TEST(EncodeJson, WritesTheShortestNumberThatReadsBack) {
+  std::mt19937_64 random(2);
+  for (int i = 0; i < 200'000; ++i) {
+    const double value = random_double(random);
+    if (!std::isfinite(value) || value == 0) continue;
+    const std::string text = encode_json(value);
+    const auto bits = std::bit_cast<std::uint64_t>(value);
+    ASSERT_EQ(std::bit_cast<std::uint64_t>(decode_json(text)->get<double>()), bits) << text;
+    ASSERT_EQ(std::bit_cast<std::uint64_t>(std::strtod(text.c_str(), nullptr)), bits) << text;
+    std::array<char, 32> independent;
+    const auto end =
+        std::to_chars(independent.begin(), independent.end(), value, std::chars_format::scientific);
+    ASSERT_EQ(digits_of(text), digits_of(std::string(independent.data(), end.ptr))) << text;
+  }
+}
+
+TEST(EncodeJson, TakesValuesOfManyTypes) {
+  using namespace std::string_literals;
+  char buffer[8] = "ab";
+  const char full[2] = {'x', 'y'};
+  const char* const null_text = nullptr;
+  const int grid[2][2] = {{1, 2}, {3, 4}};
+  std::vector<bool> flags = {true, false};
+  const std::string text = "borrowed";
+  const Json json = {{"b", 1}, {"a", {nullptr, 0.5, true, "x", -1}}};
+  const auto owned = std::make_unique<int>(5);
+  std::vector<int> numbers = {1, 2};
+  const std::pair<Body, std::string> cases[] = {
+      {Body(), "null"},
+      {true, "true"},
+      {std::numeric_limits<std::int64_t>::min(), "-9223372036854775808"},
+      {std::numeric_limits<std::uint64_t>::max(), "18446744073709551615"},
+      {std::tuple<signed char, unsigned char>(-5, 'A'), "[-5, 65]"},
+      {0, "0"},
+      {10'000'000'000'000'000, "10000000000000000"},
+      {'c', "\"c\""},
+      {1.5F, "1.5"},
+      {1.5L, "1.5"},
+      {"literal", "\"literal\""},
+      {u8"é", "\"é\""},
+      {buffer, "\"ab\""},
+      {full, "\"xy\""},
+      {null_text, "null"},
+      {text, "\"borrowed\""},
+      {std::string_view("view"), "\"view\""},
+      {std::u8string(u8"é"), "\"é\""},
+      {"q\" s\\ /\n\r\t\b\f\x01\x1f\x7f é😀"s, R"("q\" s\\ /\n\r\t\b\f\u0001\u001f)"
+                                              "\x7f é😀\""},
+      {"nul\0!"s, "\"nul\\u0000!\""},
+      {repeat("0123456789", 700) + "\n", "\"" + repeat("0123456789", 700) + "\\n\""},
+      {nullptr, "null"},
+      {std::optional(1), "1"},
+      {std::optional<std::vector<int>>(), "null"},
+      {owned, "5"},
+      {std::make_unique<std::string>("moved in"), "\"moved in\""},
+      {std::shared_ptr<int>(), "null"},
+      {std::ref(numbers), "[1, 2]"},
+      {std::pair(1, "a"), "[1, \"a\"]"},
+      {std::tuple(1, std::nullopt, 'c'), "[1, null, \"c\"]"},
+      {std::variant<int, std::string>("v"), "\"v\""},
+      {user::Tree(std::vector<user::Tree>{1, std::vector<user::Tree>{2}}), "[1, [2]]"},
+      {std::map<std::string, int>(), "{}"},
+      {std::map<std::string, std::vector<int>>{{"b", {1}}, {"a", {}}}, R"({"a": [], "b": [1]})"},
+      {std::unordered_map<std::string_view, int>{{"k", 1}}, R"({"k": 1})"},
+      {std::multimap<int, bool>{{-1, true}, {2, false}}, R"({"-1": true, "2": false})"},
+      {std::map<bool, int>{{false, 0}, {true, 1}}, R"({"false": 0, "true": 1})"},
+      {std::map<double, int>{{0.5, 1}}, R"({"0.5": 1})"},
+      {std::map<char, int>{{'"', 1}}, R"({"\"": 1})"},
+      {std::map<std::string, Body>{{"m", "x"}, {"n", 3}, {"o", Body()}},
+       R"({"m": "x", "n": 3, "o": null})"},
+      {std::vector<std::string>{"a", "b"}, R"(["a", "b"])"},
+      {flags, "[true, false]"},
+      {flags[0], "true"},
+      {grid, "[[1, 2], [3, 4]]"},
+      {std::set<int>{2, 1}, "[1, 2]"},
+      {std::list<std::deque<float>>{{1}, {}}, "[[1.0], []]"},
+      {std::span<const int>(numbers), "[1, 2]"},
+      {std::vector<double>(3000, 0.25), "[" + repeat("0.25, ", 2999) + "0.25]"},
+      {json, R"({"b": 1, "a": [null, 0.5, true, "x", -1]})"},
+      {Json(json), R"({"b": 1, "a": [null, 0.5, true, "x", -1]})"},
+      {nlohmann::json{{"b", 1}, {"a", 2}}, R"({"a": 2, "b": 1})"},
+      {std::vector<Json>{1, "a"}, R"([1, "a"])"},
+      {Json::binary({'o', 'k'}), "\"ok\""},
+      {user::Point{1, 2}, R"({"y": 2, "x": 1})"},
+      {std::vector<user::Named>{{"n"}}, R"([{"name": "n"}])"},
+      {user::Plain::one, "1"},
+      {user::first, "1"},
+      {user::Spoken::word, "\"spoken\""},
+      {user::stream_me, "\"streamed 1000\""},
+      {std::filesystem::path("a/b"), "\"a/b\""},
+      {std::runtime_error("what"), "\"what\""},
+      {std::complex<double>(1, 2), "\"(1,2)\""}};
+  int index = 0;
+  for (const auto& [body, expected] : cases) {
+    EXPECT_EQ(encode_json(body), expected) << "case " << index++;
+  }
+}
+
+TEST(EncodeJson, RefusesWhatHasNoTextAndDoesNotQuoteIt) {
+  const std::string bad = "secret \xff";
+  const Body cases[] = {std::map<std::string, int>{{bad, 1}},
+                        std::vector<std::string>{"ok", bad},
+                        Json{{"a", {bad}}},
+                        Json{{bad, 1}},
+                        '\xc3',
+                        Json::binary({0xFF}),
+                        Json(Json::value_t::discarded),
+                        std::map<const char*, int>{{nullptr, 1}}};
+  for (const Body& body : cases) {
+    try {
+      ADD_FAILURE() << encode_json(body);
+    } catch (const std::invalid_argument& error) {
+      EXPECT_EQ(std::string_view(error.what()).find("secret"), std::string_view::npos);
+    }
+  }
+}
+
+TEST(EncodeJson, RefusesAValueThatContainsItselfOrIsTooDeep) {
+  const auto list = std::make_shared<user::List>();
+  list->push_back(list);
+  EXPECT_THROW(encode_json(list), std::invalid_argument);
+  list->clear();
+
+  Json deep = Json::array();
+  for (int depth = 1; depth < 1000; ++depth) deep = Json::array({std::move(deep)});
+  EXPECT_EQ(encode_json(deep), repeat("[", 1000) + repeat("]", 1000));
+  EXPECT_THROW(encode_json(std::vector{deep}), std::invalid_argument);
+}
+
+TEST(EncodeBody, ANullBodyIsNoBody) {
+  const Body none[] = {Body(),
+                       nullptr,
+                       std::nullopt,
+                       std::monostate(),
+                       std::optional<int>(),
+                       std::unique_ptr<int>(),
+                       static_cast<const char*>(nullptr),
+                       Json(),
+                       nlohmann::json(),
+                       std::variant<std::monostate, int>(),
+                       user::Nothing(),
+                       std::optional<Body>(Body())};
+  for (const Body& body : none) EXPECT_EQ(encode_body(body), std::nullopt);
+  const std::pair<Body, std::string_view> some[] = {
+      {Json::object(), "{}"},    {0, "0"}, {false, "false"}, {"", "\"\""}, {"null", "\"null\""},
+      {std::vector<int>(), "[]"}};
+  for (const auto& [body, expected] : some) EXPECT_EQ(encode_body(body), expected);
+}
+
+TEST(Body, BorrowsWhatHasANameAndOwnsWhatHasNone) {
+  std::vector<int> named = {1};
+  Body borrowed = named;
+  Body owned = std::vector<int>(named);
+  Body copy = borrowed;  // from a Body that is not const
+  const Body moved = std::move(copy);
+  named.push_back(2);
+  EXPECT_EQ(encode_json(moved), "[1, 2]");
+  borrowed = owned;
+  owned = Body();
+  EXPECT_EQ(encode_json(borrowed), "[1]");
+  EXPECT_EQ(encode_body(owned), std::nullopt);
+}
+
+}  // namespace
+}  // namespace engines::http
