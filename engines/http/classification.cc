@@ -9,14 +9,9 @@ namespace engines::http {
 namespace {
 
 template <class... Kinds>
-bool is_any_of(const auto* error) noexcept {
-  return (... || (dynamic_cast<const Kinds*>(error) != nullptr));
-}
-
-/// The transport failures that are worth another attempt when they carry no status.
-bool is_transient_kind(const ErrorRef& error) noexcept {
-  return is_any_of<TimeoutError, ConnectionError, gaierror, URLError>(error.as_os_error()) ||
-         is_any_of<IncompleteRead, BadStatusLine>(error.as_http_exception());
+bool is_any_of(detail::KindList<Kinds...>, const ErrorRef& error) noexcept {
+  return (... || (dynamic_cast<const Kinds*>(error.as_os_error()) != nullptr)) ||
+         (... || (dynamic_cast<const Kinds*>(error.as_http_exception()) != nullptr));
 }
 
 std::string read_error_body(Response& body) {
@@ -54,7 +49,7 @@ std::optional<StatusCode> status_of(const ErrorRef& error) {
 
 bool is_transient(const ErrorRef& error, const StatusSet& statuses) {
   if (const auto status = status_of(error)) return statuses.contains(*status);
-  if (is_transient_kind(error)) return true;
+  if (is_any_of(detail::TRANSIENT_ERRORS, error)) return true;
   const std::string name = detail::lower(error.type_name());
   return std::ranges::any_of(detail::TRANSIENT_NAMES, [&name](std::string_view marker) {
     return name.find(marker) != std::string::npos;

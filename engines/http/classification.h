@@ -131,7 +131,15 @@ namespace detail {
 /// The most bytes read from the body of an error reply.
 inline constexpr std::size_t ERROR_BODY_BYTES = 4096;
 
-/// What the own type name of a transient failure contains, in lower case.
+template <class... Kinds>
+struct KindList {};
+
+/// The failure kinds that are worth another attempt when they carry no status.
+inline constexpr KindList<TimeoutError, ConnectionError, gaierror, URLError, IncompleteRead,
+                          BadStatusLine>
+    TRANSIENT_ERRORS;
+
+/// What the own type name of any other transient failure contains, in lower case.
 inline constexpr std::array<std::string_view, 2> TRANSIENT_NAMES = {"timeout", "connection"};
 
 }  // namespace detail
