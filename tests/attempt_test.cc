@@ -71,7 +71,18 @@ TEST(Response, IsARangeOfLinesThatLosesNothing) {
   EXPECT_EQ(reply->read(1), "");
   reply->close();
   EXPECT_THROW(reply->read1(1), ValueError);
-  EXPECT_THROW(reply->begin(), ValueError);
+  EXPECT_THROW(*reply->begin(), ValueError);
+}
+
+TEST(Response, ReadsNoLineThatIsNotTaken) {
+  const auto reply = reply_of({"1\n", "2\n", TimeoutError("no third line yet")});
+  int lines = 0;
+  for (auto line = reply->begin(); lines < 2; ++line, ++lines) EXPECT_EQ(line->size(), 2U);
+  EXPECT_EQ(reply->reads().size(), 2U);
+  const auto ended = reply_of({"a\nb"});
+  for (const std::string& line : *ended) EXPECT_FALSE(line.empty());
+  for (const std::string& line : *ended) FAIL() << line;
+  EXPECT_EQ(ended->reads().size(), 2U);  // the end is met once
 }
 
 TEST(Response, AnErrorsCopiesShareItsBody) {
@@ -87,7 +98,7 @@ TEST(Response, AnErrorsCopiesShareItsBody) {
 
 TEST(Response, AnEndlessLineIsRefused) {
   std::vector<Piece> pieces(17 * 16, Piece([] { return std::string(65536, 'x'); }));
-  EXPECT_THROW(reply_of(std::move(pieces))->begin(), HTTPException);
+  EXPECT_THROW(*reply_of(std::move(pieces))->begin(), HTTPException);
 }
 
 // ---- send ---------------------------------------------------------------------------------------
@@ -112,6 +123,7 @@ TEST(Send, BuildsTheRequest) {
        "{\"t\": \"\xc3\xa9\", \"n\": 1.5}",
        {{"Content-Type", "json; v=1"}, {"A", "1"}}},
       {1, {{"A", "1"}, {"content-type", "x"}}, "1", {{"content-type", "x"}, {"A", "1"}}},
+      {1, {{"content-type", "x"}, {"Content-Type", "y"}}, "1", {{"content-type", "x"}}},
   };
   for (const Case& c : table) {
     ScriptedTransport transport;
@@ -174,6 +186,23 @@ TEST(Send, HandsTheReplyToTheReaderAndClosesItOnce) {
       EXPECT_EQ(reply->closes(), 1) << c.outcome;
     }
   }
+}
+
+TEST(Send, ReturnsReferencesAndWhatCanOnlyBeMoved) {
+  ScriptedTransport transport;
+  transport.reply("a").reply("b");
+  int value = 7;
+  int& same = send<int&>(URL, {.policy = plain,
+                               .timeout = 1,
+                               .read = [&](Response&) -> int& { return value; },
+                               .transport = transport});
+  EXPECT_EQ(&same, &value);
+  EXPECT_EQ(
+      *send<std::unique_ptr<int>>(URL, {.policy = plain,
+                                        .timeout = 1,
+                                        .read = [](Response&) { return std::make_unique<int>(8); },
+                                        .transport = transport}),
+      8);
 }
 
 TEST(Send, ClassifiesBeforeItClosesAndThrowsOutsideEveryHandler) {
@@ -336,7 +365,7 @@ TEST(ReadJson, ParsesOrSaysWhyNot) {
   };
   for (const Case& c : table) {
     const auto reply =
-        reply_of({c.body}, {.status = 204, .headers = Headers{{"Content-Type", "text/html"}}});
+        reply_of({c.body}, {.status = 204, .headers = {{"Content-Type", "text/html"}}});
     try {
       EXPECT_EQ(read_json(*reply, pages, {"s3cr3t-k3y"}).dump(), c.outcome);
     } catch (const HttpFailure& failure) {

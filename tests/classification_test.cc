@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "engines/http/detail/text.h"
@@ -54,6 +55,14 @@ struct Lookup {
 };
 struct WithHeaders {
   Lookup headers;
+};
+struct WithFunction {
+  struct {
+    std::function<std::string(const char*)> get;
+  } headers;
+};
+struct PrivateTimeout : private engines::http::TimeoutError {
+  PrivateTimeout() : TimeoutError("t") {}
 };
 struct WithBareMap {
   std::map<std::string, std::string> headers;
@@ -112,6 +121,11 @@ TEST(StatusOf, OnlyAnIntegerCounts) {
   EXPECT_EQ(status_of(service::WithAccessor<long long>{-999}), -999);
   EXPECT_EQ(status_of(service::WithMember<std::optional<short>>{503}), 503);
   EXPECT_EQ(status_of(service::WithMember<std::optional<short>>{}), std::nullopt);
+  using Any = std::variant<std::monostate, bool, int, std::string>;
+  EXPECT_EQ(status_of(service::WithMember<Any>{429}), 429);
+  EXPECT_EQ(status_of(service::WithMember<Any>{true}), std::nullopt);
+  EXPECT_EQ(status_of(service::WithMember<std::shared_ptr<int>>{}), std::nullopt);
+  EXPECT_EQ(status_of(service::WithMember<volatile int>{429}), 429);
   EXPECT_EQ(status_of(service::WithMember<bool>{true}), std::nullopt);
   EXPECT_EQ(status_of(service::WithMember<double>{503.0}), std::nullopt);
   EXPECT_EQ(status_of(service::WithMember<char>{'5'}), std::nullopt);
@@ -149,6 +163,8 @@ TEST(IsTransient, StatusThenKindThenName) {
       {is_transient(service::ConnectError()), false},
       {is_transient(service::ServiceUnavailable()), false},
       {is_transient(7), false},
+      {is_transient(service::PrivateTimeout()), true},  // by its name alone
+      {is_transient("timeout"), false},
   };
   for (std::size_t i = 0; i < table.size(); ++i) {
     EXPECT_EQ(table[i].first, table[i].second) << "row " << i;
@@ -164,11 +180,13 @@ TEST(ContentType, LowersTheWholeValueAndTrimsNothing) {
   EXPECT_EQ(content_type(labelled("A\xff")), "a\xff");
   EXPECT_EQ(content_type(labelled("")), "");
   EXPECT_EQ(content_type(http_error(500)), "");
-  EXPECT_EQ(content_type(ScriptedReply({}, {.headers = std::nullopt})), "");
-  EXPECT_EQ(content_type(ScriptedReply({}, {.headers = Headers{{"Content-Type", "A/B"}}})), "a/b");
+  EXPECT_EQ(content_type(ScriptedReply({}, {.has_headers = false})), "");
+  EXPECT_EQ(content_type(ScriptedReply({}, {.headers = {{"Content-Type", "A/B"}}})), "a/b");
   EXPECT_EQ(content_type(service::WithHeaders{{{{"Content-Type", "X/Y"}}}}), "x/y");
   EXPECT_EQ(content_type(service::WithHeaders{{{{"content-type", "X/Y"}}}}), "");
   EXPECT_EQ(content_type(service::WithBareMap{{{"Content-Type", "X/Y"}}}), "");
+  EXPECT_EQ(content_type(service::WithFunction{}), "");
+  EXPECT_EQ(content_type(service::WithFunction{{[](const char*) { return "A/b"; }}}), "a/b");
   EXPECT_EQ(content_type(service::Carrier("")), "text/plain");
   EXPECT_EQ(content_type(7), "");
 }

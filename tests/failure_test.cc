@@ -91,6 +91,7 @@ TEST(Failure, TextIsTheMessageAlone) {
   EXPECT_EQ(bare.status(), std::nullopt);
   EXPECT_EQ(bare.detail(), "");
   static_assert(std::is_nothrow_copy_constructible_v<Exhausted>);
+  static_assert(!std::is_copy_assignable_v<Exhausted>);
   static_assert(std::is_nothrow_copy_constructible_v<HTTPError>);
   static_assert(std::is_nothrow_copy_constructible_v<URLError>);
   static_assert(std::is_nothrow_copy_constructible_v<DroppedConnection>);
@@ -123,6 +124,16 @@ TEST(Failure, AHeldFailureKeepsItsKind) {
   }
   EXPECT_EQ(handled.get(), thrown);
   EXPECT_THROW(handled.raise(), Throttled);
+  class Both : public Retryable, public Refused {
+   public:
+    Both() : Retryable("r"), Refused("f") {}
+  };
+  try {
+    throw Both();
+  } catch (const Retryable& failure) {
+    handled = failure;
+  }
+  EXPECT_THROW(handled.raise(), Both);
   EXPECT_THROW(FailurePtr(Throttled("again")).raise(), Throttled);
   try {
     throw std::runtime_error("unrelated");
@@ -136,6 +147,13 @@ TEST(Transport, AUrlErrorHoldsAndNamesItsReason) {
   EXPECT_STREQ(error.what(), "no such host");
   EXPECT_NE(dynamic_cast<const gaierror*>(error.reason()), nullptr);
   EXPECT_EQ(URLError("odd").reason(), nullptr);
+  try {
+    throw TimeoutError("too slow");
+  } catch (const std::exception& caught) {  // named by a base alone
+    const URLError wrapped(caught);
+    EXPECT_STREQ(wrapped.reason()->what(), "too slow");
+    EXPECT_NE(dynamic_cast<const TimeoutError*>(wrapped.reason()), nullptr);
+  }
 }
 
 }  // namespace

@@ -424,6 +424,18 @@ TEST(EncodeJson, RefusesAValueThatContainsItselfOrIsTooDeep) {
   for (int depth = 1; depth < 1000; ++depth) deep = Json::array({std::move(deep)});
   EXPECT_EQ(encode_json(deep), repeat("[", 1000) + repeat("]", 1000));
   EXPECT_THROW(encode_json(std::vector{deep}), std::invalid_argument);
+
+  // Through pointers and references alone, without a bracket.
+  struct Endless : std::variant<int, std::shared_ptr<Endless>> {
+    using variant::variant;
+  };
+  const auto endless = std::make_shared<Endless>(1);
+  *endless = Endless(endless);
+  EXPECT_THROW(encode_json(*endless), std::invalid_argument);
+  *endless = Endless(1);
+  Body itself;
+  itself = Body(std::ref(itself));
+  EXPECT_THROW(encode_json(itself), std::invalid_argument);
 }
 
 TEST(EncodeBody, ANullBodyIsNoBody) {

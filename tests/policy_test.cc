@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <climits>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -43,8 +45,12 @@ TEST(Policy, StatusSetsAreBuiltFromWhateverHoldsStatuses) {
   const std::vector<int> unordered{503, 401, 503};
   EXPECT_EQ(StatusSet(unordered), (StatusSet{401, 503}));
   EXPECT_NE(StatusSet({401}), StatusSet());
-  const StatusSet outlives = [] { return StatusSet{7}; }();
-  EXPECT_TRUE(outlives.contains(7));
+  StatusSet moved_from{7};
+  {
+    const StatusSet moved_to = std::move(moved_from);
+    EXPECT_TRUE(moved_to.contains(7));
+  }
+  EXPECT_TRUE(moved_from.contains(7));
 }
 
 TEST(Policy, NeedsAnAttempt) {
@@ -59,6 +65,19 @@ TEST(Policy, NeedsAnAttempt) {
     EXPECT_THROW(RetryPolicy{attempts}, ValueError);
   }
   EXPECT_EQ(RetryPolicy{.attempts = 1}.attempts, 1);
+  EXPECT_EQ(RetryPolicy{.attempts = 0x100000000LL}.attempts, INT_MAX);
+}
+
+TEST(Policy, TakesNumbersAndDurationsOfWhateverType) {
+  using namespace std::chrono_literals;
+  const int seconds = 2;
+  const int bytes = -1;
+  const RetryPolicy policy{.backoff_s = seconds, .timeout_s = 250ms, .max_body_bytes = bytes};
+  EXPECT_EQ(policy.backoff_s, 2.0);
+  EXPECT_EQ(policy.timeout_s, 0.25);
+  EXPECT_EQ(policy.max_body_bytes, 0U);
+  EXPECT_EQ(policy.with({.timeout_s = 2min, .detail_chars = bytes}).timeout_s, 120.0);
+  EXPECT_EQ(policy.with({.detail_chars = bytes}).detail_chars, 0U);
 }
 
 TEST(Policy, ACopyReplacesWhatIsNamedAndKeepsTheRest) {
@@ -109,8 +128,8 @@ TEST(Policy, ACopyReplacesWhatIsNamedAndKeepsTheRest) {
 
 TEST(Policy, BackoffDoubles) {
   const std::vector<std::tuple<double, int, double>> table{
-      {1.0, 1, 1.0}, {1.0, 2, 2.0}, {1.0, 3, 4.0}, {0.5, 1, 0.5},
-      {0.5, 3, 2.0}, {1.0, 0, 0.5}, {0.0, 9, 0.0}, {1.0, 101, 0x1p100}};
+      {1.0, 1, 1.0}, {1.0, 2, 2.0}, {1.0, 3, 4.0},    {0.5, 1, 0.5},
+      {0.5, 3, 2.0}, {1.0, 0, 0.5}, {0.0, 9999, 0.0}, {1.0, 101, 0x1p100}};
   for (const auto& [backoff_s, failed, expected] : table) {
     EXPECT_EQ(RetryPolicy{.backoff_s = backoff_s}.backoff(failed), expected);
   }

@@ -4,6 +4,7 @@
 
 #include "engines/http/classification.h"
 #include "engines/http/curl_transport.h"
+#include "engines/http/detail/closing.h"
 
 namespace engines::http {
 namespace {
@@ -13,13 +14,13 @@ namespace {
 Headers with_content_type(const Headers& given) {
   constexpr std::string_view CONTENT_TYPE = "Content-Type";
   Headers headers;
-  headers.add(std::string(CONTENT_TYPE), "application/json");
+  std::string content_type = "application/json";
   for (const auto& [name, value] : given) {
-    if (name == CONTENT_TYPE) {
-      headers.set(name, value);
-    } else {
-      headers.add(name, value);
-    }
+    if (name == CONTENT_TYPE) content_type = value;
+  }
+  headers.add(std::string(CONTENT_TYPE), std::move(content_type));
+  for (const auto& [name, value] : given) {
+    if (name != CONTENT_TYPE) headers.add(name, value);
   }
   return headers;
 }
@@ -44,9 +45,9 @@ void detail::send(std::string_view url, const AttemptFields& fields,
   std::optional<std::string> data = encode_body(fields.body);
   Headers headers = data ? with_content_type(fields.headers) : fields.headers;
   const Secrets hidden = fields.secrets.followed_by(secrets_of(headers));
-  const Request request(std::string(url), {.data = std::move(data),
-                                           .headers = std::move(headers),
-                                           .method = std::string(fields.method)});
+  const Request request(
+      std::string(url),
+      {.data = std::move(data), .headers = std::move(headers), .method = fields.method});
 
   const ReplyOrFailure outcome =
       fields.transport
@@ -55,15 +56,9 @@ void detail::send(std::string_view url, const AttemptFields& fields,
   // Thrown here, where no error of the transport is being handled: none travels with it.
   if (const FailurePtr* const failure = std::get_if<FailurePtr>(&outcome)) failure->raise();
 
-  Response& reply = *std::get<std::shared_ptr<Response>>(outcome);
-  FailurePtr failure;
-  try {
-    failure = read_or_failure(reply, read, fields.policy, hidden);
-  } catch (...) {
-    reply.close();
-    throw;
-  }
-  reply.close();
+  const FailurePtr failure =
+      closing(*std::get<std::shared_ptr<Response>>(outcome),
+              [&](Response& reply) { return read_or_failure(reply, read, fields.policy, hidden); });
   if (failure) failure.raise();
 }
 

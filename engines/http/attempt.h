@@ -28,13 +28,14 @@ namespace engines::http {
 /// What `send` is told beside the URL.
 template <class Result>
 struct SendOptions {
-  /// How a failure is judged.
+  /// How a failure is judged. Referred to, not copied: it must outlive the options.
   const RetryPolicy& policy;
   /// Socket timeout of the attempt, in seconds.
-  required<double> timeout;
-  /// Takes the open reply; what it returns, `send` returns. It does not close the reply.
+  required<Seconds> timeout;
+  /// Takes the open reply; what it returns, `send` returns: a value that can be moved, a reference,
+  /// or nothing. It can be copied, and does not close the reply.
   required<std::function<Result(Response& reply)>> read;
-  std::string_view method = "POST";
+  std::string method = "POST";
   /// Sent as JSON; a null body is no body.
   Body body = {};
   /// Sent with the request. A body adds "Content-Type: application/json" unless it is among them.
@@ -51,7 +52,7 @@ namespace detail {
 struct AttemptFields {
   const RetryPolicy& policy;
   double timeout;
-  std::string_view method;
+  const std::string& method;
   const Body& body;
   const Headers& headers;
   const Secrets& secrets;
@@ -70,11 +71,15 @@ void send(std::string_view url, const AttemptFields& fields,
 /// close replaces the outcome.
 template <class Result>
 Result send(std::string_view url, const SendOptions<Result>& options) {
-  const detail::AttemptFields fields{options.policy,   options.timeout, options.method,
-                                     options.body,     options.headers, options.secrets,
+  const detail::AttemptFields fields{options.policy,   *options.timeout, options.method,
+                                     options.body,     options.headers,  options.secrets,
                                      options.transport};
   if constexpr (std::is_void_v<Result>) {
     detail::send(url, fields, options.read);
+  } else if constexpr (std::is_reference_v<Result>) {
+    std::remove_reference_t<Result>* result = nullptr;
+    detail::send(url, fields, [&](Response& reply) { result = &(*options.read)(reply); });
+    return static_cast<Result>(*result);
   } else {
     std::optional<Result> result;
     detail::send(url, fields, [&](Response& reply) { result.emplace((*options.read)(reply)); });

@@ -270,6 +270,7 @@ void write_text_form(JsonWriter& out, const T& value) {
 template <class T>
 void write(JsonWriter& out, const T& value) {
   if constexpr (std::same_as<T, Body>) {
+    const JsonWriter::Link link(out);
     write_body(out, value);
   } else if constexpr (std::same_as<T, Json>) {
     write_json(out, value);
@@ -299,10 +300,13 @@ void write(JsonWriter& out, const T& value) {
     out.text(view(value));
   } else if constexpr (Pointer<T>) {
     if (!value) return out.null();
+    const JsonWriter::Link link(out);
     write(out, *value);
   } else if constexpr (is_a<T, std::reference_wrapper>) {
+    const JsonWriter::Link link(out);
     write(out, value.get());
   } else if constexpr (Variant<T>) {
+    const JsonWriter::Link link(out);
     std::visit([&out](const auto& alternative) { write(out, alternative); }, value);
   } else if constexpr (Mapping<T>) {
     out.open('{');

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "engines/http/detail/closing.h"
 #include "engines/http/detail/text.h"
 #include "engines/http/detail/type_name.h"
 
@@ -12,6 +13,14 @@ template <class... Kinds>
 bool is_any_of(detail::KindList<Kinds...>, const ErrorRef& error) noexcept {
   return (... || (dynamic_cast<const Kinds*>(error.as_os_error()) != nullptr)) ||
          (... || (dynamic_cast<const Kinds*>(error.as_http_exception()) != nullptr));
+}
+
+bool is_transient_without_status(const ErrorRef& error) {
+  if (is_any_of(detail::TRANSIENT_ERRORS, error)) return true;
+  const std::string name = detail::lower(error.type_name());
+  return std::ranges::any_of(detail::TRANSIENT_NAMES, [&name](std::string_view marker) {
+    return name.find(marker) != std::string::npos;
+  });
 }
 
 std::string read_error_body(Response& body) {
@@ -48,14 +57,9 @@ std::optional<StatusCode> status_of(const ErrorRef& error) {
 }
 
 bool is_transient(const ErrorRef& error, const StatusSet& statuses) {
-  if (const auto status = status_of(error)) return statuses.contains(*status);
-  if (is_any_of(detail::TRANSIENT_ERRORS, error)) return true;
-  const std::string name = detail::lower(error.type_name());
-  return std::ranges::any_of(detail::TRANSIENT_NAMES, [&name](std::string_view marker) {
-    return name.find(marker) != std::string::npos;
-  });
+  const std::optional<StatusCode> status = status_of(error);
+  return status ? statuses.contains(*status) : is_transient_without_status(error);
 }
-
 std::string content_type(const ErrorRef& reply) {
   return detail::lower(reply.header("Content-Type"));
 }
@@ -69,7 +73,7 @@ FailurePtr classify(const ErrorRef& error, const RetryPolicy& policy, const Secr
   const std::string text = excerpt(error.text(), secrets, policy.detail_chars);
   const bool of_network = error.as_os_error() || error.as_http_exception();
   const std::string message = (of_network ? "network error" : error.type_name()) + ": " + text;
-  if (is_transient(error)) return Retryable(message, {.detail = text});
+  if (is_transient_without_status(error)) return Retryable(message, {.detail = text});
   return HttpFailure(message, {.detail = text});
 }
 
@@ -90,16 +94,7 @@ FailurePtr _status_failure(StatusCode status, std::string_view body, std::string
 }
 
 std::string _error_body(const HTTPError& error) {
-  Response& body = error.body();
-  std::string text;
-  try {
-    text = read_error_body(body);
-  } catch (...) {
-    body.close();
-    throw;
-  }
-  body.close();
-  return text;
+  return detail::closing(error.body(), read_error_body);
 }
 
 std::optional<std::string> html_page(std::string_view body, std::string_view content_type) {

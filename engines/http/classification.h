@@ -13,6 +13,7 @@
 #include <array>
 #include <cstddef>
 #include <exception>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -43,7 +44,7 @@ class ErrorRef {
  public:
   template <class E>
   requires(!std::same_as<E, ErrorRef>) ErrorRef(const E& error)
-      : object_(&error),
+      : object_(std::addressof(error)),
         type_(&typeid(error)),
         as_os_error_(cast<OSError>(error)),
         as_http_exception_(cast<HTTPException>(error)),
@@ -54,6 +55,10 @@ class ErrorRef {
         header_([](const void* object, const char* name) {
           return detail::foreign::header_in(as<E>(object), name);
         }) {}
+
+  // These hold an error and are none: pass what they hold.
+  ErrorRef(const std::exception_ptr&) = delete;
+  ErrorRef(const FailurePtr&) = delete;
 
   /// The error's own text.
   std::string text() const { return message_(object_); }
@@ -77,11 +82,11 @@ class ErrorRef {
   template <class Kind, class E>
   static const Kind* cast(const E& error) noexcept {
     if constexpr (std::is_convertible_v<const E*, const Kind*>) {
-      return &error;
-    } else if constexpr (std::is_polymorphic_v<E>) {
-      return dynamic_cast<const Kind*>(&error);
+      return std::addressof(error);
+    } else if constexpr (std::is_polymorphic_v<E> && !std::is_base_of_v<Kind, E>) {
+      return dynamic_cast<const Kind*>(std::addressof(error));
     } else {
-      return nullptr;
+      return nullptr;  // of another kind, or of this one privately or twice
     }
   }
 

@@ -25,22 +25,6 @@ void FailurePtr::raise() const {
   std::terminate();  // not reached: raise_ always throws
 }
 
-bool FailurePtr::keep_handled(const HttpFailure& failure) noexcept {
-  std::exception_ptr handled = std::current_exception();
-  if (!handled) return false;
-  try {
-    std::rethrow_exception(handled);
-  } catch (const HttpFailure& current) {
-    if (&current != &failure) return false;
-  } catch (...) {
-    return false;  // some other error is being handled
-  }
-  // The pointer shares ownership with the exception object that it points into.
-  failure_ = {std::make_shared<std::exception_ptr>(handled), &failure};
-  handled_ = std::move(handled);
-  return true;
-}
-
 namespace detail {
 
 Ended::Ended(std::string message, EndedFields fields)

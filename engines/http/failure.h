@@ -22,6 +22,7 @@
 #include <string>
 #include <typeinfo>
 
+#include "engines/http/detail/held.h"
 #include "engines/http/detail/required.h"
 
 namespace engines::http {
@@ -42,9 +43,9 @@ struct FailureFields {
 class HttpFailure : public std::exception {
  public:
   explicit HttpFailure(std::string message, FailureFields fields = {});
-  // Copies only: a moved-from failure would have no text.
+  // Copied, never moved from or assigned to: it keeps its text and fields for life.
   HttpFailure(const HttpFailure&) noexcept = default;
-  HttpFailure& operator=(const HttpFailure&) noexcept = default;
+  HttpFailure& operator=(const HttpFailure&) = delete;
   ~HttpFailure() override;
 
   /// Exactly the message given at construction: neither status nor detail is appended.
@@ -91,9 +92,13 @@ class FailurePtr {
 
   template <std::derived_from<HttpFailure> Kind>
   FailurePtr(const Kind& failure) {
-    if (typeid(failure) != typeid(Kind) && keep_handled(failure)) return;
-    failure_ = std::make_shared<const Kind>(failure);
-    raise_ = [](const HttpFailure& held) { throw dynamic_cast<const Kind&>(held); };
+    if (typeid(failure) != typeid(Kind)) handled_ = detail::handling(failure);
+    if (handled_) {
+      failure_ = {std::make_shared<std::exception_ptr>(handled_), &failure};
+    } else {
+      failure_ = std::make_shared<const Kind>(failure);
+      raise_ = [](const HttpFailure& held) { throw dynamic_cast<const Kind&>(held); };
+    }
   }
 
   const HttpFailure* get() const noexcept { return failure_.get(); }
@@ -106,8 +111,6 @@ class FailurePtr {
   [[noreturn]] void raise() const;
 
  private:
-  bool keep_handled(const HttpFailure& failure) noexcept;
-
   std::shared_ptr<const HttpFailure> failure_;
   std::exception_ptr handled_;                   // set when the failure is one that was caught,
   void (*raise_)(const HttpFailure&) = nullptr;  // else this throws a copy of it

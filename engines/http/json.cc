@@ -436,7 +436,7 @@ void Decoder::give(const Slot& slot, const Sink& sink) {
 }  // namespace
 
 std::optional<Json> decode_json(std::string_view text) {
-  if (!detail::is_json_text(text)) return std::nullopt;
+  if (!detail::is_utf8(text)) return std::nullopt;
   return Decoder(text).decode();
 }
 

@@ -1,7 +1,6 @@
 #include "engines/http/policy.h"
 
 #include <array>
-#include <chrono>
 #include <cmath>
 #include <numeric>
 #include <thread>
@@ -48,20 +47,21 @@ bool WaitUnlessStopped::operator()(double seconds, const StopSignal& should_stop
   // Counts down by what was slept, never by a clock: the wait sleeps `seconds` in all.
   for (double left = seconds; left > 0;) {
     if (should_stop()) return true;
-    const double step = std::min(options.poll_s, left);
+    const double step = std::min<double>(options.poll_s, left);
     options.sleep(step);
     left -= step;
   }
   return should_stop();
 }
 
-AttemptCount::AttemptCount(int count) : count_(count) {
+int AttemptCount::checked(int count) {
   if (count < 1) throw ValueError("a retry policy makes at least one attempt");
+  return count;
 }
 
 }  // namespace detail
 
-double RetryPolicy::backoff(int failed) const { return backoff_s * std::exp2(failed - 1.0); }
+double RetryPolicy::backoff(int failed) const { return std::scalbn(backoff_s, failed - 1); }
 
 RetryPolicy RetryPolicy::with(const PolicyChanges& changes) const {
   return {

@@ -6,10 +6,12 @@
 #pragma once
 
 #include <algorithm>
+#include <chrono>
 #include <concepts>
 #include <cstddef>
 #include <functional>
 #include <initializer_list>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <ranges>
@@ -40,6 +42,9 @@ struct ConstantStatuses {
 class StatusSet {
  public:
   constexpr StatusSet() noexcept = default;
+  // Copied, never moved from: a set keeps its statuses for life.
+  StatusSet(const StatusSet&) noexcept = default;
+  StatusSet& operator=(const StatusSet&) noexcept = default;
   constexpr explicit StatusSet(detail::ConstantStatuses constant) noexcept
       : statuses_(constant.statuses) {}
   StatusSet(std::initializer_list<StatusCode> statuses) { assign(statuses); }
@@ -95,6 +100,24 @@ double monotonic();
 /// False, always: the stop signal of a call that nothing stops.
 bool _never();
 
+/// A time span in seconds. Converts from a number and from any `std::chrono` duration, and to a
+/// `double`.
+class Seconds {
+ public:
+  template <class Number>
+  requires std::is_arithmetic_v<Number>
+  constexpr Seconds(Number seconds) noexcept : seconds_(static_cast<double>(seconds)) {}
+
+  template <class Rep, class Period>
+  constexpr Seconds(std::chrono::duration<Rep, Period> span) noexcept
+      : seconds_(std::chrono::duration<double>(span).count()) {}
+
+  constexpr operator double() const noexcept { return seconds_; }
+
+ private:
+  double seconds_;
+};
+
 namespace detail {
 
 /// The longest step that `wait_unless_stopped` sleeps before it asks the stop signal again.
@@ -110,7 +133,7 @@ struct WaitOptions {
   /// Pauses the calling thread for so many seconds.
   std::function<void(double seconds)> sleep = detail::sleep_for;
   /// The longest single sleep, in seconds; greater than zero.
-  double poll_s = detail::STOP_POLL_S;
+  Seconds poll_s = detail::STOP_POLL_S;
 };
 
 namespace detail {
@@ -131,14 +154,35 @@ inline constexpr detail::WaitUnlessStopped wait_unless_stopped;
 
 namespace detail {
 
-/// A count of attempts: an integer that is at least one.
+template <class T>
+concept Count = std::integral<T> && !std::same_as<T, bool>;
+
+/// An integer of whatever type; one that is out of range counts as the nearest that is not.
+template <class To>
+constexpr To saturated(Count auto value) noexcept {
+  if (std::in_range<To>(value)) return static_cast<To>(value);
+  return value < 0 ? std::numeric_limits<To>::min() : std::numeric_limits<To>::max();
+}
+
+/// A count of attempts: at least one.
 class AttemptCount {
  public:
-  AttemptCount(int count);  // throws ValueError
+  AttemptCount(Count auto count) : count_(checked(saturated<int>(count))) {}  // throws ValueError
   constexpr operator int() const noexcept { return count_; }
 
  private:
+  static int checked(int count);
   int count_;
+};
+
+/// A bound on a size: at least zero.
+class Bound {
+ public:
+  constexpr Bound(Count auto bound) noexcept : bound_(saturated<std::size_t>(bound)) {}
+  constexpr operator std::size_t() const noexcept { return bound_; }
+
+ private:
+  std::size_t bound_;
 };
 
 /// A field of `PolicyChanges`: a new value, or the policy's own left as it is. It has no default
@@ -176,16 +220,17 @@ inline constexpr KeepAll keep;
 
 struct PolicyChanges;
 
-/// An immutable record; every field has a default. Built by name, as above, or by position. A
-/// policy may be shared between threads; the functions in it are the caller's to make safe, and to
-/// keep valid for as long as the policy is used. It can be copied but not assigned to.
+/// An immutable record; every field has a default. Built in braces, by name as above or by
+/// position; it can be copied but not assigned to. A policy may be shared between threads. The
+/// functions in it are copied with it (`std::ref` shares one that has state); they are the caller's
+/// to make safe, and to keep valid for as long as the policy is used.
 struct RetryPolicy {
   /// Tries in all; 1 means no retry. Less than 1 throws `ValueError`.
   const detail::AttemptCount attempts = 3;
   /// Seconds to wait after the first failed attempt; each later wait doubles it.
-  const double backoff_s = 1.0;
+  const Seconds backoff_s = 1.0;
   /// Socket timeout of an attempt, in seconds, cut to what is left of the deadline.
-  const double timeout_s = 30.0;
+  const Seconds timeout_s = 30.0;
   /// Statuses worth another attempt.
   const StatusSet retry_statuses = TRANSIENT_STATUSES;
   /// Statuses of a refusal, never retried.
@@ -204,9 +249,9 @@ struct RetryPolicy {
   /// Waits out a backoff.
   const Wait wait = wait_unless_stopped;
   /// The most characters of a body that a failure quotes.
-  const std::size_t detail_chars = 300;
+  const detail::Bound detail_chars = 300;
   /// The longest reply that is read, in bytes (16 MiB).
-  const std::size_t max_body_bytes = 16777216;
+  const detail::Bound max_body_bytes = 16777216;
 
   /// Seconds to wait after `failed` attempts have failed: `backoff_s` × 2^(failed − 1).
   double backoff(int failed) const;
@@ -219,8 +264,8 @@ struct RetryPolicy {
 /// and `.refusal_reason = nullptr` replace by none.
 struct PolicyChanges {
   detail::Change<detail::AttemptCount> attempts = detail::keep;
-  detail::Change<double> backoff_s = detail::keep;
-  detail::Change<double> timeout_s = detail::keep;
+  detail::Change<Seconds> backoff_s = detail::keep;
+  detail::Change<Seconds> timeout_s = detail::keep;
   detail::Change<StatusSet> retry_statuses = detail::keep;
   detail::Change<StatusSet> refusal_statuses = detail::keep;
   detail::Change<RefusalReason> refusal_reason = detail::keep;
@@ -229,8 +274,8 @@ struct PolicyChanges {
   detail::Change<Clock> clock = detail::keep;
   detail::Change<StopSignal> should_stop = detail::keep;
   detail::Change<Wait> wait = detail::keep;
-  detail::Change<std::size_t> detail_chars = detail::keep;
-  detail::Change<std::size_t> max_body_bytes = detail::keep;
+  detail::Change<detail::Bound> detail_chars = detail::keep;
+  detail::Change<detail::Bound> max_body_bytes = detail::keep;
 };
 
 }  // namespace engines::http

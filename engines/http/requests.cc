@@ -7,12 +7,12 @@
 namespace engines::http {
 
 Json post_json(std::string_view url, const Body& body, const CallOptions& options) {
-  return _request_json("POST", url, body, options.policy, options.label, options.headers,
+  return _request_json("POST", url, body, options.policy, *options.label, options.headers,
                        options.secrets, options.transport);
 }
 
 Json get_json(std::string_view url, const CallOptions& options) {
-  return _request_json("GET", url, {}, options.policy, options.label, options.headers,
+  return _request_json("GET", url, {}, options.policy, *options.label, options.headers,
                        options.secrets, options.transport);
 }
 
@@ -25,13 +25,13 @@ Json _request_json(std::string_view method, std::string_view url, const Body& bo
     return send<Json>(url, {.policy = policy,
                             .timeout = timeout,
                             .read = reader,
-                            .method = method,
+                            .method = std::string(method),
                             .body = body,
                             .headers = headers,
                             .secrets = hidden,
                             .transport = transport});
   };
-  return retry(policy, attempt, {.label = label, .secrets = hidden});
+  return retry(policy, attempt, {.label = std::string(label), .secrets = hidden});
 }
 
 }  // namespace engines::http

@@ -6,6 +6,7 @@
 //                                               .headers = {{"Authorization", "Bearer " + key}}});
 #pragma once
 
+#include <string>
 #include <string_view>
 
 #include "engines/http/body.h"
@@ -19,10 +20,11 @@ namespace engines::http {
 
 /// What a call is told beside the URL and the body.
 struct CallOptions {
-  /// The attempts, the backoff, the statuses and the bounds.
+  /// The attempts, the backoff, the statuses and the bounds. Referred to, not copied: it must
+  /// outlive the options.
   const RetryPolicy& policy;
   /// Names the call in what is logged and thrown, as in "decision call".
-  required<std::string_view> label;
+  required<std::string> label;
   /// Sent with the request. The credentials among them are kept out of every message.
   Headers headers = {};
   /// Removed from every message and log line, together with those that the headers carry.
@@ -31,8 +33,9 @@ struct CallOptions {
   Transport transport = nullptr;
 };
 
-/// POSTs `body` as JSON and returns the parsed reply. Throws an `HttpFailure` of the kind that says
-/// how the call failed, or `ValueError` for a request that cannot be sent.
+/// POSTs `body` as JSON and returns the parsed reply. A body in braces needs its type:
+/// `Json{{...}}`, or `Json::object()` for an empty one; `{}` is no body. Throws an `HttpFailure` of
+/// the kind that says how the call failed, or `ValueError` for a request that cannot be sent.
 Json post_json(std::string_view url, const Body& body, const CallOptions& options);
 
 /// GETs `url` and returns the parsed reply. Throws as `post_json` does.

@@ -84,7 +84,7 @@ double _attempt_timeout(const RetryPolicy& policy, const FailurePtr& last, std::
     throw DeadlineExceeded(labelled(label, " had no time left for another attempt"),
                            {.last = last});
   }
-  return std::min(policy.timeout_s, remaining);
+  return std::min<double>(policy.timeout_s, remaining);
 }
 
 void _back_off(const RetryPolicy& policy, int failed, const FailurePtr& last,

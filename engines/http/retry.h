@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <memory>
+#include <string>
 #include <string_view>
 #include <type_traits>
 
@@ -23,13 +24,14 @@ namespace engines::http {
 
 /// The library's one logger, named "engines.http": the one that is registered under this name. The
 /// library registers one when it loads, which writes to whatever sinks the application's default
-/// logger has; register another in its place to send the lines elsewhere.
+/// logger has, whatever that logger's own level; register another in its place to send the lines
+/// elsewhere, or set the level of this one to silence it.
 std::shared_ptr<spdlog::logger> logger();
 
 /// What `retry` is told beside the policy and the attempt.
 struct RetryOptions {
   /// Names the call in every message and in the log line, as in "decision call".
-  required<std::string_view> label;
+  required<std::string> label;
   /// Removed from what the loop logs and from the failure text that `Exhausted` quotes.
   Secrets secrets = {};
 };
@@ -63,16 +65,16 @@ std::invoke_result_t<Attempt&, double> retry(const RetryPolicy& policy, Attempt&
                                              const RetryOptions& options) {
   FailurePtr last;
   for (int failed = 0; failed < policy.attempts; ++failed) {
-    if (last) _back_off(policy, failed, last, options.label, options.secrets);
-    detail::check_stop(policy, last, options.label);
-    const double timeout = _attempt_timeout(policy, last, options.label);
+    if (last) _back_off(policy, failed, last, *options.label, options.secrets);
+    detail::check_stop(policy, last, *options.label);
+    const double timeout = _attempt_timeout(policy, last, *options.label);
     try {
       return std::invoke(attempt, timeout);
     } catch (const Retryable& failure) {
       last = failure;
     }
   }
-  detail::give_up(policy, last, options.label, options.secrets);
+  detail::give_up(policy, last, *options.label, options.secrets);
 }
 
 }  // namespace engines::http

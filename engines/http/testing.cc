@@ -8,7 +8,8 @@ ScriptedReply::ScriptedReply(std::vector<Piece> pieces, ReplyScript script)
     : pieces_(std::move(pieces)), script_(std::move(script)) {}
 
 std::string ScriptedReply::take(std::size_t amt) {
-  while (left_.empty() && next_ < pieces_.size()) left_ = pieces_[next_++]();
+  if (failed_) std::rethrow_exception(std::exchange(failed_, nullptr));
+  if (left_.empty() && next_ < pieces_.size()) left_ = pieces_[next_++]();
   std::string taken = left_.substr(0, amt);
   left_.erase(0, taken.size());
   return taken;
@@ -17,10 +18,15 @@ std::string ScriptedReply::take(std::size_t amt) {
 std::string ScriptedReply::do_read(std::size_t amt) {
   reads_.push_back(amt);
   std::string joined;
-  while (joined.size() < amt) {
-    const std::string more = take(amt - joined.size());
-    if (more.empty()) break;
-    joined += more;
+  try {
+    while (joined.size() < amt) {
+      const std::string more = take(amt - joined.size());
+      if (more.empty()) break;
+      joined += more;
+    }
+  } catch (...) {
+    if (joined.empty()) throw;
+    failed_ = std::current_exception();
   }
   return joined;
 }
@@ -52,6 +58,7 @@ ScriptedTransport& ScriptedTransport::reply(std::string body, StatusCode status,
 }
 
 ScriptedTransport& ScriptedTransport::reply(std::shared_ptr<Response> reply) {
+  if (!reply) throw ValueError("a scripted transport needs a reply");
   return then([reply](const Request&, TransportOptions) {
     const StatusCode status = reply->status().value_or(200);
     if (status >= 200 && status <= 299) return reply;
@@ -62,11 +69,11 @@ ScriptedTransport& ScriptedTransport::reply(std::shared_ptr<Response> reply) {
 std::shared_ptr<Response> ScriptedTransport::operator()(const Request& request,
                                                         TransportOptions options) const {
   state_->sent.push_back({request, options.timeout});
-  const std::size_t number = state_->sent.size();
-  if (number > state_->steps.size()) {
-    throw std::logic_error("the transport's script has no step " + std::to_string(number));
+  if (state_->played == state_->steps.size()) {
+    throw std::logic_error("the transport's script has no step for request " +
+                           std::to_string(state_->sent.size()));
   }
-  const Step step = state_->steps[number - 1];
+  const Step step = state_->steps[state_->played++];  // a copy: it may add steps
   return step(request, options);
 }
 

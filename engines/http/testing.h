@@ -22,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include "engines/http/detail/held.h"
 #include "engines/http/json.h"
 #include "engines/http/policy.h"
 #include "engines/http/transport.h"
@@ -32,11 +33,13 @@ namespace engines::http::testing {
 /// that gives the bytes.
 class Piece {
  public:
-  template <std::convertible_to<std::string> Bytes>
-  Piece(Bytes&& bytes) : play_([copy = std::string(std::forward<Bytes>(bytes))] { return copy; }) {}
+  template <std::convertible_to<std::string_view> Bytes>
+  Piece(const Bytes& bytes)
+      : play_([copy = std::string(std::string_view(bytes))] { return copy; }) {}
 
   template <std::derived_from<std::exception> Error>
-  Piece(const Error& error) : play_([error]() -> std::string { throw error; }) {}
+  Piece(const Error& error)
+      : play_([held = detail::held(error)]() -> std::string { std::rethrow_exception(held); }) {}
 
   template <std::invocable Play>
   requires std::convertible_to<std::invoke_result_t<Play&>, std::string> Piece(Play play)
@@ -51,21 +54,25 @@ class Piece {
 /// How a scripted reply behaves beside its pieces.
 struct ReplyScript {
   std::optional<StatusCode> status = 200;
-  /// None: the reply has no headers at all.
-  std::optional<Headers> headers = Headers();
+  Headers headers = {};
+  /// Without it, the reply has no headers at all.
+  bool has_headers = true;
   /// Without it, the reply reads through `read` alone, which joins pieces up to the size asked for.
   bool has_read1 = true;
   /// Called by each close.
   std::function<void()> on_close = [] {};
 };
 
-/// A reply that plays its pieces in order, then ends. It notes what is done with it.
+/// A reply that plays its pieces in order, then ends. An empty piece ends it, too, for the read
+/// that meets it. It notes what is done with it.
 class ScriptedReply final : public Response {
  public:
   explicit ScriptedReply(std::vector<Piece> pieces, ReplyScript script = {});
 
   std::optional<StatusCode> status() const override { return script_.status; }
-  const Headers* headers() const override { return script_.headers ? &*script_.headers : nullptr; }
+  const Headers* headers() const override {
+    return script_.has_headers ? &script_.headers : nullptr;
+  }
 
   /// The sizes asked for so far, in order.
   const std::vector<std::size_t>& reads() const noexcept { return reads_; }
@@ -79,8 +86,9 @@ class ScriptedReply final : public Response {
 
   std::vector<Piece> pieces_;
   ReplyScript script_;
-  std::size_t next_ = 0;  // the piece to play next
-  std::string left_;      // of the piece played last
+  std::size_t next_ = 0;       // the piece to play next
+  std::string left_;           // of the piece played last
+  std::exception_ptr failed_;  // met by a read that had bytes to give, and so not thrown yet
   std::vector<std::size_t> reads_;
   int closes_ = 0;
 };
@@ -112,9 +120,11 @@ class ScriptedTransport {
 
   /// Throws this error.
   template <class Error>
-  ScriptedTransport& fail(Error error) {
-    return then(
-        [error](const Request&, TransportOptions) -> std::shared_ptr<Response> { throw error; });
+  ScriptedTransport& fail(const Error& error) {
+    return then([held = detail::held(error)](const Request&,
+                                             TransportOptions) -> std::shared_ptr<Response> {
+      std::rethrow_exception(held);
+    });
   }
 
   /// Does whatever this function does.
@@ -128,6 +138,7 @@ class ScriptedTransport {
  private:
   struct State {
     std::vector<Step> steps;
+    std::size_t played = 0;
     std::vector<Sent> sent;
   };
   std::shared_ptr<State> state_;
@@ -137,6 +148,10 @@ class ScriptedTransport {
 /// to it: it must outlive them.
 class ManualTime {
  public:
+  ManualTime() = default;
+  ManualTime(const ManualTime&) = delete;
+  ManualTime& operator=(const ManualTime&) = delete;
+
   double now() const noexcept { return now_; }
   void advance(double seconds) noexcept { now_ += seconds; }
   void stop() noexcept { stopped_ = true; }

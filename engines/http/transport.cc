@@ -20,6 +20,12 @@ std::shared_ptr<const std::string> shared(std::string text) {
   return std::make_shared<const std::string>(std::move(text));
 }
 
+Headers one_value_each(const Headers& given) {
+  Headers headers;
+  for (const auto& [name, value] : given) headers.set(name, value);
+  return headers;
+}
+
 }  // namespace
 
 // ---- Headers and Request ------------------------------------------------------------------------
@@ -46,9 +52,10 @@ std::optional<std::string> Headers::get(std::string_view name) const {
 }
 
 Request::Request(std::string to, RequestFields fields)
-    : url(std::move(to)), data(std::move(fields.data)), method(std::move(fields.method)) {
-  for (const auto& [name, value] : fields.headers) headers.set(name, value);
-}
+    : url(std::move(to)),
+      data(std::move(fields.data)),
+      headers(one_value_each(fields.headers)),
+      method(std::move(fields.method)) {}
 
 // ---- Response -----------------------------------------------------------------------------------
 
@@ -97,10 +104,11 @@ bool Response::next_line(std::string& line) {
     ahead_.erase(0, ahead_begin_);
     ahead_begin_ = 0;
     searched = ahead_.size();
-    const std::string piece = do_read1(LINE_READ_BYTES);
+    const std::string piece = ended_ ? std::string() : do_read1(LINE_READ_BYTES);
     if (piece.empty()) break;
     ahead_ += piece;
   }
+  ended_ = true;
   line = std::exchange(ahead_, {});
   return !line.empty();
 }

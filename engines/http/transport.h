@@ -11,7 +11,8 @@
 //  2. Each blocking socket operation waits at most `options.timeout` seconds.
 //  3. A final status of 200 to 299 is returned as an open reply with its body unread.
 //  4. Any other final status is raised as an `HTTPError`, never returned.
-//  5. Every failure of the network or of the protocol is raised as one of the kinds below. Whatever
+//  5. It never returns null.
+//  6. Every failure of the network or of the protocol is raised as one of the kinds below. Whatever
 //     else it raises reaches the caller unchanged.
 #pragma once
 
@@ -29,6 +30,7 @@
 #include <utility>
 #include <vector>
 
+#include "engines/http/detail/held.h"
 #include "engines/http/detail/required.h"
 #include "engines/http/failure.h"
 
@@ -83,15 +85,15 @@ struct RequestFields {
   std::string method = "GET";
 };
 
-/// One request, as it is handed to a transport.
+/// One request, as it is handed to a transport. Settled at construction.
 struct Request {
   /// `to` is the absolute URL.
   explicit Request(std::string to, RequestFields fields = {});
 
-  std::string url;
-  std::optional<std::string> data;
-  Headers headers;
-  std::string method;
+  const std::string url;
+  const std::optional<std::string> data;
+  const Headers headers;  // one value for each name, regardless of case
+  const std::string method;
 };
 
 class LineIterator;
@@ -147,10 +149,12 @@ class Response {
 
   std::string ahead_;            // read by line iteration, not yet handed out
   std::size_t ahead_begin_ = 0;  // where the bytes not yet handed out begin
+  bool ended_ = false;           // line iteration has met the end of the body
   bool closed_ = false;
 };
 
-/// Input iterator over the lines of a reply.
+/// Input iterator over the lines of a reply. A line is read when it is looked at or compared with
+/// the end, not before: whoever stops early has waited for no line that it does not take.
 class LineIterator {
  public:
   using value_type = std::string;
@@ -158,27 +162,34 @@ class LineIterator {
   using iterator_concept = std::input_iterator_tag;
 
   LineIterator() = default;
-  explicit LineIterator(Response& reply) : reply_(&reply) { ++*this; }
+  explicit LineIterator(Response& reply) : reply_(&reply) {}
 
-  const std::string& operator*() const noexcept { return line_; }
-  const std::string* operator->() const noexcept { return &line_; }
+  const std::string& operator*() const { return fetch(), line_; }
+  const std::string* operator->() const { return fetch(), &line_; }
   LineIterator& operator++() {
-    if (!reply_->next_line(line_)) reply_ = nullptr;
+    fetch();  // what is passed over unread is a line, too
+    fetched_ = false;
     return *this;
   }
   void operator++(int) { ++*this; }
-  bool operator==(std::default_sentinel_t) const noexcept { return reply_ == nullptr; }
+  bool operator==(std::default_sentinel_t) const { return fetch(), reply_ == nullptr; }
 
  private:
-  Response* reply_ = nullptr;
-  std::string line_;
+  void fetch() const {
+    if (!fetched_ && reply_ && !reply_->next_line(line_)) reply_ = nullptr;
+    fetched_ = true;
+  }
+
+  mutable Response* reply_ = nullptr;  // null at the end
+  mutable bool fetched_ = false;
+  mutable std::string line_;
 };
 
 inline LineIterator Response::begin() { return LineIterator(*this); }
 
 /// What a transport is told beside the request.
 struct TransportOptions {
-  /// The longest wait of one socket operation, in seconds.
+  /// The longest wait of one socket operation, in seconds; `*timeout` is the number itself.
   required<double> timeout;
 };
 
@@ -201,7 +212,8 @@ using Transport =
 //      too
 //
 // The families inherit std::exception virtually, so that a handler of std::exception also catches
-// the kind that belongs to both. Texts are the transport's own and unredacted.
+// the kind that belongs to both. A kind of your own derives from one kind of each family at most.
+// Texts are the transport's own and unredacted.
 
 class OSError : public virtual std::exception {
  public:
@@ -234,10 +246,11 @@ class URLError : public OSError {
  public:
   explicit URLError(std::string text, std::shared_ptr<const std::exception> reason = nullptr);
 
-  /// Wraps the failure that kept the request from being sent; the text is that failure's.
+  /// Wraps the failure that kept the request from being sent; the text is that failure's. One that
+  /// is named through a base is kept as the kind that it is where it is being handled.
   template <std::derived_from<std::exception> Reason>
   requires(!std::derived_from<Reason, URLError>) explicit URLError(const Reason& reason)
-      : URLError(reason.what(), std::make_shared<const Reason>(reason)) {}
+      : URLError(reason.what(), detail::held_as<std::exception>(reason)) {}
 
   /// The underlying failure; null where there is none.
   const std::exception* reason() const noexcept { return reason_.get(); }
@@ -258,7 +271,8 @@ class HTTPError : public URLError, public Response {
   std::optional<StatusCode> status() const override { return code_; }
   const Headers* headers() const override { return headers_.get(); }
 
-  /// The reply that the error holds, shared by every copy of the error.
+  /// The reply that the error holds, shared by every copy of the error. A handler that has caught
+  /// the error by reference to const reads the body through it.
   Response& body() const noexcept { return *body_; }
 
  private:

@@ -14,9 +14,6 @@ namespace engines::http::detail {
 /// the stack of whoever walks a value, and ends the walk through a value that contains itself.
 inline constexpr int MAX_JSON_DEPTH = 1000;
 
-/// Whether the text is valid UTF-8: what `is_utf8` says, at the pace of the scan below.
-bool is_json_text(std::string_view text) noexcept;
-
 /// The first character, from `begin` on, that does not stand for itself in a JSON string: a
 /// quotation mark, a backslash or a control character below U+0020; `end` when there is none.
 const char* skip_plain(const char* begin, const char* end) noexcept;
@@ -25,7 +22,7 @@ const char* skip_plain(const char* begin, const char* end) noexcept;
 /// each member of an object.
 class JsonWriter {
  public:
-  JsonWriter() noexcept {}
+  JsonWriter() noexcept = default;
   JsonWriter(const JsonWriter&) = delete;
   JsonWriter& operator=(const JsonWriter&) = delete;
 
@@ -49,6 +46,19 @@ class JsonWriter {
     *room(1) = bracket;
     ++staged_;
   }
+  /// One step through a pointer or the like to a value, while it lives. So many steps as there may
+  /// be levels of nesting: a value can contain itself through such steps alone.
+  class Link {
+   public:
+    explicit Link(JsonWriter& out) : out_(out) { check_depth(++out_.links_); }
+    Link(const Link&) = delete;
+    Link& operator=(const Link&) = delete;
+    ~Link() { --out_.links_; }
+
+   private:
+    JsonWriter& out_;
+  };
+
   void item() {
     if (!first_) append(", ");
     first_ = false;
@@ -83,9 +93,13 @@ class JsonWriter {
   void flush();
 
   std::string out_;
-  std::array<char, STAGE> stage_;  // what comes after out_: short pieces are cheap to add here
+  std::array<char, STAGE>
+      stage_;  // not initialised: what comes after out_: short pieces are cheap to add here
   std::size_t staged_ = 0;
+  static void check_depth(int depth);
+
   int depth_ = 0;
+  int links_ = 0;
   bool first_ = true;  // of the innermost open array or object
 };
 

@@ -5,6 +5,7 @@
 #include <unicode/utf8.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -35,14 +36,14 @@ UChar32 previous(std::string_view text, std::size_t& end) noexcept {
   return position == old_end ? c : U_SENTINEL;
 }
 
-/// Moves `position` over ASCII, eight bytes at a time.
+/// Moves `position` over ASCII, several bytes at a time.
 void skip_ascii(std::string_view text, std::size_t& position) noexcept {
   constexpr std::uint64_t HIGH_BITS = 0x8080808080808080;
-  std::uint64_t word = 0;
-  while (text.size() - position >= sizeof word) {
-    std::memcpy(&word, text.data() + position, sizeof word);
-    if ((word & HIGH_BITS) != 0) break;
-    position += sizeof word;
+  std::array<std::uint64_t, 4> words{};
+  while (text.size() - position >= sizeof words) {
+    std::memcpy(words.data(), text.data() + position, sizeof words);
+    if (((words[0] | words[1] | words[2] | words[3]) & HIGH_BITS) != 0) break;
+    position += sizeof words;
   }
   while (position < text.size() && static_cast<unsigned char>(text[position]) < 0x80) ++position;
 }
@@ -51,8 +52,11 @@ void skip_ascii(std::string_view text, std::size_t& position) noexcept {
 std::size_t first_ill_formed(std::string_view text) noexcept {
   for (std::size_t position = 0;;) {
     skip_ascii(text, position);
-    const std::size_t start = position;
-    if (start == text.size() || next(text, position) < 0) return start;
+    std::size_t start = position;
+    do {  // to the end of a run of other characters
+      if (start == text.size() || next(text, position) < 0) return start;
+      start = position;
+    } while (position < text.size() && !U8_IS_SINGLE(text[position]));
   }
 }
 

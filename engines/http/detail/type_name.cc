@@ -74,6 +74,7 @@ std::string type_name(const std::type_info& type) {
       ++i;
     }
   }
+  while (end > begin && name[end - 1] == ' ') --end;
   return std::string(name.substr(begin, end - begin));
 }
 
