@@ -74,7 +74,7 @@ struct LoopbackServer::Impl {
           constexpr std::array<const char*, 4> WORDS = {"Well", "begun", "is", "done"};
           for (std::size_t i = 0; i < WORDS.size(); ++i) {
             if (breaks_off && i == 2) return false;
-            const std::string event = std::string("data: {\"word\": \"") + WORDS[i] + "\"}\n\n";
+            const std::string event = std::string(R"(data: {"word": ")") + WORDS[i] + "\"}\n\n";
             if (!sink.write(event.data(), event.size())) return false;
             pause(20);
           }

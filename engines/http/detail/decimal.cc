@@ -223,12 +223,12 @@ char* write_decimal(double value, char* to) noexcept {
     return to + 2;
   }
   if (exponent < 0) {
-    std::memcpy(to, "0.000000", 8);
+    copy("0.000000", to);
     to += 1 - exponent;
     write_digits(digits, count, to);
     return to + count;
   }
-  const auto whole = static_cast<std::size_t>(exponent + 1);
+  const auto whole = static_cast<std::size_t>(exponent) + 1;
   if (count <= whole) {
     write_digits(digits, count, to);
     to = std::fill_n(to + count, whole - count, '0');

@@ -48,7 +48,7 @@ std::string_view escape_of(char c) noexcept {
     case '\f':
       return "\\f";
     default:
-      const auto& escape = NUMBERED_ESCAPES[static_cast<std::size_t>(c)];
+      const auto& escape = NUMBERED_ESCAPES[static_cast<unsigned char>(c)];
       return {escape.data(), escape.size()};
   }
 }

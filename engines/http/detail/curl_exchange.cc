@@ -1,0 +1,411 @@
+#include "engines/http/detail/curl_exchange.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+#include <optional>
+#include <utility>
+
+#include "engines/http/detail/curl_failure.h"
+#include "engines/http/detail/text.h"
+#include "engines/http/failure.h"
+
+namespace engines::http::detail {
+namespace {
+
+// Until it is connected, libcurl has to be called this often to try a host's next address, and a
+// stop signal is asked this often.
+constexpr Clock::duration SHORT_WAIT = std::chrono::milliseconds(50);
+constexpr Clock::duration LONG_WAIT = std::chrono::seconds(10);
+
+// Bodies up to this size are copied, and leave in one packet with the headers.
+constexpr std::size_t COPIED_BODY_BYTES = 60 * 1024;
+
+constexpr std::size_t READ_RESERVE_BYTES = 64 * 1024;
+
+long whole_milliseconds(Clock::duration wait) {  // at least 1: libcurl takes 0 as its own default
+  const auto ms = std::chrono::ceil<std::chrono::milliseconds>(wait).count();
+  return static_cast<long>(std::max<decltype(ms)>(ms, 1));
+}
+
+/// The status of `HTTP-version SP status-code [SP reason]` (RFC 9112, section 4); 0: it is none.
+StatusCode status_in(std::string_view line) {
+  const std::size_t space = line.find(' ');
+  if (!line.starts_with("HTTP/") || space == std::string_view::npos) return 0;
+  const std::string_view rest = line.substr(space + 1);
+  StatusCode status = 0;
+  const auto digits = rest.substr(0, 3);
+  const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), status);
+  if (error != std::errc() || end != rest.data() + 3 || status < 100) return 0;
+  return rest.size() == 3 || rest[3] == ' ' ? status : 0;
+}
+
+std::string_view trimmed(std::string_view text) {
+  const std::size_t first = text.find_first_not_of(" \t");
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+/// Whether every value, and every element of a value, is one and the same length (RFC 9112, section
+/// 6.3): libcurl takes the digits at the start of one of them.
+void check_content_length(std::string_view values, std::optional<std::int64_t>& seen) {
+  for (;;) {
+    const std::size_t comma = values.find(',');
+    const std::string_view text = trimmed(values.substr(0, comma));
+    std::int64_t length = -1;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), length);
+    if (error != std::errc() || end != text.data() + text.size() || length < 0 ||
+        seen.value_or(length) != length) {
+      throw HTTPException("the reply's Content-Length is no length, or is more than one");
+    }
+    seen = length;
+    if (comma == std::string_view::npos) return;
+    values.remove_prefix(comma + 1);
+  }
+}
+
+}  // namespace
+
+Patience::Patience(double seconds)
+    : timeout_s(seconds), timeout(duration_of(seconds)), connecting(timeout), replying(timeout) {}
+
+// ---- Setting up ---------------------------------------------------------------------------------
+
+Exchange::Exchange(std::unique_ptr<Slot> slot, const Hop& hop, const PoolOptions& options)
+    : options_(options),
+      authority_(hop.url.origin.host + ":" + hop.url.origin.port),
+      is_head_(hop.method == "HEAD"),
+      slot_(std::move(slot)) {
+  CURL* easy = slot_->easy();
+  lists_ = set_up(easy, hop, options);
+  set_body(hop);
+  set(easy, CURLOPT_ERRORBUFFER, error_text_);
+  set(easy, CURLOPT_HEADERFUNCTION, &on_header);
+  set(easy, CURLOPT_HEADERDATA, this);
+  set(easy, CURLOPT_WRITEFUNCTION, &on_body);
+  set(easy, CURLOPT_WRITEDATA, this);
+  set(easy, CURLOPT_PREREQFUNCTION, &on_connected);
+  set(easy, CURLOPT_PREREQDATA, this);
+}
+
+Exchange::~Exchange() = default;
+
+void Exchange::set_body(const Hop& hop) {
+  if (!announces_body(hop)) return;
+  const std::string_view body = hop.body.value_or("");
+  upload_size_ = static_cast<curl_off_t>(body.size());
+  if (body.size() <= COPIED_BODY_BYTES) {
+    set(slot_->easy(), CURLOPT_COPYPOSTFIELDS, body.empty() ? "" : body.data());
+    return;
+  }
+  upload_ = body;
+  set(slot_->easy(), CURLOPT_READFUNCTION, &on_upload);
+  set(slot_->easy(), CURLOPT_READDATA, this);
+}
+
+// ---- What libcurl calls: no exception may pass through it ---------------------------------------
+
+std::size_t Exchange::on_header(char* line, std::size_t, std::size_t size, void* self) noexcept {
+  auto& exchange = *static_cast<Exchange*>(self);
+  try {
+    exchange.take_header({line, size});
+    return size;
+  } catch (...) {
+    exchange.callback_failure_ = std::current_exception();
+    return CURL_WRITEFUNC_ERROR;
+  }
+}
+
+std::size_t Exchange::on_body(char* data, std::size_t, std::size_t size, void* self) noexcept {
+  auto& exchange = *static_cast<Exchange*>(self);
+  // With no read to take it, or one that is full, the data stays with libcurl.
+  if (exchange.out_ == nullptr || exchange.out_->size() >= exchange.wanted_) {
+    exchange.paused_ = true;
+    return CURL_WRITEFUNC_PAUSE;
+  }
+  try {
+    exchange.take_body({data, size});
+    return size;
+  } catch (...) {
+    exchange.callback_failure_ = std::current_exception();
+    return CURL_WRITEFUNC_ERROR;
+  }
+}
+
+std::size_t Exchange::on_upload(char* to, std::size_t, std::size_t room, void* self) noexcept {
+  auto& rest = static_cast<Exchange*>(self)->upload_;
+  const std::size_t size = std::min(room, rest.size());
+  std::memcpy(to, rest.data(), size);
+  rest.remove_prefix(size);
+  return size;
+}
+
+int Exchange::on_connected(void* self, char*, char*, int, int) noexcept {
+  auto& exchange = *static_cast<Exchange*>(self);
+  // A second time means that the connection is gone and libcurl would send the request once more.
+  // Whether to try again is for the caller's policy.
+  if (exchange.connected_) {
+    exchange.resend_refused_ = true;
+    return CURL_PREREQFUNC_ABORT;
+  }
+  exchange.connected_ = true;
+  long os_error = 0;  // a first address that failed leaves its error behind
+  curl_easy_getinfo(exchange.slot_->easy(), CURLINFO_OS_ERRNO, &os_error);
+  exchange.connect_errno_ = static_cast<int>(os_error);
+  return CURL_PREREQFUNC_OK;
+}
+
+// ---- The reply's header block -------------------------------------------------------------------
+
+void Exchange::take_header(std::string_view line) {
+  header_bytes_ += line.size();
+  if (header_bytes_ > options_.max_header_bytes) {
+    throw HTTPException("the reply's headers are longer than " +
+                        std::to_string(options_.max_header_bytes) + " bytes");
+  }
+  while (line.ends_with('\n') || line.ends_with('\r')) line.remove_suffix(1);
+  if (in_block_ && line.empty()) return end_header_block();
+  if (in_block_ || headers_done_) {
+    if (++header_count_ > options_.max_headers) {
+      throw HTTPException("the reply has more than " + std::to_string(options_.max_headers) +
+                          " headers");
+    }
+    if (!headers_done_) take_field(line);  // else a trailer
+    return;
+  }
+  status_seen_ = true;
+  in_block_ = true;
+  status_ = status_in(line);
+  if (status_ == 0) throw BadStatusLine("the reply's status line is malformed");
+}
+
+void Exchange::take_field(std::string_view line) {
+  if (line.starts_with(' ') || line.starts_with('\t')) {  // RFC 9112, section 5.2
+    if (!fields_.empty()) fields_.back().second.append(" ").append(trimmed(line));
+    return;
+  }
+  const std::size_t colon = line.find(':');
+  if (colon == 0 || colon == std::string_view::npos ||
+      line.substr(0, colon).find_first_of(" \t") != std::string_view::npos) {
+    throw HTTPException("a header of the reply is malformed");
+  }
+  fields_.emplace_back(line.substr(0, colon), trimmed(line.substr(colon + 1)));
+}
+
+void Exchange::end_header_block() {
+  in_block_ = false;
+  headers_ = Headers(std::exchange(fields_, {}));
+  if (status_ == 101) throw HTTPException("the reply switches protocols, which was not asked for");
+  if (status_ < 200) return;  // an interim reply; the final one follows (RFC 9110, section 15.2)
+  headers_done_ = true;
+  std::optional<std::int64_t> length;
+  for (const auto& [name, value] : headers_) {
+    if (equal_ignoring_case(name, "content-length")) check_content_length(value, length);
+    // libcurl would take, and inflate, codings that nobody asked for.
+    if (equal_ignoring_case(name, "transfer-encoding") && !equal_ignoring_case(value, "chunked") &&
+        !equal_ignoring_case(value, "identity")) {
+      throw HTTPException("the reply has a transfer coding that was not asked for");
+    }
+  }
+}
+
+// ---- Moving bytes -------------------------------------------------------------------------------
+
+void Exchange::perform() {
+  if (done_) return;
+  int running = 0;
+  const CURLMcode code = curl_multi_perform(slot_->multi(), &running);
+  if (code == CURLM_OUT_OF_MEMORY) throw std::bad_alloc();
+  if (code != CURLM_OK) throw OSError(curl_multi_strerror(code));
+  int queued = 0;
+  while (const CURLMsg* message = curl_multi_info_read(slot_->multi(), &queued)) {
+    if (message->msg != CURLMSG_DONE) continue;
+    done_ = true;
+    code_ = message->data.result;
+  }
+}
+
+void Exchange::wait(Clock::duration left) const {
+  const bool asks_often = !connected_ || options_.should_stop;
+  const auto longest = std::min(left, asks_often ? SHORT_WAIT : LONG_WAIT);
+  curl_multi_poll(slot_->multi(), nullptr, 0, static_cast<int>(whole_milliseconds(longest)),
+                  nullptr);
+  check_stop();
+}
+
+void Exchange::check_stop() const {
+  if (options_.should_stop && options_.should_stop()) {
+    throw Stopped("the transport was asked to stop while " + while_doing());
+  }
+}
+
+bool Exchange::is_sent() const { return uploaded() >= upload_size_; }
+
+curl_off_t Exchange::uploaded() const {
+  curl_off_t bytes = 0;
+  curl_easy_getinfo(slot_->easy(), CURLINFO_SIZE_UPLOAD_T, &bytes);
+  return bytes;
+}
+
+Exchange::Phase Exchange::phase() const {
+  if (headers_done_) return Phase::reading;
+  if (!connected_) return Phase::connecting;
+  return is_sent() ? Phase::awaiting_headers : Phase::sending;
+}
+
+std::string Exchange::while_doing() const {
+  switch (phase()) {
+    case Phase::connecting:
+      return "connecting to " + authority_;
+    case Phase::sending:
+      return "sending the request to " + authority_;
+    case Phase::awaiting_headers:
+      return "waiting for the headers of the reply from " + authority_;
+    case Phase::reading:
+      break;
+  }
+  return "reading the body of the reply from " + authority_;
+}
+
+std::exception_ptr Exchange::failure() const {
+  if (callback_failure_) return callback_failure_;
+  Evidence evidence{.code = code_,
+                    .text = error_text_,
+                    .connected = connected_,
+                    .sent = is_sent(),
+                    .resend_refused = resend_refused_,
+                    .status_seen = status_seen_,
+                    .headers_done = headers_done_};
+  long os_error = 0;
+  curl_easy_getinfo(slot_->easy(), CURLINFO_OS_ERRNO, &os_error);
+  const bool failed_now =
+      evidence.text.starts_with("Recv failure") || evidence.text.starts_with("Send failure");
+  if (failed_now || os_error != connect_errno_) evidence.os_error = static_cast<int>(os_error);
+  return failure_of(evidence);
+}
+
+void Exchange::await_headers(Patience& patience) {
+  CURL* easy = slot_->easy();
+  set(easy, CURLOPT_CONNECTTIMEOUT_MS, whole_milliseconds(patience.connecting));
+  if (curl_multi_add_handle(slot_->multi(), easy) != CURLM_OK) throw std::bad_alloc();
+
+  Phase now_in = Phase::connecting;
+  curl_off_t moved = 0;
+  Clock::time_point from = Clock::now();
+  for (;;) {
+    perform();
+    const Clock::time_point now = Clock::now();
+    const Phase is_in = phase();
+    if (is_in != now_in || (is_in == Phase::sending && uploaded() != moved)) {
+      if (now_in == Phase::connecting) patience.connecting -= now - from;
+      if (now_in == Phase::awaiting_headers) patience.replying -= now - from;
+      now_in = is_in;
+      moved = uploaded();
+      from = now;
+    }
+    if (headers_done_ && !callback_failure_) break;
+    if (done_) std::rethrow_exception(failure());
+    const auto patient_for = now_in == Phase::connecting ? patience.connecting
+                             : now_in == Phase::sending  ? patience.timeout
+                                                         : patience.replying;
+    const auto left = patient_for - (now - from);
+    if (left <= Clock::duration::zero()) {
+      std::rethrow_exception(
+          timeout_failure(patience.timeout_s, while_doing(), now_in == Phase::awaiting_headers));
+    }
+    wait(left);
+  }
+  patience_ = patience;
+  if (is_head_) ended_ = true;
+  // The caller's body is not ours any longer. After another status libcurl sends no more of it.
+  if (status_ < 300) {
+    upload_kept_ = upload_;
+    upload_ = upload_kept_;
+  } else {
+    upload_ = {};
+  }
+}
+
+// ---- Reading the body ---------------------------------------------------------------------------
+
+void Exchange::take_body(std::string_view data) {
+  const std::size_t size = std::min(wanted_ - out_->size(), data.size());
+  out_->append(data.substr(0, size));
+  spill_.append(data.substr(size));
+}
+
+std::string Exchange::read(std::size_t amt, bool fill) {
+  std::string out;
+  if (amt == 0) return out;
+  if (!slot_->is_ours()) throw OSError("the reply belongs to the process that opened it");
+  if (spill_begin_ < spill_.size()) {
+    out = spill_.substr(spill_begin_, amt);
+    spill_begin_ += out.size();
+    if (spill_begin_ == spill_.size()) {
+      spill_.clear();
+      spill_begin_ = 0;
+    }
+    if (!fill || out.size() == amt) return out;
+  }
+  if (read_failure_ && out.empty()) std::rethrow_exception(read_failure_);
+  if (ended_ || read_failure_) return out;
+
+  out.reserve(std::min(amt, READ_RESERVE_BYTES));
+  try {
+    out_ = &out;
+    wanted_ = amt;
+    check_stop();
+    // The first read shares what connecting and the headers have left over, so that a peer which is
+    // slow at everything holds an attempt no longer than twice the timeout.
+    const auto patient_for = std::min(patience_.timeout, patience_.connecting + patience_.replying);
+    patience_.connecting = patience_.timeout;
+    Clock::time_point from = Clock::now();
+    curl_off_t moved = uploaded();
+    for (;;) {
+      if (paused_) {
+        paused_ = false;
+        curl_easy_pause(slot_->easy(), CURLPAUSE_CONT);
+      }
+      perform();
+      if (done_ && (code_ != CURLE_OK || callback_failure_)) {
+        std::rethrow_exception(failure());
+      }
+      ended_ = done_ && !paused_;
+      if (ended_ || out.size() == amt || (!fill && !out.empty())) break;
+      const Clock::time_point now = Clock::now();
+      if (uploaded() != moved) {
+        moved = uploaded();
+        from = now;
+      }
+      const auto left = patient_for - (now - from);
+      if (left <= Clock::duration::zero()) {
+        if (!out.empty()) break;
+        std::rethrow_exception(timeout_failure(patience_.timeout_s, while_doing(), true));
+      }
+      wait(left);
+    }
+  } catch (...) {
+    read_failure_ = std::current_exception();
+  }
+  out_ = nullptr;
+  if (read_failure_ && out.empty()) std::rethrow_exception(read_failure_);
+  return out;
+}
+
+std::unique_ptr<Slot> Exchange::finish() noexcept {
+  if (!slot_) return nullptr;
+  bool clean = slot_->is_ours() && !read_failure_;
+  try {
+    if (clean && !paused_) perform();  // the end may have come with the last piece
+  } catch (...) {
+    clean = false;
+  }
+  clean = clean && done_ && code_ == CURLE_OK && !callback_failure_ && is_sent();
+  auto slot = std::move(slot_);
+  if (!clean) return nullptr;
+  curl_multi_remove_handle(slot->multi(), slot->easy());
+  curl_easy_reset(slot->easy());
+  return slot;
+}
+
+}  // namespace engines::http::detail

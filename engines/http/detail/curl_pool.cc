@@ -1,0 +1,73 @@
+#include "engines/http/detail/curl_pool.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+namespace engines::http::detail {
+
+Pool::Pool(PoolOptions options)
+    : options_(std::move(options)),
+      max_idle_time_(duration_of(options_.max_idle_s)),
+      idle_(new Idle{.process = getpid(), .inherited = nullptr}) {}
+
+Pool::~Pool() {
+  // What was inherited is left as it is: see Slot::is_ours.
+  Idle* own = idle_;
+  if (own->process == getpid()) delete own;
+}
+
+Pool::Idle& Pool::idle() {
+  Idle* current = idle_;
+  if (current->process == getpid()) return *current;
+  auto fresh = std::unique_ptr<Idle>(new Idle{.process = getpid(), .inherited = current});
+  return idle_.compare_exchange_strong(current, fresh.get()) ? *fresh.release() : *current;
+}
+
+Pool::Slots Pool::take_stale(Idle& idle, Clock::time_point now) const {
+  const auto first_kept = std::ranges::find_if(
+      idle.slots, [&](const auto& slot) { return now - slot->idle_from <= max_idle_time_; });
+  Slots stale(std::move_iterator(idle.slots.begin()), std::move_iterator(first_kept));
+  idle.slots.erase(idle.slots.begin(), first_kept);
+  return stale;
+}
+
+std::unique_ptr<Slot> Pool::acquire(const Origin& origin) {
+  std::unique_ptr<Slot> slot;
+  if (options_.max_idle > 0) {
+    Slots stale;  // closed after the lock is given up
+    Idle& ours = idle();
+    const std::lock_guard lock(ours.mutex);
+    stale = take_stale(ours, Clock::now());
+    const auto found = std::find_if(ours.slots.rbegin(), ours.slots.rend(),
+                                    [&](const auto& one) { return one->origin == origin; });
+    if (found != ours.slots.rend()) {
+      slot = std::move(*found);
+      ours.slots.erase(std::next(found).base());
+    }
+  }
+  if (!slot) slot = std::make_unique<Slot>();
+  slot->origin = origin;
+  return slot;
+}
+
+void Pool::release(std::unique_ptr<Slot> slot) noexcept {
+  if (!slot || !slot->is_ours() || options_.max_idle == 0) return;
+  try {
+    Slots stale;
+    Idle& ours = idle();
+    slot->idle_from = Clock::now();
+    const std::lock_guard lock(ours.mutex);
+    stale = take_stale(ours, slot->idle_from);
+    if (ours.slots.size() >= options_.max_idle) {
+      stale.push_back(std::move(ours.slots.front()));
+      ours.slots.erase(ours.slots.begin());
+    }
+    ours.slots.push_back(std::move(slot));
+  } catch (...) {  // no memory to keep it: it is closed
+  }
+}
+
+}  // namespace engines::http::detail

@@ -1,0 +1,150 @@
+#include "engines/http/detail/curl_setup.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <filesystem>
+#include <limits>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+#include "engines/http/detail/text.h"
+
+namespace engines::http::detail {
+namespace {
+
+// What a reply is received in pieces of, and what a body is sent in pieces of.
+constexpr long BUFFER_BYTES = 64 * 1024;
+
+std::string environment(const char* name) {
+  const char* value = std::getenv(name);
+  return value == nullptr ? "" : value;
+}
+
+void append(HeaderList& list, const std::string& line) {
+  curl_slist* longer = curl_slist_append(list.get(), line.c_str());
+  if (longer == nullptr) throw std::bad_alloc();
+  static_cast<void>(list.release());
+  list.reset(longer);
+}
+
+/// Whether a proxy may stand before an https peer.
+bool may_tunnel(const PoolOptions& options) {
+  if (options.proxy) return !options.proxy->empty();
+  return std::ranges::any_of(std::array{"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"},
+                             [](const char* name) { return !environment(name).empty(); });
+}
+
+HeaderLists header_lists(const Hop& hop, const PoolOptions& options) {
+  HeaderLists lists;
+  const bool tunnels = hop.url.origin.scheme == "https" && may_tunnel(options);
+  for (const auto& [name, value] : hop.headers) {
+    if (equal_ignoring_case(name, "content-length")) continue;  // libcurl's own says the same
+    // A tunnel's proxy reads its own header; the server behind the tunnel must not.
+    const bool is_proxys = tunnels && equal_ignoring_case(name, "proxy-authorization");
+    const bool is_empty = value.find_first_not_of(" \t") == std::string::npos;
+    append(is_proxys ? lists.to_proxy : lists.to_server,
+           is_empty ? name + ";" : name + ": " + value);
+  }
+  // Not sent: a wait for 100, and a content type that nobody gave.
+  append(lists.to_server, "Expect:");
+  if (!hop.headers.get("content-type")) append(lists.to_server, "Content-Type:");
+  return lists;
+}
+
+/// Whether OpenSSL finds certificates in the directory: by the hash of their subject.
+bool is_hashed(const std::string& directory) {
+  std::error_code error;
+  for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
+       entry.increment(error)) {
+    const std::string name = entry->path().filename().string();
+    if (name.size() == 10 && name.ends_with(".0") &&
+        name.find_first_not_of("0123456789abcdef") == 8) {
+      return true;
+    }
+  }
+  return false;
+}
+
+/// libcurl takes neither OpenSSL's variables nor the cheaper of the platform's two stores by
+/// itself: it parses the whole bundle for each fresh connection, where a hashed directory gives the
+/// one certificate that is needed.
+void set_trust(CURL* easy, const PoolOptions& options) {
+  std::string file = options.ca_file;
+  std::string directory = options.ca_directory;
+  if (file.empty() && directory.empty()) {
+    file = environment("SSL_CERT_FILE");
+    directory = environment("SSL_CERT_DIR");
+    if (directory.empty()) {
+      char* platforms = nullptr;
+      curl_easy_getinfo(easy, CURLINFO_CAPATH, &platforms);
+      if (platforms != nullptr && is_hashed(platforms)) directory = platforms;
+    }
+    if (file.empty() && directory.empty()) return;
+  }
+  set(easy, CURLOPT_CAINFO, file.empty() ? nullptr : file.c_str());
+  set(easy, CURLOPT_CAPATH, directory.empty() ? nullptr : directory.c_str());
+}
+
+void set_method(CURL* easy, const Hop& hop) {
+  if (announces_body(hop)) {
+    set(easy, CURLOPT_POST, 1L);
+    set(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(hop.body.value_or("").size()));
+  } else if (hop.method == "HEAD") {
+    set(easy, CURLOPT_NOBODY, 1L);
+  } else {
+    set(easy, CURLOPT_HTTPGET, 1L);
+  }
+  set(easy, CURLOPT_CUSTOMREQUEST, hop.method.c_str());
+}
+
+}  // namespace
+
+bool announces_body(const Hop& hop) {
+  return hop.body || hop.method == "POST" || hop.method == "PUT" || hop.method == "PATCH";
+}
+
+HeaderLists set_up(CURL* easy, const Hop& hop, const PoolOptions& options) {
+  set(easy, CURLOPT_URL, hop.url.text.c_str());
+  set_method(easy, hop);
+  HeaderLists lists = header_lists(hop, options);
+  set(easy, CURLOPT_HTTPHEADER, lists.to_server.get());
+  set(easy, CURLOPT_PROXYHEADER, lists.to_proxy.get());
+  if (!options.user_agent.empty()) set(easy, CURLOPT_USERAGENT, options.user_agent.c_str());
+  if (hop.url.credentials) {
+    set(easy, CURLOPT_USERNAME, hop.url.credentials->user.c_str());
+    set(easy, CURLOPT_PASSWORD, hop.url.credentials->password.c_str());
+  }
+  if (options.proxy) set(easy, CURLOPT_PROXY, options.proxy->c_str());
+
+  set(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+  set(easy, CURLOPT_FOLLOWLOCATION, 0L);
+  set(easy, CURLOPT_PATH_AS_IS, 1L);
+  set(easy, CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
+  set(easy, CURLOPT_HTTP_VERSION,
+      static_cast<long>(options.http_version == HttpVersion::http2 ? CURL_HTTP_VERSION_2TLS
+                                                                   : CURL_HTTP_VERSION_1_1));
+  set(easy, CURLOPT_HTTP09_ALLOWED, 0L);
+  set(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+  set(easy, CURLOPT_TCP_NODELAY, 1L);
+  set(easy, CURLOPT_BUFFERSIZE, BUFFER_BYTES);
+  set(easy, CURLOPT_UPLOAD_BUFFERSIZE, BUFFER_BYTES);
+  // How long a connection may be idle is the pool's to say.
+  set(easy, CURLOPT_MAXAGE_CONN, std::numeric_limits<long>::max() / 1000);
+  // Signals belong to the application; a resolver that hangs must not hold the end of the call.
+  set(easy, CURLOPT_NOSIGNAL, 1L);
+  set(easy, CURLOPT_QUICK_EXIT, 1L);
+
+  set(easy, CURLOPT_SSL_VERIFYPEER, 1L);
+  set(easy, CURLOPT_SSL_VERIFYHOST, 2L);
+  if (hop.url.origin.scheme == "https") set_trust(easy, options);
+  if (!options.client_certificate.empty()) {
+    set(easy, CURLOPT_SSLCERT, options.client_certificate.c_str());
+    const bool own_key = !options.client_key.empty();
+    set(easy, CURLOPT_SSLKEY, (own_key ? options.client_key : options.client_certificate).c_str());
+  }
+  return lists;
+}
+
+}  // namespace engines::http::detail

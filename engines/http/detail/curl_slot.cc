@@ -1,0 +1,48 @@
+#include "engines/http/detail/curl_slot.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <new>
+
+namespace engines::http::detail {
+namespace {
+
+void initialise_libcurl() {
+  // Never undone: another user of libcurl in the process may still need it.
+  static const CURLcode code = curl_global_init(CURL_GLOBAL_DEFAULT);
+  if (code != CURLE_OK) throw std::bad_alloc();
+}
+
+constexpr double LONGEST_S = 1e6;
+
+}  // namespace
+
+Clock::duration duration_of(double seconds) {
+  if (!(seconds > 0)) return Clock::duration::zero();
+  return std::chrono::duration_cast<Clock::duration>(
+      std::chrono::duration<double>(std::min(seconds, LONGEST_S)));
+}
+
+Slot::Slot() : owner_(getpid()), multi_(nullptr), easy_(nullptr) {
+  initialise_libcurl();
+  multi_ = curl_multi_init();
+  easy_ = curl_easy_init();
+  if (multi_ == nullptr || easy_ == nullptr) {
+    curl_easy_cleanup(easy_);
+    curl_multi_cleanup(multi_);
+    throw std::bad_alloc();
+  }
+  curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, 1L);
+}
+
+Slot::~Slot() {
+  if (!is_ours()) return;
+  curl_multi_remove_handle(multi_, easy_);
+  curl_easy_cleanup(easy_);
+  curl_multi_cleanup(multi_);
+}
+
+bool Slot::is_ours() const noexcept { return owner_ == getpid(); }
+
+}  // namespace engines::http::detail

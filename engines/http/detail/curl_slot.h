@@ -1,0 +1,44 @@
+// The pair of libcurl handles that one exchange runs on. Included by .cc files only.
+#pragma once
+
+#include <curl/curl.h>
+#include <sys/types.h>
+
+#include <chrono>
+
+#include "engines/http/detail/url.h"
+
+namespace engines::http::detail {
+
+using Clock = std::chrono::steady_clock;
+
+/// The duration of so many seconds: zero for what is not above zero or is NaN, and no more than
+/// 1,000,000 s, which neither the clock nor libcurl overflows on.
+Clock::duration duration_of(double seconds);
+
+/// A multi handle, which holds the connection between two exchanges, and an easy handle for the one
+/// exchange that owns the slot at a time.
+class Slot {
+ public:
+  Slot();
+  ~Slot();
+  Slot(const Slot&) = delete;
+  Slot& operator=(const Slot&) = delete;
+
+  CURLM* multi() const noexcept { return multi_; }
+  CURL* easy() const noexcept { return easy_; }
+
+  /// Whether this process made the slot. One that came through a fork shares its sockets with the
+  /// parent: anything done to it, closing included, would be seen by the parent's peer.
+  bool is_ours() const noexcept;
+
+  Origin origin;                // of the latest exchange
+  Clock::time_point idle_from;  // when the latest exchange ended
+
+ private:
+  pid_t owner_;
+  CURLM* multi_;
+  CURL* easy_;
+};
+
+}  // namespace engines::http::detail

@@ -1,0 +1,84 @@
+// A server that misbehaves on purpose: each connection is played by a function of the test, on a
+// thread of its own, over plain TCP or TLS, on a free loopback port.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "tests/support/certificates.h"
+
+namespace engines::http::test {
+
+/// One accepted connection, as the play sees it. Every wait ends when the server is destroyed.
+class Peer {
+ public:
+  /// Reads one request: its head, and as much body as its Content-Length says. Empty: none came.
+  std::string request();
+  /// Reads up to `amt` bytes of what comes, body or not.
+  std::string receive(std::size_t amt);
+  /// False once the client has gone.
+  bool send(std::string_view bytes);
+  /// Sends byte after byte with a pause between them.
+  void drip(std::string_view bytes, int pause_ms);
+  void sleep(int ms);
+  /// Waits until the client has gone or the server ends.
+  void stall();
+  /// Makes the end of the connection a reset; over TLS, what follows `close` is not announced.
+  void reset();
+  /// Ends the TLS session as it should be ended; without it the play's end is a cut.
+  void say_goodbye();
+
+ private:
+  friend class FaultServer;
+  Peer(int fd, class FaultServer& server) : fd_(fd), server_(server) {}
+  bool readable(int timeout_ms);
+
+  int fd_;
+  class FaultServer& server_;
+  void* tls_ = nullptr;
+};
+
+class FaultServer {
+ public:
+  using Play = std::function<void(Peer&)>;
+
+  /// Over TLS when an identity is given. `alpn` is the one protocol that it then agrees to.
+  explicit FaultServer(Play play, const Identity* identity = nullptr, std::string alpn = {});
+  ~FaultServer();
+  FaultServer(const FaultServer&) = delete;
+  FaultServer& operator=(const FaultServer&) = delete;
+
+  int port() const noexcept { return port_; }
+  std::string url(std::string_view path = "/") const;
+  int connections() const noexcept { return connections_; }
+  /// Every request that `Peer::request` has read, whole or not.
+  std::vector<std::string> requests() const;
+
+ private:
+  friend class Peer;
+  void accept_all();
+  void serve(int fd);
+
+  Play play_;
+  std::string alpn_;
+  std::shared_ptr<void> tls_context_;
+  int port_ = 0;
+  int listener_;
+  int stop_[2];  // a pipe whose other end is closed to stop every wait
+  std::atomic<int> connections_ = 0;
+  mutable std::mutex mutex_;
+  std::vector<std::string> requests_;
+  std::vector<std::thread> connection_threads_;
+  std::thread acceptor_;
+};
+
+/// A loopback port on which nothing listens.
+int closed_port();
+
+}  // namespace engines::http::test
