@@ -51,13 +51,13 @@ ScriptedTransport& ScriptedTransport::then(Step step) {
   return *this;
 }
 
-ScriptedTransport& ScriptedTransport::reply(std::string body, StatusCode status, Headers headers) {
+ScriptedTransport& ScriptedTransport::reply(std::string_view body, StatusCode status,
+                                            Headers headers) {
   return reply(std::make_shared<ScriptedReply>(
-      std::vector<Piece>{std::move(body)},
-      ReplyScript{.status = status, .headers = std::move(headers)}));
+      std::vector<Piece>{body}, ReplyScript{.status = status, .headers = std::move(headers)}));
 }
 
-ScriptedTransport& ScriptedTransport::reply(std::shared_ptr<Response> reply) {
+ScriptedTransport& ScriptedTransport::reply(const std::shared_ptr<Response>& reply) {
   if (!reply) throw ValueError("a scripted transport needs a reply");
   return then([reply](const Request&, TransportOptions) {
     const StatusCode status = reply->status().value_or(200);

@@ -113,10 +113,10 @@ class ScriptedTransport {
 
   /// Answers with this body. A status outside 200 to 299 is raised as an `HTTPError`, as every
   /// transport raises it.
-  ScriptedTransport& reply(std::string body, StatusCode status = 200, Headers headers = {});
+  ScriptedTransport& reply(std::string_view body, StatusCode status = 200, Headers headers = {});
 
   /// Answers with this reply, or raises it as an `HTTPError` when its status says so.
-  ScriptedTransport& reply(std::shared_ptr<Response> reply);
+  ScriptedTransport& reply(const std::shared_ptr<Response>& reply);
 
   /// Throws this error.
   template <class Error>
