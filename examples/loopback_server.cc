@@ -5,6 +5,8 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <mutex>
+#include <set>
 #include <stdexcept>
 #include <thread>
 
@@ -24,6 +26,9 @@ struct LoopbackServer::Impl {
   int port = 0;
   std::atomic<int> busy = 0;
   std::atomic<int> streams = 0;
+  std::atomic<int> polls = 0;
+  std::mutex mutex;
+  std::set<int> client_ports;
   std::thread thread;
 
   void answer(const httplib::Request& request, httplib::Response& response) {
@@ -82,6 +87,28 @@ struct LoopbackServer::Impl {
           return true;
         });
   }
+
+  void embed(const httplib::Request& request, httplib::Response& response) {
+    {
+      const std::lock_guard lock(mutex);
+      client_ports.insert(request.remote_port);
+    }
+    std::string numbers = "0.5";
+    for (int i = 1; i < 256; ++i) numbers += ", 0.0" + std::to_string(i);
+    response.set_content(R"({"data": [{"embedding": [)" + numbers + "]}]}", JSON);
+  }
+
+  /// Not approved yet, twice; then a token.
+  void grant(const httplib::Request&, httplib::Response& response) {
+    const bool approved = ++polls % 3 == 0;
+    response.status = approved ? 200 : 400;
+    response.set_content(
+        approved ? R"({"access_token": "t-1"})" : R"({"error": "authorization_pending"})", JSON);
+  }
+
+  void send_long(const httplib::Request&, httplib::Response& response) {
+    response.set_content(std::string(5'000'000, ' '), JSON);
+  }
 };
 
 LoopbackServer::LoopbackServer() : impl_(std::make_unique<Impl>()) {
@@ -101,7 +128,11 @@ LoopbackServer::LoopbackServer() : impl_(std::make_unique<Impl>()) {
   serve("/down", &Impl::be_down);
   serve("/denied", &Impl::deny);
   serve("/stream", &Impl::stream);
+  serve("/embeddings", &Impl::embed);
+  serve("/token", &Impl::grant);
+  serve("/long", &Impl::send_long);
 
+  impl_->server.set_keep_alive_max_count(1000);
   impl_->port = impl_->server.bind_to_any_port("127.0.0.1");
   if (impl_->port < 0) throw std::runtime_error("no free loopback port");
   impl_->thread = std::thread([impl = impl_.get()] { impl->server.listen_after_bind(); });
@@ -111,6 +142,11 @@ LoopbackServer::LoopbackServer() : impl_(std::make_unique<Impl>()) {
 LoopbackServer::~LoopbackServer() {
   impl_->server.stop();
   impl_->thread.join();
+}
+
+std::size_t LoopbackServer::connections() const {
+  const std::lock_guard lock(impl_->mutex);
+  return impl_->client_ports.size();
 }
 
 std::string LoopbackServer::url(const std::string& path) const {

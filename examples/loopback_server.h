@@ -2,6 +2,7 @@
 // is blocked by a proxy, trickles, echoes credentials, streams.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -12,8 +13,12 @@ class LoopbackServer {
   LoopbackServer();
   ~LoopbackServer();
 
-  /// The URL of one of its paths: /answer, /busy, /blocked, /trickle, /down, /denied, /stream.
+  /// The URL of one of its paths: /answer, /busy, /blocked, /trickle, /down, /denied, /stream,
+  /// /embeddings, /token, /long.
   std::string url(const std::string& path) const;
+
+  /// How many connections it has been asked over.
+  std::size_t connections() const;
 
  private:
   struct Impl;

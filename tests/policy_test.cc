@@ -56,7 +56,7 @@ TEST(Policy, StatusSetsAreBuiltFromWhateverHoldsStatuses) {
 TEST(Policy, NeedsAnAttempt) {
   for (const int attempts : {0, -1}) {
     try {
-      RetryPolicy{.attempts = attempts};
+      static_cast<void>(RetryPolicy{.attempts = attempts});
       FAIL() << attempts;
     } catch (const std::invalid_argument& error) {
       EXPECT_STREQ(error.what(), "a retry policy makes at least one attempt");
