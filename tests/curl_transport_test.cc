@@ -152,6 +152,8 @@ std::vector<Fault> faults() {
       {"status 2000", answer("HTTP/1.1 2000 OK\r\n\r\n"), "BadStatusLine", "status line"},
       {"silent", answer("", Then::stall), "TimeoutError", too_late},
       {"status drips", drip("", "HTTP/1.1 200 OKOKOKOKOKOKOK", 40), "TimeoutError", too_late},
+      {"another version in the clear", answer("HTTP/2 200 OK\r\n\r\nhi"), "BadStatusLine", "line"},
+      {"closed after an interim reply", answer("HTTP/1.1 100 C\r\n\r\n"), "DroppedConnection", ""},
       {"headers cut", answer(ok + "A: b\r\n"), "HTTPException", "inside"},
       {"header cut", answer(ok + "A: b"), "HTTPException", "inside"},
       {"reset in headers", answer(ok + "A: b\r\n", Then::reset), "ConnectionError", reset},
@@ -312,6 +314,12 @@ TEST_P(EveryFault, BeforeTheRequestIsSentIsAURLError) {
       {[](Peer& peer) {
          peer.receive(1000);
          peer.send("HTTP/1.1 413 T\r\nContent-Length: 4\r\n\r\nlong");
+         peer.stall();
+       },
+       "413! long"},
+      {[](Peer& peer) {
+         peer.receive(1000);
+         peer.send("HTTP/1.1 413 T\r\nConnection: close\r\nContent-Length: 4\r\n\r\nlong");
          peer.stall();
        },
        "413! long"},
@@ -718,6 +726,45 @@ TEST(Pool, ReplacesAConnectionThatThePeerClosedMeanwhile) {
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
       EXPECT_EQ(server.connections(), i);
     }
+  }
+}
+
+TEST(Pool, TakesNothingForAReplyThatCameBeforeItsRequest) {
+  for (const char* first : {HI, "HTTP/1.1 204 N\r\nContent-Length: 4\r\n\r\n"}) {
+    FaultServer server([first](Peer& peer) {
+      peer.request();
+      peer.send(first);
+      peer.sleep(20);
+      peer.send("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nevil");
+      peer.stall();
+    });
+    const PooledTransport pool;
+    for (int i = 1; i <= 2; ++i) {
+      EXPECT_NE(outcome_of(pool, Request(server.url())).told, "200 evil");
+      std::this_thread::sleep_for(std::chrono::milliseconds(60));
+    }
+    EXPECT_EQ(server.connections(), 2);
+  }
+}
+
+TEST(Pool, ARequestThatDiesWithItsServerIsADroppedConnection) {
+  for (const std::size_t size : {2U, 100'000U}) {
+    auto server = std::make_unique<FaultServer>([](Peer& peer) {
+      peer.request();
+      peer.send(HI);
+      peer.stall();
+    });
+    const PooledTransport pool;
+    const Request request(server->url(), {.data = std::string(size, 'x'), .method = "POST"});
+    EXPECT_EQ(outcome_of(pool, request).told, "200 hi");
+    std::thread killer([&] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      server.reset();  // nobody listens any longer
+    });
+    const Outcome outcome = outcome_of(pool, request, 5);
+    killer.join();
+    EXPECT_TRUE(outcome.told == "DroppedConnection" || outcome.told == "ConnectionError")
+        << outcome.told << outcome.text;
   }
 }
 

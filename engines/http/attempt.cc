@@ -44,7 +44,8 @@ void detail::send(std::string_view url, const AttemptFields& fields,
                   const std::function<void(Response&)>& read) {
   std::optional<std::string> data = encode_body(fields.body);
   Headers headers = data ? with_content_type(fields.headers) : fields.headers;
-  const Secrets hidden = fields.secrets.followed_by(secrets_of(headers));
+  const Secrets hidden =
+      fields.secrets.followed_by(secrets_of(headers)).followed_by(secrets_of_url(url));
   const Request request(
       std::string(url),
       {.data = std::move(data), .headers = std::move(headers), .method = fields.method});

@@ -1,5 +1,7 @@
 #include "engines/http/curl_transport.h"
 
+#include <algorithm>
+#include <stdexcept>
 #include <utility>
 
 #include "engines/http/detail/curl_exchange.h"
@@ -60,8 +62,12 @@ std::shared_ptr<Response> urlopen_transport(const Request& request, TransportOpt
   return exchange(request, options.timeout, pool);
 }
 
-PooledTransport::PooledTransport(PoolOptions options)
-    : pool_(std::make_shared<detail::Pool>(std::move(options))) {}
+PooledTransport::PooledTransport(PoolOptions options) {
+  if (std::ranges::any_of(options.user_agent, detail::is_forbidden_in_value)) {
+    throw std::invalid_argument("the pool's user agent holds a control character");
+  }
+  pool_ = std::make_shared<detail::Pool>(std::move(options));
+}
 
 std::shared_ptr<Response> PooledTransport::operator()(const Request& request,
                                                       TransportOptions options) const {

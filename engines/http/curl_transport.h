@@ -78,10 +78,11 @@ class Pool;
 ///
 /// Bounds and failures are those of `urlopen_transport`. A connection serves another call only
 /// after its reply was read to the end and closed; one that was closed by the peer meanwhile is
-/// replaced unseen, and one that dies under a request is a `ConnectionError`: whether to send the
-/// request again is for the caller's policy.
+/// replaced unseen, and one that dies under a request ends the call: whether to send the request
+/// again is for the caller's policy.
 class PooledTransport {
  public:
+  /// Throws `std::invalid_argument` for a user agent that holds a control character.
   explicit PooledTransport(PoolOptions options = {});
 
   /// Throws as `urlopen_transport` does, and `Stopped` once `should_stop` says so.

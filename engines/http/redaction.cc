@@ -4,6 +4,7 @@
 #include <pcre2.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 
 #include "engines/http/detail/text.h"
@@ -127,6 +128,42 @@ void remove_secrets(std::string& text, const std::vector<std::string>& secrets) 
   }
 }
 
+// ---- Userinfo -----------------------------------------------------------------------------------
+
+int hex_digit(char c) noexcept {
+  if (c >= '0' && c <= '9') return c - '0';
+  const int letter = (c | 0x20) - 'a';
+  return letter >= 0 && letter < 6 ? letter + 10 : -1;
+}
+
+std::string percent_decoded(std::string_view text) {  // RFC 3986, section 2.1
+  std::string decoded;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const bool escaped = text[i] == '%' && i + 2 < text.size() && hex_digit(text[i + 1]) >= 0 &&
+                         hex_digit(text[i + 2]) >= 0;
+    decoded +=
+        escaped ? static_cast<char>(hex_digit(text[i + 1]) * 16 + hex_digit(text[i + 2])) : text[i];
+    if (escaped) i += 2;
+  }
+  return decoded;
+}
+
+std::string base64(std::string_view bytes) {  // RFC 4648, section 4
+  constexpr std::string_view ALPHABET =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string encoded;
+  for (std::size_t i = 0; i < bytes.size(); i += 3) {
+    std::uint32_t group = 0;
+    for (std::size_t j = 0; j < 3; ++j) {
+      group = group << 8 | (i + j < bytes.size() ? static_cast<unsigned char>(bytes[i + j]) : 0U);
+    }
+    for (std::size_t j = 0; j < 4; ++j) {
+      encoded += i + j <= bytes.size() ? ALPHABET[group >> (18 - 6 * j) & 63] : '=';
+    }
+  }
+  return encoded;
+}
+
 }  // namespace
 
 const std::vector<std::string>& Secrets::items() const noexcept {
@@ -156,6 +193,21 @@ Secrets secrets_of(const Headers& headers) {
     if (!credential.empty()) found.emplace_back(credential);
   }
   return found;
+}
+
+Secrets secrets_of_url(std::string_view url) {
+  const std::size_t scheme_end = url.find("://");
+  if (scheme_end == std::string_view::npos) return {};
+  const std::string_view rest = url.substr(scheme_end + 3);
+  const std::string_view authority = rest.substr(0, rest.find_first_of("/?#"));
+  const std::size_t at = authority.rfind('@');
+  if (at == std::string_view::npos) return {};
+  const std::string_view userinfo = authority.substr(0, at);
+  const std::size_t colon = std::min(userinfo.find(':'), userinfo.size());
+  const std::string user = percent_decoded(userinfo.substr(0, colon));
+  const std::string_view password = userinfo.substr(std::min(colon + 1, userinfo.size()));
+  return {std::string(password), percent_decoded(password),
+          base64(user + ":" + percent_decoded(password))};
 }
 
 std::string _without_cut_secret(std::string text, std::string_view secret) {

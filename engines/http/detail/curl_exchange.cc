@@ -1,5 +1,7 @@
 #include "engines/http/detail/curl_exchange.h"
 
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cstring>
@@ -20,6 +22,8 @@ constexpr Clock::duration LONG_WAIT = std::chrono::seconds(10);
 
 // Bodies up to this size are copied, and leave in one packet with the headers.
 constexpr std::size_t COPIED_BODY_BYTES = 60 * 1024;
+
+constexpr std::size_t HTTP2_STATUS_LINE = std::string_view("HTTP/2 200 ").size();
 
 constexpr std::size_t READ_RESERVE_BYTES = 64 * 1024;
 
@@ -74,6 +78,7 @@ Patience::Patience(double seconds)
 Exchange::Exchange(std::unique_ptr<Slot> slot, const Hop& hop, const PoolOptions& options)
     : options_(options),
       authority_(hop.url.origin.host + ":" + hop.url.origin.port),
+      may_be_http2_(hop.url.origin.scheme == "https" && options.http_version == HttpVersion::http2),
       is_head_(hop.method == "HEAD"),
       slot_(std::move(slot)) {
   CURL* easy = slot_->easy();
@@ -86,6 +91,10 @@ Exchange::Exchange(std::unique_ptr<Slot> slot, const Hop& hop, const PoolOptions
   set(easy, CURLOPT_WRITEDATA, this);
   set(easy, CURLOPT_PREREQFUNCTION, &on_connected);
   set(easy, CURLOPT_PREREQDATA, this);
+  set(easy, CURLOPT_OPENSOCKETFUNCTION, &on_socket);
+  set(easy, CURLOPT_OPENSOCKETDATA, this);
+  set(easy, CURLOPT_SEEKFUNCTION, &on_rewind);
+  set(easy, CURLOPT_SEEKDATA, this);
 }
 
 Exchange::~Exchange() = default;
@@ -135,15 +144,33 @@ std::size_t Exchange::on_body(char* data, std::size_t, std::size_t size, void* s
 std::size_t Exchange::on_upload(char* to, std::size_t, std::size_t room, void* self) noexcept {
   auto& rest = static_cast<Exchange*>(self)->upload_;
   const std::size_t size = std::min(room, rest.size());
+  if (size == 0) return 0;
   std::memcpy(to, rest.data(), size);
   rest.remove_prefix(size);
   return size;
 }
 
+// A kept connection that dies under a request makes libcurl connect anew and send the request once
+// more. Whether to try again is for the caller's policy, so each step of that is refused: taking
+// the body back to its start, a second socket, and a second beginning over a connection that
+// exists.
+
+int Exchange::on_rewind(void* self, curl_off_t, int) noexcept {
+  static_cast<Exchange*>(self)->resend_refused_ = true;
+  return CURL_SEEKFUNC_FAIL;
+}
+
+curl_socket_t Exchange::on_socket(void* self, curlsocktype, curl_sockaddr* address) noexcept {
+  auto& exchange = *static_cast<Exchange*>(self);
+  if (exchange.connected_) {
+    exchange.resend_refused_ = true;
+    return CURL_SOCKET_BAD;
+  }
+  return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+}
+
 int Exchange::on_connected(void* self, char*, char*, int, int) noexcept {
   auto& exchange = *static_cast<Exchange*>(self);
-  // A second time means that the connection is gone and libcurl would send the request once more.
-  // Whether to try again is for the caller's policy.
   if (exchange.connected_) {
     exchange.resend_refused_ = true;
     return CURL_PREREQFUNC_ABORT;
@@ -176,6 +203,11 @@ void Exchange::take_header(std::string_view line) {
   status_seen_ = true;
   in_block_ = true;
   status_ = status_in(line);
+  // For a reply over HTTP/2 libcurl makes a status line, which has no reason. Whatever else claims
+  // to be one is not.
+  if (line.starts_with("HTTP/2") && !(may_be_http2_ && line.size() == HTTP2_STATUS_LINE)) {
+    status_ = 0;
+  }
   if (status_ == 0) throw BadStatusLine("the reply's status line is malformed");
 }
 
@@ -185,7 +217,7 @@ void Exchange::take_field(std::string_view line) {
     return;
   }
   const std::size_t colon = line.find(':');
-  if (colon == 0 || colon == std::string_view::npos ||
+  if (colon == 0 || line.find('\r') != std::string_view::npos || colon == std::string_view::npos ||
       line.substr(0, colon).find_first_of(" \t") != std::string_view::npos) {
     throw HTTPException("a header of the reply is malformed");
   }
@@ -196,7 +228,10 @@ void Exchange::end_header_block() {
   in_block_ = false;
   headers_ = Headers(std::exchange(fields_, {}));
   if (status_ == 101) throw HTTPException("the reply switches protocols, which was not asked for");
-  if (status_ < 200) return;  // an interim reply; the final one follows (RFC 9110, section 15.2)
+  if (status_ < 200) {  // an interim reply; the final one follows (RFC 9110, section 15.2)
+    status_seen_ = false;
+    return;
+  }
   headers_done_ = true;
   std::optional<std::int64_t> length;
   for (const auto& [name, value] : headers_) {
@@ -317,7 +352,8 @@ void Exchange::await_headers(Patience& patience) {
   }
   patience_ = patience;
   if (is_head_) ended_ = true;
-  // The caller's body is not ours any longer. After another status libcurl sends no more of it.
+  // The caller's body is not ours any longer. After another status no more of it is sent: the peer
+  // has given its answer.
   if (status_ < 300) {
     upload_kept_ = upload_;
     upload_ = upload_kept_;
@@ -357,7 +393,8 @@ std::string Exchange::read(std::size_t amt, bool fill) {
     check_stop();
     // The first read shares what connecting and the headers have left over, so that a peer which is
     // slow at everything holds an attempt no longer than twice the timeout.
-    const auto patient_for = std::min(patience_.timeout, patience_.connecting + patience_.replying);
+    const auto patient_for = std::clamp(patience_.connecting + patience_.replying,
+                                        Clock::duration::zero(), patience_.timeout);
     patience_.connecting = patience_.timeout;
     Clock::time_point from = Clock::now();
     curl_off_t moved = uploaded();
@@ -403,6 +440,7 @@ std::unique_ptr<Slot> Exchange::finish() noexcept {
   clean = clean && done_ && code_ == CURLE_OK && !callback_failure_ && is_sent();
   auto slot = std::move(slot_);
   if (!clean) return nullptr;
+  curl_easy_getinfo(slot->easy(), CURLINFO_ACTIVESOCKET, &slot->socket);
   curl_multi_remove_handle(slot->multi(), slot->easy());
   curl_easy_reset(slot->easy());
   return slot;

@@ -59,6 +59,8 @@ class Exchange {
   static std::size_t on_header(char* line, std::size_t, std::size_t size, void* self) noexcept;
   static std::size_t on_body(char* data, std::size_t, std::size_t size, void* self) noexcept;
   static std::size_t on_upload(char* to, std::size_t, std::size_t room, void* self) noexcept;
+  static int on_rewind(void* self, curl_off_t, int) noexcept;
+  static curl_socket_t on_socket(void* self, curlsocktype, curl_sockaddr* address) noexcept;
   static int on_connected(void* self, char*, char*, int, int) noexcept;
 
   void set_body(const Hop& hop);
@@ -78,6 +80,7 @@ class Exchange {
 
   const PoolOptions& options_;
   std::string authority_;  // of the peer, for the texts of failures
+  bool is_plain_;          // not over TLS
   bool is_head_;
   Patience patience_{0};
 

@@ -27,8 +27,8 @@ bool is_connection_error(int os_error) {
 std::string told(std::string_view situation, const Evidence& evidence) {
   std::string text(situation);
   text += ": ";
-  // The one text of libcurl that quotes a URL which may hold a password: the proxy's.
-  if (evidence.text.starts_with("Unsupported proxy")) {
+  // No text of libcurl quotes a URL but the proxy's, which may hold a password.
+  if (evidence.text.find("://") != std::string::npos) {
     text += "the proxy's URL cannot be used";
   } else {
     text += evidence.text.empty() ? curl_easy_strerror(evidence.code) : evidence.text;
@@ -98,6 +98,7 @@ std::exception_ptr reply_failure(const Evidence& evidence) {
     switch (evidence.code) {
       case CURLE_UNSUPPORTED_PROTOCOL:
         return failed<BadStatusLine>("the reply has no status line", evidence);
+      case CURLE_OK:
       case CURLE_GOT_NOTHING:
       case CURLE_PARTIAL_FILE:
       case CURLE_RECV_ERROR:

@@ -34,21 +34,26 @@ Pool::Slots Pool::take_stale(Idle& idle, Clock::time_point now) const {
   return stale;
 }
 
+std::unique_ptr<Slot> Pool::take_idle(const Origin& origin) {
+  Slots stale;  // closed after the lock is given up
+  Idle& ours = idle();
+  const std::lock_guard lock(ours.mutex);
+  stale = take_stale(ours, Clock::now());
+  const auto found = std::find_if(ours.slots.rbegin(), ours.slots.rend(),
+                                  [&](const auto& one) { return one->origin == origin; });
+  if (found == ours.slots.rend()) return nullptr;
+  std::unique_ptr<Slot> slot = std::move(*found);
+  ours.slots.erase(std::next(found).base());
+  return slot;
+}
+
 std::unique_ptr<Slot> Pool::acquire(const Origin& origin) {
-  std::unique_ptr<Slot> slot;
   if (options_.max_idle > 0) {
-    Slots stale;  // closed after the lock is given up
-    Idle& ours = idle();
-    const std::lock_guard lock(ours.mutex);
-    stale = take_stale(ours, Clock::now());
-    const auto found = std::find_if(ours.slots.rbegin(), ours.slots.rend(),
-                                    [&](const auto& one) { return one->origin == origin; });
-    if (found != ours.slots.rend()) {
-      slot = std::move(*found);
-      ours.slots.erase(std::next(found).base());
+    while (std::unique_ptr<Slot> slot = take_idle(origin)) {
+      if (slot->is_quiet()) return slot;
     }
   }
-  if (!slot) slot = std::make_unique<Slot>();
+  auto slot = std::make_unique<Slot>();
   slot->origin = origin;
   return slot;
 }

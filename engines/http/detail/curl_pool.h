@@ -44,6 +44,7 @@ class Pool {
   };
 
   Idle& idle();
+  std::unique_ptr<Slot> take_idle(const Origin& origin);
   Slots take_stale(Idle& idle, Clock::time_point now) const;
 
   const PoolOptions options_;

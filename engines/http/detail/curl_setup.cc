@@ -36,6 +36,14 @@ bool may_tunnel(const PoolOptions& options) {
                              [](const char* name) { return !environment(name).empty(); });
 }
 
+/// Whether the way to a peer may begin with TLS to a proxy.
+bool may_secure_proxy(const PoolOptions& options) {
+  if (options.proxy) return options.proxy->starts_with("https");
+  return std::ranges::any_of(
+      std::array{"http_proxy", "all_proxy", "ALL_PROXY"},
+      [](const char* name) { return environment(name).starts_with("https"); });
+}
+
 HeaderLists header_lists(const Hop& hop, const PoolOptions& options) {
   HeaderLists lists;
   const bool tunnels = hop.url.origin.scheme == "https" && may_tunnel(options);
@@ -85,6 +93,8 @@ void set_trust(CURL* easy, const PoolOptions& options) {
   }
   set(easy, CURLOPT_CAINFO, file.empty() ? nullptr : file.c_str());
   set(easy, CURLOPT_CAPATH, directory.empty() ? nullptr : directory.c_str());
+  set(easy, CURLOPT_PROXY_CAINFO, file.empty() ? nullptr : file.c_str());
+  set(easy, CURLOPT_PROXY_CAPATH, directory.empty() ? nullptr : directory.c_str());
 }
 
 void set_method(CURL* easy, const Hop& hop) {
@@ -138,7 +148,7 @@ HeaderLists set_up(CURL* easy, const Hop& hop, const PoolOptions& options) {
 
   set(easy, CURLOPT_SSL_VERIFYPEER, 1L);
   set(easy, CURLOPT_SSL_VERIFYHOST, 2L);
-  if (hop.url.origin.scheme == "https") set_trust(easy, options);
+  if (hop.url.origin.scheme == "https" || may_secure_proxy(options)) set_trust(easy, options);
   if (!options.client_certificate.empty()) {
     set(easy, CURLOPT_SSLCERT, options.client_certificate.c_str());
     const bool own_key = !options.client_key.empty();

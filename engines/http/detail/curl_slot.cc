@@ -1,5 +1,6 @@
 #include "engines/http/detail/curl_slot.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -41,6 +42,11 @@ Slot::~Slot() {
   curl_multi_remove_handle(multi_, easy_);
   curl_easy_cleanup(easy_);
   curl_multi_cleanup(multi_);
+}
+
+bool Slot::is_quiet() const noexcept {
+  pollfd connection{.fd = socket, .events = POLLIN, .revents = 0};
+  return poll(&connection, 1, 0) == 0;
 }
 
 bool Slot::is_ours() const noexcept { return owner_ == getpid(); }

@@ -32,8 +32,13 @@ class Slot {
   /// parent: anything done to it, closing included, would be seen by the parent's peer.
   bool is_ours() const noexcept;
 
-  Origin origin;                // of the latest exchange
-  Clock::time_point idle_from;  // when the latest exchange ended
+  /// Whether nothing has come over the idle connection: what comes unasked for (a late body, a
+  /// farewell, the end) would be taken for the next reply.
+  bool is_quiet() const noexcept;
+
+  Origin origin;                           // of the latest exchange
+  curl_socket_t socket = CURL_SOCKET_BAD;  // that its connection is over
+  Clock::time_point idle_from;             // when the latest exchange ended
 
  private:
   pid_t owner_;

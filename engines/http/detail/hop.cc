@@ -20,10 +20,6 @@ bool is_token(std::string_view text) {  // RFC 9110, section 5.6.2
   });
 }
 
-bool is_control(char c) {
-  return (static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == '\x7f';
-}
-
 [[noreturn]] void refuse(const std::string& why) { throw std::invalid_argument(why); }
 
 template <std::size_t n>
@@ -52,7 +48,7 @@ bool names_origin(const std::string& host, const Origin& origin) {
 void check_header(const std::string& name, const std::string& value, const Hop& hop) {
   if (!is_token(name))
     refuse("a header name of the request is empty or holds a forbidden character");
-  if (std::ranges::any_of(value, is_control)) {
+  if (std::ranges::any_of(value, is_forbidden_in_value)) {
     refuse("the request's header " + name + " holds a control character in its value");
   }
   if (equal_ignoring_case(name, "content-length") &&
@@ -69,6 +65,10 @@ void check_header(const std::string& name, const std::string& value, const Hop& 
 }
 
 }  // namespace
+
+bool is_forbidden_in_value(char c) noexcept {
+  return (static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == '\x7f';
+}
 
 Hop first_hop(const Request& request) {
   Hop hop{.url = parse_url(request.url),

@@ -19,6 +19,9 @@ struct Hop {
   std::optional<std::string_view> body;
 };
 
+/// Whether the character may not stand in a header's value (RFC 9110, section 5.5).
+bool is_forbidden_in_value(char c) noexcept;
+
 /// The first hop of a request. Throws `std::invalid_argument`, which names the part and quotes no
 /// value, for what could not be sent as it is given:
 ///   - a method or a header name that is no token, or a control character in a header's value

@@ -89,8 +89,10 @@ Url parse_url(std::string_view text) {
   url.text = text;
   set_url(handle, url.text);
   if (has_userinfo) {
-    url.credentials =
-        Credentials{decoded(handle, CURLUPART_USER), decoded(handle, CURLUPART_PASSWORD)};
+    if (at > authority) {
+      url.credentials =
+          Credentials{decoded(handle, CURLUPART_USER), decoded(handle, CURLUPART_PASSWORD)};
+    }
     url.text.erase(authority, at + 1 - authority);
     set_url(handle, url.text);
   }
