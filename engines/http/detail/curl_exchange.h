@@ -80,7 +80,7 @@ class Exchange {
 
   const PoolOptions& options_;
   std::string authority_;  // of the peer, for the texts of failures
-  bool is_plain_;          // not over TLS
+  bool may_be_http2_;
   bool is_head_;
   Patience patience_{0};
 
