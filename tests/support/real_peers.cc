@@ -109,7 +109,16 @@ std::string Nginx::tls_url(const std::string& path) const {
   return "https://localhost:" + std::to_string(tls_port_) + path;
 }
 
-std::vector<std::string> Nginx::log() const { return lines_of(directory_.file("access.log")); }
+std::vector<std::string> Nginx::log(const std::string& part, std::size_t count) const {
+  std::vector<std::string> lines;
+  for (int attempt = 0; attempt < 200; ++attempt) {  // a line is written after its reply
+    lines = lines_of(directory_.file("access.log"));
+    std::erase_if(lines, [&](const auto& line) { return line.find(part) == std::string::npos; });
+    if (lines.size() >= count) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return lines;
+}
 
 Tinyproxy::Tinyproxy(int allowed_port)
     : port_(closed_port()),
@@ -120,7 +129,5 @@ Tinyproxy::Tinyproxy(int allowed_port)
                           directory_.file("log") + "\"\nPidFile \"" + directory_.file("pid") +
                           "\"\nConnectPort " + std::to_string(allowed_port) + "\n")},
                port_) {}
-
-std::vector<std::string> Tinyproxy::log() const { return lines_of(directory_.file("log")); }
 
 }  // namespace engines::http::test

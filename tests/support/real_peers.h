@@ -33,8 +33,9 @@ class Nginx {
   explicit Nginx(const Identity& identity);
   std::string url(const std::string& path) const;
   std::string tls_url(const std::string& path) const;
-  /// For each request: which connection it came over, its protocol, its line and its size.
-  std::vector<std::string> log() const;
+  /// The lines of its access log that hold `part`, once there are `count` of them: for each request
+  /// which connection it came over, its protocol, its line and its size.
+  std::vector<std::string> log(const std::string& part, std::size_t count) const;
 
  private:
   TemporaryDirectory directory_;
@@ -48,7 +49,6 @@ class Tinyproxy {
  public:
   explicit Tinyproxy(int allowed_port);
   std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
-  std::vector<std::string> log() const;
 
  private:
   TemporaryDirectory directory_;
