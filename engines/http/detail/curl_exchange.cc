@@ -21,11 +21,11 @@ constexpr Clock::duration SHORT_WAIT = std::chrono::milliseconds(50);
 constexpr Clock::duration LONG_WAIT = std::chrono::seconds(10);
 
 // Bodies up to this size are copied, and leave in one packet with the headers.
-constexpr std::size_t COPIED_BODY_BYTES = 60 * 1024;
+constexpr std::size_t COPIED_BODY_BYTES = 61440;
 
 constexpr std::size_t HTTP2_STATUS_LINE = std::string_view("HTTP/2 200 ").size();
 
-constexpr std::size_t READ_RESERVE_BYTES = 64 * 1024;
+constexpr std::size_t READ_RESERVE_BYTES = 65536;
 
 long whole_milliseconds(Clock::duration wait) {  // at least 1: libcurl takes 0 as its own default
   const auto ms = std::chrono::ceil<std::chrono::milliseconds>(wait).count();

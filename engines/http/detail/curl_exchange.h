@@ -21,7 +21,7 @@ namespace engines::http::detail {
 /// How long the hops of one call may still wait. Each hop takes its waits off, so that a chain of
 /// redirects waits no longer than one exchange.
 struct Patience {
-  explicit Patience(double timeout);
+  explicit Patience(double seconds);
 
   double timeout_s;  // as it was given
   Clock::duration timeout;

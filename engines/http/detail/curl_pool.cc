@@ -22,7 +22,7 @@ Pool::~Pool() {
 Pool::Idle& Pool::idle() {
   Idle* current = idle_;
   if (current->process == getpid()) return *current;
-  auto fresh = std::unique_ptr<Idle>(new Idle{.process = getpid(), .inherited = current});
+  std::unique_ptr<Idle> fresh(new Idle{.process = getpid(), .inherited = current});
   return idle_.compare_exchange_strong(current, fresh.get()) ? *fresh.release() : *current;
 }
 

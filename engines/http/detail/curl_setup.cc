@@ -15,7 +15,7 @@ namespace engines::http::detail {
 namespace {
 
 // What a reply is received in pieces of, and what a body is sent in pieces of.
-constexpr long BUFFER_BYTES = 64 * 1024;
+constexpr long BUFFER_BYTES = 65536;
 
 std::string environment(const char* name) {
   const char* value = std::getenv(name);
@@ -52,8 +52,9 @@ HeaderLists header_lists(const Hop& hop, const PoolOptions& options) {
     // A tunnel's proxy reads its own header; the server behind the tunnel must not.
     const bool is_proxys = tunnels && equal_ignoring_case(name, "proxy-authorization");
     const bool is_empty = value.find_first_not_of(" \t") == std::string::npos;
-    append(is_proxys ? lists.to_proxy : lists.to_server,
-           is_empty ? name + ";" : name + ": " + value);
+    std::string line = name;
+    line += is_empty ? ";" : ": " + value;
+    append(is_proxys ? lists.to_proxy : lists.to_server, line);
   }
   // Not sent: a wait for 100, and a content type that nobody gave.
   append(lists.to_server, "Expect:");

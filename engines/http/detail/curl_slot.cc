@@ -25,7 +25,7 @@ Clock::duration duration_of(double seconds) {
       std::chrono::duration<double>(std::min(seconds, LONGEST_S)));
 }
 
-Slot::Slot() : owner_(getpid()), multi_(nullptr), easy_(nullptr) {
+Slot::Slot() : owner_(getpid()) {
   initialise_libcurl();
   multi_ = curl_multi_init();
   easy_ = curl_easy_init();

@@ -42,8 +42,8 @@ class Slot {
 
  private:
   pid_t owner_;
-  CURLM* multi_;
-  CURL* easy_;
+  CURLM* multi_ = nullptr;
+  CURL* easy_ = nullptr;
 };
 
 }  // namespace engines::http::detail
