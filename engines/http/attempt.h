@@ -62,6 +62,22 @@ struct AttemptFields {
 void send(std::string_view url, const AttemptFields& fields,
           const std::function<void(Response&)>& read);
 
+/// Borrows everything that it is given.
+template <class Result, class Read>
+Result send_for(std::string_view url, const AttemptFields& fields, const Read& read) {
+  if constexpr (std::is_void_v<Result>) {
+    send(url, fields, std::cref(read));
+  } else if constexpr (std::is_reference_v<Result>) {
+    std::remove_reference_t<Result>* result = nullptr;
+    send(url, fields, [&](Response& reply) { result = &read(reply); });
+    return static_cast<Result>(*result);
+  } else {
+    std::optional<Result> result;
+    send(url, fields, [&](Response& reply) { result.emplace(read(reply)); });
+    return *std::move(result);
+  }
+}
+
 }  // namespace detail
 
 /// Makes one attempt and returns what the reader returns. Throws the failure that the transport's
@@ -74,17 +90,7 @@ Result send(std::string_view url, const SendOptions<Result>& options) {
   const detail::AttemptFields fields{options.policy,   *options.timeout, options.method,
                                      options.body,     options.headers,  options.secrets,
                                      options.transport};
-  if constexpr (std::is_void_v<Result>) {
-    detail::send(url, fields, options.read);
-  } else if constexpr (std::is_reference_v<Result>) {
-    std::remove_reference_t<Result>* result = nullptr;
-    detail::send(url, fields, [&](Response& reply) { result = &(*options.read)(reply); });
-    return static_cast<Result>(*result);
-  } else {
-    std::optional<Result> result;
-    detail::send(url, fields, [&](Response& reply) { result.emplace((*options.read)(reply)); });
-    return *std::move(result);
-  }
+  return detail::send_for<Result>(url, fields, *options.read);
 }
 
 /// What a transport did: the open reply, or the failure that its error became.

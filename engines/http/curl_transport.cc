@@ -15,7 +15,7 @@ namespace {
 class CurlReply final : public Response {
  public:
   CurlReply(std::shared_ptr<detail::Pool> pool, const detail::Hop& hop)
-      : pool_(std::move(pool)), exchange_(pool_->acquire(hop.url.origin), hop, pool_->options()) {}
+      : pool_(std::move(pool)), exchange_(pool_->acquire(hop.url), hop, pool_->options()) {}
   ~CurlReply() override { do_close(); }
 
   detail::Exchange& exchange() noexcept { return exchange_; }
@@ -23,8 +23,19 @@ class CurlReply final : public Response {
   const Headers* headers() const override { return &exchange_.headers(); }
 
  private:
-  std::string do_read(std::size_t amt) override { return exchange_.read(amt, true); }
-  std::string do_read1(std::size_t amt) override { return exchange_.read(amt, false); }
+  std::string do_read(std::size_t amt) override {
+    std::string piece;
+    exchange_.read(piece, amt, true);
+    return piece;
+  }
+  std::string do_read1(std::size_t amt) override {
+    std::string piece;
+    exchange_.read(piece, amt, false);
+    return piece;
+  }
+  std::size_t do_append1(std::string& body, std::size_t amt) override {
+    return exchange_.read(body, amt, false);
+  }
   void do_close() override { pool_->release(exchange_.finish()); }
 
   std::shared_ptr<detail::Pool> pool_;
@@ -33,7 +44,7 @@ class CurlReply final : public Response {
 
 std::shared_ptr<Response> exchange(const Request& request, double timeout,
                                    const std::shared_ptr<detail::Pool>& pool) {
-  detail::Hop hop = detail::first_hop(request);
+  detail::Hop hop = detail::first_hop(request, pool->parsed(request.url));
   detail::Patience patience(timeout);
   if (patience.timeout == detail::Clock::duration::zero()) {
     std::rethrow_exception(detail::timeout_failure(timeout, "connecting", false));

@@ -437,6 +437,10 @@ void Decoder::give(const Slot& slot, const Sink& sink) {
 
 std::optional<Json> decode_json(std::string_view text) {
   if (!detail::is_utf8(text)) return std::nullopt;
+  return detail::decode_utf8_json(text);
+}
+
+std::optional<Json> detail::decode_utf8_json(std::string_view text) {
   return Decoder(text).decode();
 }
 

@@ -182,9 +182,10 @@ Secrets Secrets::followed_by(const Secrets& others) const {
 Secrets secrets_of(const Headers& headers) {
   std::vector<std::string> found;
   for (const auto& [name, value] : headers) {
-    const bool secret = std::ranges::find(detail::SECRET_HEADERS, detail::lower(name)) !=
-                        detail::SECRET_HEADERS.end();
-    if (!secret || value.empty()) continue;
+    const auto is_it = [&name = name](std::string_view secret) {
+      return detail::equal_ignoring_case(name, secret);
+    };
+    if (std::ranges::none_of(detail::SECRET_HEADERS, is_it) || value.empty()) continue;
     found.push_back(value);
     const std::string_view trimmed = detail::trim(value);
     const std::size_t space = trimmed.find(' ');

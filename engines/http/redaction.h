@@ -34,8 +34,10 @@ class Secrets {
   Secrets() noexcept = default;
   Secrets(std::nullopt_t) noexcept {}
   Secrets(std::initializer_list<std::string> secrets) : Secrets(std::vector(secrets)) {}
-  Secrets(std::vector<std::string> secrets)
-      : secrets_(std::make_shared<const std::vector<std::string>>(std::move(secrets))) {}
+  Secrets(std::vector<std::string> secrets) {
+    if (secrets.empty()) return;
+    secrets_ = std::make_shared<const std::vector<std::string>>(std::move(secrets));
+  }
 
   template <std::ranges::input_range Range>
   requires(!std::same_as<std::remove_cvref_t<Range>, Secrets> &&

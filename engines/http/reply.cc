@@ -1,10 +1,25 @@
 #include "engines/http/reply.h"
 
+#include <algorithm>
+#include <charconv>
 #include <utility>
 
 #include "engines/http/detail/text.h"
 
 namespace engines::http {
+namespace {
+
+/// What the reply says of its body's length (RFC 9110, section 8.6); 0 where it says nothing.
+std::size_t announced_bytes(const Response& reply) {
+  std::size_t bytes = 0;
+  const Headers* const headers = reply.headers();
+  if (const auto length = headers ? headers->get("content-length") : std::nullopt) {
+    std::from_chars(length->data(), length->data() + length->size(), bytes);
+  }
+  return bytes;
+}
+
+}  // namespace
 
 std::optional<StatusCode> _status(const Response& reply) { return reply.status(); }
 
@@ -15,16 +30,21 @@ void _check_deadline(const RetryPolicy& policy, std::string_view message) {
 }
 
 std::string read_body(Response& reply, const RetryPolicy& policy) {
+  const std::size_t announced = std::min<std::size_t>(announced_bytes(reply), policy.max_body_bytes);
   std::string body;
   while (true) {
     _check_deadline(policy, "the reply was still arriving at the deadline");
-    const std::string piece = reply.read1(detail::CHUNK_BYTES);
-    if (piece.empty()) break;
-    if (piece.size() > policy.max_body_bytes - body.size()) {
+    // Room for what is announced, but for little more than what has been delivered: it is only the
+    // peer's word.
+    const std::size_t believed = std::min(announced, 16 * (body.size() + detail::CHUNK_BYTES));
+    if (body.capacity() < believed && body.capacity() - body.size() < detail::CHUNK_BYTES) {
+      body.reserve(believed);
+    }
+    if (reply.append1(body, detail::CHUNK_BYTES) == 0) break;
+    if (body.size() > policy.max_body_bytes) {
       throw BadReply("reply longer than " + std::to_string(policy.max_body_bytes) + " bytes",
                      {.status = _status(reply)});
     }
-    body += piece;
   }
   _check_deadline(policy, "the reply was complete only after the deadline");
   return body;
@@ -40,7 +60,7 @@ Json read_json(Response& reply, const RetryPolicy& policy, const Secrets& secret
           {.status = _status(reply), .detail = excerpt(text, secrets, policy.detail_chars)});
     }
   }
-  if (std::optional<Json> value = decode_json(text)) return *std::move(value);
+  if (std::optional<Json> value = detail::decode_utf8_json(text)) return *std::move(value);
   const std::string detail = excerpt(text, secrets, policy.detail_chars);
   throw BadReply("reply not JSON: " + detail::quoted(detail),
                  {.status = _status(reply), .detail = detail});

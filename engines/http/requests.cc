@@ -21,15 +21,10 @@ Json _request_json(std::string_view method, std::string_view url, const Body& bo
                    const Secrets& secrets, const Transport& transport) {
   const Secrets hidden = secrets.followed_by(secrets_of(headers)).followed_by(secrets_of_url(url));
   const auto reader = [&](Response& reply) { return read_json(reply, policy, hidden); };
+  const std::string verb(method);
   const auto attempt = [&](double timeout) {
-    return send<Json>(url, {.policy = policy,
-                            .timeout = timeout,
-                            .read = reader,
-                            .method = std::string(method),
-                            .body = body,
-                            .headers = headers,
-                            .secrets = hidden,
-                            .transport = transport});
+    return detail::send_for<Json>(
+        url, {policy, timeout, verb, body, headers, hidden, transport}, reader);
   };
   return retry(policy, attempt, {.label = std::string(label), .secrets = hidden});
 }

@@ -81,6 +81,20 @@ std::string Response::read1(std::size_t amt) {
   return ahead_begin_ < ahead_.size() ? take_ahead(amt) : do_read1(amt);
 }
 
+std::size_t Response::append1(std::string& body, std::size_t amt) {
+  check_open();
+  if (ahead_begin_ == ahead_.size()) return do_append1(body, amt);
+  const std::string piece = take_ahead(amt);
+  body += piece;
+  return piece.size();
+}
+
+std::size_t Response::do_append1(std::string& body, std::size_t amt) {
+  const std::string piece = do_read1(amt);
+  body += piece;
+  return piece.size();
+}
+
 void Response::close() {
   closed_ = true;
   do_close();
@@ -104,9 +118,7 @@ bool Response::next_line(std::string& line) {
     ahead_.erase(0, ahead_begin_);
     ahead_begin_ = 0;
     searched = ahead_.size();
-    const std::string piece = ended_ ? std::string() : do_read1(LINE_READ_BYTES);
-    if (piece.empty()) break;
-    ahead_ += piece;
+    if (ended_ || do_append1(ahead_, LINE_READ_BYTES) == 0) break;
   }
   ended_ = true;
   line = std::exchange(ahead_, {});

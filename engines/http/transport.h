@@ -45,6 +45,7 @@ class Headers {
   Headers() = default;
   Headers(std::nullopt_t) noexcept {}
   Headers(std::initializer_list<Entry> entries) : entries_(entries) {}
+  explicit Headers(std::vector<Entry> entries) noexcept : entries_(std::move(entries)) {}
 
   template <std::ranges::input_range Range>
   requires(!std::same_as<std::remove_cvref_t<Range>, Headers> &&
@@ -112,6 +113,10 @@ class Response {
   /// reads as `read` does. Empty: the body has ended. Throws as `read` does.
   std::string read1(std::size_t amt);
 
+  /// As `read1`, but appends the piece to `body` and says how many bytes it has. None: the body has
+  /// ended. Where it throws, what had come may have been appended.
+  std::size_t append1(std::string& body, std::size_t amt);
+
   /// Releases the connection. The reply is not read after it.
   void close();
 
@@ -141,6 +146,8 @@ class Response {
 
   virtual std::string do_read(std::size_t amt) = 0;
   virtual std::string do_read1(std::size_t amt) { return do_read(amt); }
+  /// Overridden by a reply that has the bytes of a piece and no string: it saves a copy.
+  virtual std::size_t do_append1(std::string& body, std::size_t amt);
   virtual void do_close() = 0;
 
   virtual bool next_line(std::string& line);  // false: the body has ended
@@ -279,6 +286,9 @@ class HTTPError : public URLError, public Response {
   std::string do_read(std::size_t amt) final { return body_->read(amt); }
   std::string do_read1(std::size_t amt) final { return body_->read1(amt); }
   void do_close() final { body_->close(); }
+  std::size_t do_append1(std::string& body, std::size_t amt) final {
+    return body_->append1(body, amt);
+  }
   bool next_line(std::string& line) final { return body_->next_line(line); }
 
   StatusCode code_;

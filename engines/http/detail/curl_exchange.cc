@@ -25,7 +25,11 @@ constexpr std::size_t COPIED_BODY_BYTES = 61440;
 
 constexpr std::size_t HTTP2_STATUS_LINE = std::string_view("HTTP/2 200 ").size();
 
-constexpr std::size_t READ_RESERVE_BYTES = 65536;
+// So much of a body is taken before it is asked for: what came in one receive with the headers.
+constexpr std::size_t AHEAD_BYTES = 65536;
+
+// More than most replies have.
+constexpr std::size_t USUAL_HEADERS = 16;
 
 long whole_milliseconds(Clock::duration wait) {  // at least 1: libcurl takes 0 as its own default
   const auto ms = std::chrono::ceil<std::chrono::milliseconds>(wait).count();
@@ -77,12 +81,11 @@ Patience::Patience(double seconds)
 
 Exchange::Exchange(std::unique_ptr<Slot> slot, const Hop& hop, const PoolOptions& options)
     : options_(options),
-      authority_(hop.url.origin.host + ":" + hop.url.origin.port),
-      may_be_http2_(hop.url.origin.scheme == "https" && options.http_version == HttpVersion::http2),
+      may_be_http2_(hop.url->origin.scheme == "https" && options.http_version == HttpVersion::http2),
       is_head_(hop.method == "HEAD"),
       slot_(std::move(slot)) {
   CURL* easy = slot_->easy();
-  lists_ = set_up(easy, hop, options);
+  lists_ = set_request(easy, hop, options);
   set_body(hop);
   set(easy, CURLOPT_ERRORBUFFER, error_text_);
   set(easy, CURLOPT_HEADERFUNCTION, &on_header);
@@ -108,6 +111,7 @@ void Exchange::set_body(const Hop& hop) {
     return;
   }
   upload_ = body;
+  set(slot_->easy(), CURLOPT_COPYPOSTFIELDS, nullptr);  // of an earlier exchange
   set(slot_->easy(), CURLOPT_READFUNCTION, &on_upload);
   set(slot_->easy(), CURLOPT_READDATA, this);
 }
@@ -127,14 +131,10 @@ std::size_t Exchange::on_header(char* line, std::size_t, std::size_t size, void*
 
 std::size_t Exchange::on_body(char* data, std::size_t, std::size_t size, void* self) noexcept {
   auto& exchange = *static_cast<Exchange*>(self);
-  // With no read to take it, or one that is full, the data stays with libcurl.
-  if (exchange.out_ == nullptr || exchange.out_->size() >= exchange.wanted_) {
+  try {
+    if (exchange.take_body({data, size})) return size;
     exchange.paused_ = true;
     return CURL_WRITEFUNC_PAUSE;
-  }
-  try {
-    exchange.take_body({data, size});
-    return size;
   } catch (...) {
     exchange.callback_failure_ = std::current_exception();
     return CURL_WRITEFUNC_ERROR;
@@ -202,6 +202,7 @@ void Exchange::take_header(std::string_view line) {
   }
   status_seen_ = true;
   in_block_ = true;
+  fields_.reserve(USUAL_HEADERS);
   status_ = status_in(line);
   // For a reply over HTTP/2 libcurl makes a status line, which has no reason. Whatever else claims
   // to be one is not.
@@ -289,17 +290,19 @@ Exchange::Phase Exchange::phase() const {
 }
 
 std::string Exchange::while_doing() const {
+  const Origin& origin = slot_->url->origin;
+  const std::string peer = origin.host + ":" + origin.port;
   switch (phase()) {
     case Phase::connecting:
-      return "connecting to " + authority_;
+      return "connecting to " + peer;
     case Phase::sending:
-      return "sending the request to " + authority_;
+      return "sending the request to " + peer;
     case Phase::awaiting_headers:
-      return "waiting for the headers of the reply from " + authority_;
+      return "waiting for the headers of the reply from " + peer;
     case Phase::reading:
       break;
   }
-  return "reading the body of the reply from " + authority_;
+  return "reading the body of the reply from " + peer;
 }
 
 std::exception_ptr Exchange::failure() const {
@@ -351,7 +354,7 @@ void Exchange::await_headers(Patience& patience) {
     wait(left);
   }
   patience_ = patience;
-  if (is_head_) ended_ = true;
+  ended_ = is_head_ || (done_ && code_ == CURLE_OK && !paused_);
   // The caller's body is not ours any longer. After another status no more of it is sent: the peer
   // has given its answer.
   if (status_ < 300) {
@@ -364,32 +367,39 @@ void Exchange::await_headers(Patience& patience) {
 
 // ---- Reading the body ---------------------------------------------------------------------------
 
-void Exchange::take_body(std::string_view data) {
-  const std::size_t size = std::min(wanted_ - out_->size(), data.size());
-  out_->append(data.substr(0, size));
-  spill_.append(data.substr(size));
+/// False: with no read to take it, or one that is full, the data stays with libcurl.
+bool Exchange::take_body(std::string_view data) {
+  const std::size_t room = out_ ? full_ - out_->size() : 0;
+  if (room == 0 && (out_ || spill_.size() >= AHEAD_BYTES)) return false;
+  if (room > 0) out_->append(data.substr(0, room));
+  if (room < data.size()) spill_.append(data.substr(room));
+  return true;
 }
 
-std::string Exchange::read(std::size_t amt, bool fill) {
-  std::string out;
-  if (amt == 0) return out;
-  if (!slot_->is_ours()) throw OSError("the reply belongs to the process that opened it");
-  if (spill_begin_ < spill_.size()) {
-    out = spill_.substr(spill_begin_, amt);
-    spill_begin_ += out.size();
-    if (spill_begin_ == spill_.size()) {
-      spill_.clear();
-      spill_begin_ = 0;
-    }
-    if (!fill || out.size() == amt) return out;
+std::size_t Exchange::take_spilled(std::string& out, std::size_t amt) {
+  const std::size_t size = std::min(amt, spill_.size() - spill_begin_);
+  out.append(spill_, spill_begin_, size);
+  spill_begin_ += size;
+  if (spill_begin_ == spill_.size()) {
+    spill_.clear();
+    spill_begin_ = 0;
   }
-  if (read_failure_ && out.empty()) std::rethrow_exception(read_failure_);
-  if (ended_ || read_failure_) return out;
+  return size;
+}
 
-  out.reserve(std::min(amt, READ_RESERVE_BYTES));
+std::size_t Exchange::read(std::string& out, std::size_t amt, bool fill) {
+  if (amt == 0) return 0;
+  if (!slot_->is_ours()) throw OSError("the reply belongs to the process that opened it");
+  const std::size_t begin = out.size();
+  amt = std::min(amt, out.max_size() - begin);
+  const std::size_t spilled = take_spilled(out, amt);
+  if (spilled == amt || (spilled > 0 && !fill)) return spilled;
+  if (read_failure_ && spilled == 0) std::rethrow_exception(read_failure_);
+  if (ended_ || read_failure_) return spilled;
+
   try {
     out_ = &out;
-    wanted_ = amt;
+    full_ = begin + amt;
     check_stop();
     // The first read shares what connecting and the headers have left over, so that a peer which is
     // slow at everything holds an attempt no longer than twice the timeout.
@@ -408,7 +418,7 @@ std::string Exchange::read(std::size_t amt, bool fill) {
         std::rethrow_exception(failure());
       }
       ended_ = done_ && !paused_;
-      if (ended_ || out.size() == amt || (!fill && !out.empty())) break;
+      if (ended_ || out.size() == full_ || (!fill && out.size() > begin)) break;
       const Clock::time_point now = Clock::now();
       if (uploaded() != moved) {
         moved = uploaded();
@@ -416,7 +426,7 @@ std::string Exchange::read(std::size_t amt, bool fill) {
       }
       const auto left = patient_for - (now - from);
       if (left <= Clock::duration::zero()) {
-        if (!out.empty()) break;
+        if (out.size() > begin) break;
         std::rethrow_exception(timeout_failure(patience_.timeout_s, while_doing(), true));
       }
       wait(left);
@@ -425,8 +435,8 @@ std::string Exchange::read(std::size_t amt, bool fill) {
     read_failure_ = std::current_exception();
   }
   out_ = nullptr;
-  if (read_failure_ && out.empty()) std::rethrow_exception(read_failure_);
-  return out;
+  if (read_failure_ && out.size() == begin) std::rethrow_exception(read_failure_);
+  return out.size() - begin;
 }
 
 std::unique_ptr<Slot> Exchange::finish() noexcept {
@@ -442,7 +452,6 @@ std::unique_ptr<Slot> Exchange::finish() noexcept {
   if (!clean) return nullptr;
   curl_easy_getinfo(slot->easy(), CURLINFO_ACTIVESOCKET, &slot->socket);
   curl_multi_remove_handle(slot->multi(), slot->easy());
-  curl_easy_reset(slot->easy());
   return slot;
 }
 

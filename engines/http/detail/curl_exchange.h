@@ -30,7 +30,7 @@ struct Patience {
 };
 
 /// Nothing moves unless one of its functions runs: between two reads the peer is held back by its
-/// own full window, and at most two pieces of the body are kept here.
+/// own full window, and no more of the body is kept here than what one receive brought too much.
 class Exchange {
  public:
   Exchange(std::unique_ptr<Slot> slot, const Hop& hop, const PoolOptions& options);
@@ -45,10 +45,10 @@ class Exchange {
   StatusCode status() const noexcept { return status_; }
   const Headers& headers() const noexcept { return headers_; }
 
-  /// Up to `amt` bytes of the body; empty: it has ended. It waits for the first bytes at most the
-  /// timeout; with `fill` it goes on for as long, until it has `amt` bytes. A failure is kept, and
-  /// thrown by every later read.
-  std::string read(std::size_t amt, bool fill);
+  /// Appends up to `amt` bytes of the body to `out` and says how many; none: it has ended. It waits
+  /// for the first bytes at most the timeout; with `fill` it goes on for as long, until it has `amt`
+  /// bytes. A failure is kept, and thrown by every later read.
+  std::size_t read(std::string& out, std::size_t amt, bool fill);
 
   /// Ends the exchange: gives back a slot whose connection can serve another exchange, else null.
   std::unique_ptr<Slot> finish() noexcept;
@@ -67,7 +67,8 @@ class Exchange {
   void take_header(std::string_view line);
   void take_field(std::string_view line);
   void end_header_block();
-  void take_body(std::string_view data);
+  bool take_body(std::string_view data);
+  std::size_t take_spilled(std::string& out, std::size_t amt);
 
   void perform();
   void wait(Clock::duration left) const;
@@ -79,7 +80,6 @@ class Exchange {
   std::string while_doing() const;
 
   const PoolOptions& options_;
-  std::string authority_;  // of the peer, for the texts of failures
   bool may_be_http2_;
   bool is_head_;
   Patience patience_{0};
@@ -106,9 +106,10 @@ class Exchange {
   std::size_t header_count_ = 0;
   std::size_t header_bytes_ = 0;
 
-  // The body: a read in progress takes what comes into `out_`; what is too much waits in `spill_`.
+  // The body: a read in progress appends what comes to `out_`, until that is `full_` bytes long;
+  // what is too much, or came with the headers, waits in `spill_`.
   std::string* out_ = nullptr;
-  std::size_t wanted_ = 0;
+  std::size_t full_ = 0;
   std::string spill_;
   std::size_t spill_begin_ = 0;
   bool paused_ = false;

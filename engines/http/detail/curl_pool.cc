@@ -1,28 +1,28 @@
 #include "engines/http/detail/curl_pool.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <iterator>
 #include <utility>
+
+#include "engines/http/detail/curl_setup.h"
 
 namespace engines::http::detail {
 
 Pool::Pool(PoolOptions options)
     : options_(std::move(options)),
       max_idle_time_(duration_of(options_.max_idle_s)),
-      idle_(new Idle{.process = getpid(), .inherited = nullptr}) {}
+      idle_(new Idle{.inherited = nullptr}) {}
 
 Pool::~Pool() {
   // What was inherited is left as it is: see Slot::is_ours.
   Idle* own = idle_;
-  if (own->process == getpid()) delete own;
+  if (own->process == process_number()) delete own;
 }
 
 Pool::Idle& Pool::idle() {
   Idle* current = idle_;
-  if (current->process == getpid()) return *current;
-  std::unique_ptr<Idle> fresh(new Idle{.process = getpid(), .inherited = current});
+  if (current->process == process_number()) return *current;
+  std::unique_ptr<Idle> fresh(new Idle{.inherited = current});
   return idle_.compare_exchange_strong(current, fresh.get()) ? *fresh.release() : *current;
 }
 
@@ -40,21 +40,34 @@ std::unique_ptr<Slot> Pool::take_idle(const Origin& origin) {
   const std::lock_guard lock(ours.mutex);
   stale = take_stale(ours, Clock::now());
   const auto found = std::find_if(ours.slots.rbegin(), ours.slots.rend(),
-                                  [&](const auto& one) { return one->origin == origin; });
+                                  [&](const auto& one) { return one->url->origin == origin; });
   if (found == ours.slots.rend()) return nullptr;
   std::unique_ptr<Slot> slot = std::move(*found);
   ours.slots.erase(std::next(found).base());
   return slot;
 }
 
-std::unique_ptr<Slot> Pool::acquire(const Origin& origin) {
+std::shared_ptr<const Url> Pool::parsed(const std::string& url) {
   if (options_.max_idle > 0) {
-    while (std::unique_ptr<Slot> slot = take_idle(origin)) {
+    Idle& ours = idle();
+    const std::lock_guard lock(ours.mutex);
+    for (const auto& slot : ours.slots) {
+      if (slot->url->given == url) return slot->url;
+    }
+  }
+  return parse_url(url);
+}
+
+std::unique_ptr<Slot> Pool::acquire(const std::shared_ptr<const Url>& url) {
+  if (options_.max_idle > 0) {
+    while (std::unique_ptr<Slot> slot = take_idle(url->origin)) {
+      slot->url = url;
       if (slot->is_quiet()) return slot;
     }
   }
   auto slot = std::make_unique<Slot>();
-  slot->origin = origin;
+  slot->url = url;
+  set_up(slot->easy(), url->origin, options_);
   return slot;
 }
 

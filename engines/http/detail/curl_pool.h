@@ -1,8 +1,6 @@
 // The idle connections of a pool. Included by .cc files only.
 #pragma once
 
-#include <sys/types.h>
-
 #include <atomic>
 #include <memory>
 #include <mutex>
@@ -24,9 +22,13 @@ class Pool {
 
   const PoolOptions& options() const noexcept { return options_; }
 
-  /// A slot for one exchange with the origin: the latest used of those that were connected to it,
-  /// else a new one. Closes connections that have been idle for too long.
-  std::unique_ptr<Slot> acquire(const Origin& origin);
+  /// The URL, taken apart. One that an idle connection was asked for the last time is not parsed
+  /// again.
+  std::shared_ptr<const Url> parsed(const std::string& url);
+
+  /// A slot for one exchange with the URL's origin: the latest used of those that were connected to
+  /// it, else a new one. Closes connections that have been idle for too long.
+  std::unique_ptr<Slot> acquire(const std::shared_ptr<const Url>& url);
 
   /// Takes back a slot after its exchange has ended well. Null is no slot.
   void release(std::unique_ptr<Slot> slot) noexcept;
@@ -37,8 +39,8 @@ class Pool {
   /// The idle slots of one process. A child never touches its parent's, the lock included, which
   /// another thread may have held when the fork was made.
   struct Idle {
-    pid_t process;
     Idle* inherited;
+    unsigned process = process_number();
     std::mutex mutex = {};
     Slots slots = {};  // the latest used at the end
   };

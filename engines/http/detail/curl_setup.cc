@@ -17,6 +17,9 @@ namespace {
 // What a reply is received in pieces of, and what a body is sent in pieces of.
 constexpr long BUFFER_BYTES = 65536;
 
+// From a somewhat longer body on, libcurl would ask the peer for a 100 first.
+constexpr std::size_t EXPECT_BYTES = 1 << 19;
+
 std::string environment(const char* name) {
   const char* value = std::getenv(name);
   return value == nullptr ? "" : value;
@@ -29,11 +32,17 @@ void append(HeaderList& list, const std::string& line) {
   list.reset(longer);
 }
 
-/// Whether a proxy may stand before an https peer.
-bool may_tunnel(const PoolOptions& options) {
+template <std::size_t n>
+bool is_any_set(const std::array<const char*, n>& names) {
+  return std::ranges::any_of(names, [](const char* name) { return !environment(name).empty(); });
+}
+
+/// Whether a proxy may stand before the peer.
+bool may_use_proxy(const std::string& scheme, const PoolOptions& options) {
   if (options.proxy) return !options.proxy->empty();
-  return std::ranges::any_of(std::array{"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"},
-                             [](const char* name) { return !environment(name).empty(); });
+  return is_any_set(std::array{"all_proxy", "ALL_PROXY"}) ||
+         (scheme == "https" ? is_any_set(std::array{"https_proxy", "HTTPS_PROXY"})
+                            : is_any_set(std::array{"http_proxy"}));
 }
 
 /// Whether the way to a peer may begin with TLS to a proxy.
@@ -46,9 +55,12 @@ bool may_secure_proxy(const PoolOptions& options) {
 
 HeaderLists header_lists(const Hop& hop, const PoolOptions& options) {
   HeaderLists lists;
-  const bool tunnels = hop.url.origin.scheme == "https" && may_tunnel(options);
-  for (const auto& [name, value] : hop.headers) {
+  const std::string& scheme = hop.url->origin.scheme;
+  const bool tunnels = scheme == "https" && may_use_proxy(scheme, options);
+  bool has_content_type = false;
+  for (const auto& [name, value] : *hop.headers) {
     if (equal_ignoring_case(name, "content-length")) continue;  // libcurl's own says the same
+    has_content_type = has_content_type || equal_ignoring_case(name, "content-type");
     // A tunnel's proxy reads its own header; the server behind the tunnel must not.
     const bool is_proxys = tunnels && equal_ignoring_case(name, "proxy-authorization");
     const bool is_empty = value.find_first_not_of(" \t") == std::string::npos;
@@ -56,9 +68,10 @@ HeaderLists header_lists(const Hop& hop, const PoolOptions& options) {
     line += is_empty ? ";" : ": " + value;
     append(is_proxys ? lists.to_proxy : lists.to_server, line);
   }
+  if (!announces_body(hop)) return lists;
   // Not sent: a wait for 100, and a content type that nobody gave.
-  append(lists.to_server, "Expect:");
-  if (!hop.headers.get("content-type")) append(lists.to_server, "Content-Type:");
+  if (hop.body.value_or("").size() > EXPECT_BYTES) append(lists.to_server, "Expect:");
+  if (!has_content_type) append(lists.to_server, "Content-Type:");
   return lists;
 }
 
@@ -116,18 +129,25 @@ bool announces_body(const Hop& hop) {
   return hop.body || hop.method == "POST" || hop.method == "PUT" || hop.method == "PATCH";
 }
 
-HeaderLists set_up(CURL* easy, const Hop& hop, const PoolOptions& options) {
-  set(easy, CURLOPT_URL, hop.url.text.c_str());
+HeaderLists set_request(CURL* easy, const Hop& hop, const PoolOptions& options) {
+  set(easy, CURLOPT_URL, hop.url->text.c_str());
+  set(easy, CURLOPT_CURLU, hop.url->parsed.get());
   set_method(easy, hop);
   HeaderLists lists = header_lists(hop, options);
   set(easy, CURLOPT_HTTPHEADER, lists.to_server.get());
   set(easy, CURLOPT_PROXYHEADER, lists.to_proxy.get());
+  const auto& credentials = hop.credentials;
+  set(easy, CURLOPT_USERNAME, credentials ? credentials->user.c_str() : nullptr);
+  set(easy, CURLOPT_PASSWORD, credentials ? credentials->password.c_str() : nullptr);
+  return lists;
+}
+
+void set_up(CURL* easy, const Origin& origin, const PoolOptions& options) {
   if (!options.user_agent.empty()) set(easy, CURLOPT_USERAGENT, options.user_agent.c_str());
-  if (hop.url.credentials) {
-    set(easy, CURLOPT_USERNAME, hop.url.credentials->user.c_str());
-    set(easy, CURLOPT_PASSWORD, hop.url.credentials->password.c_str());
+  // Where the environment names none, libcurl need not look each time.
+  if (options.proxy || !may_use_proxy(origin.scheme, options)) {
+    set(easy, CURLOPT_PROXY, options.proxy.value_or("").c_str());
   }
-  if (options.proxy) set(easy, CURLOPT_PROXY, options.proxy->c_str());
 
   set(easy, CURLOPT_PROTOCOLS_STR, "http,https");
   set(easy, CURLOPT_FOLLOWLOCATION, 0L);
@@ -149,13 +169,12 @@ HeaderLists set_up(CURL* easy, const Hop& hop, const PoolOptions& options) {
 
   set(easy, CURLOPT_SSL_VERIFYPEER, 1L);
   set(easy, CURLOPT_SSL_VERIFYHOST, 2L);
-  if (hop.url.origin.scheme == "https" || may_secure_proxy(options)) set_trust(easy, options);
+  if (origin.scheme == "https" || may_secure_proxy(options)) set_trust(easy, options);
   if (!options.client_certificate.empty()) {
     set(easy, CURLOPT_SSLCERT, options.client_certificate.c_str());
     const bool own_key = !options.client_key.empty();
     set(easy, CURLOPT_SSLKEY, (own_key ? options.client_key : options.client_certificate).c_str());
   }
-  return lists;
 }
 
 }  // namespace engines::http::detail

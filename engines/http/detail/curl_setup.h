@@ -1,4 +1,4 @@
-// What libcurl is told before an exchange. Included by .cc files only.
+// What libcurl is told: once for a slot, and before each exchange. Included by .cc files only.
 #pragma once
 
 #include <curl/curl.h>
@@ -31,8 +31,12 @@ struct HeaderLists {
   HeaderList to_proxy;
 };
 
-/// Sets everything but the body and the callbacks. The lists must outlive the exchange.
-HeaderLists set_up(CURL* easy, const Hop& hop, const PoolOptions& options);
+/// Sets what is the same for every exchange with the origin.
+void set_up(CURL* easy, const Origin& origin, const PoolOptions& options);
+
+/// Sets what the exchange sends, but for the body itself. The lists and the hop's URL must outlive
+/// the exchange.
+HeaderLists set_request(CURL* easy, const Hop& hop, const PoolOptions& options);
 
 /// Whether the request is sent as one with a body, empty or not.
 bool announces_body(const Hop& hop);

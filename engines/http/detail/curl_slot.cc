@@ -1,9 +1,10 @@
 #include "engines/http/detail/curl_slot.h"
 
 #include <poll.h>
-#include <unistd.h>
+#include <pthread.h>
 
 #include <algorithm>
+#include <atomic>
 #include <new>
 
 namespace engines::http::detail {
@@ -25,7 +26,14 @@ Clock::duration duration_of(double seconds) {
       std::chrono::duration<double>(std::min(seconds, LONGEST_S)));
 }
 
-Slot::Slot() : owner_(getpid()) {
+unsigned process_number() {
+  static std::atomic<unsigned> forks = 0;
+  static const int error = pthread_atfork(nullptr, nullptr, [] { ++forks; });
+  if (error != 0) throw std::bad_alloc();
+  return forks;
+}
+
+Slot::Slot() {
   initialise_libcurl();
   multi_ = curl_multi_init();
   easy_ = curl_easy_init();
@@ -49,6 +57,6 @@ bool Slot::is_quiet() const noexcept {
   return poll(&connection, 1, 0) == 0;
 }
 
-bool Slot::is_ours() const noexcept { return owner_ == getpid(); }
+bool Slot::is_ours() const noexcept { return owner_ == process_number(); }
 
 }  // namespace engines::http::detail

@@ -2,9 +2,9 @@
 #pragma once
 
 #include <curl/curl.h>
-#include <sys/types.h>
 
 #include <chrono>
+#include <memory>
 
 #include "engines/http/detail/url.h"
 
@@ -15,6 +15,10 @@ using Clock = std::chrono::steady_clock;
 /// The duration of so many seconds: zero for what is not above zero or is NaN, and no more than
 /// 1,000,000 s, which neither the clock nor libcurl overflows on.
 Clock::duration duration_of(double seconds);
+
+/// Which process this is: another number in the child of a fork than in its parent. It asks no
+/// kernel, for it is asked several times in each call.
+unsigned process_number();
 
 /// A multi handle, which holds the connection between two exchanges, and an easy handle for the one
 /// exchange that owns the slot at a time.
@@ -36,12 +40,12 @@ class Slot {
   /// farewell, the end) would be taken for the next reply.
   bool is_quiet() const noexcept;
 
-  Origin origin;                           // of the latest exchange
-  curl_socket_t socket = CURL_SOCKET_BAD;  // that its connection is over
-  Clock::time_point idle_from;             // when the latest exchange ended
+  std::shared_ptr<const Url> url;          // of the latest exchange, all being with one origin,
+  curl_socket_t socket = CURL_SOCKET_BAD;  // the socket that its connection is over
+  Clock::time_point idle_from;             // and when it ended
 
  private:
-  pid_t owner_;
+  unsigned owner_ = process_number();
   CURLM* multi_ = nullptr;
   CURL* easy_ = nullptr;
 };

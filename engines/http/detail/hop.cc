@@ -37,8 +37,8 @@ Headers without(const Headers& headers, const std::array<const char*, n>& names)
 /// Whether a `Host` value names the origin that the request goes to.
 bool names_origin(const std::string& host, const Origin& origin) {
   try {
-    const Url url = parse_url(origin.scheme + "://" + host);
-    return url.origin == origin && !url.credentials &&
+    const auto url = parse_url(origin.scheme + "://" + host);
+    return url->origin == origin && !url->credentials &&
            host.find_first_of("/?#") == std::string::npos;
   } catch (const std::invalid_argument&) {
     return false;
@@ -58,7 +58,7 @@ void check_header(const std::string& name, const std::string& value, const Hop& 
   if (equal_ignoring_case(name, "transfer-encoding")) {
     refuse("the request's header Transfer-Encoding contradicts its body, which is sent as it is");
   }
-  if (equal_ignoring_case(name, "host") && !names_origin(value, hop.url.origin)) {
+  if (equal_ignoring_case(name, "host") && !names_origin(value, hop.url->origin)) {
     refuse("the request's header Host contradicts its URL");
   }
   if (equal_ignoring_case(name, "expect")) refuse("the request's header Expect cannot be sent");
@@ -70,15 +70,16 @@ bool is_forbidden_in_value(char c) noexcept {
   return (static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == '\x7f';
 }
 
-Hop first_hop(const Request& request) {
-  Hop hop{.url = parse_url(request.url),
+Hop first_hop(const Request& request, std::shared_ptr<const Url> url) {
+  Hop hop{.url = std::move(url),
+          .credentials = {},
           .method = request.method,
-          .headers = request.headers,
+          .headers = {std::shared_ptr<void>(), &request.headers},
           .body = request.data};
   if (!is_token(hop.method)) refuse("the request's method is empty or holds a forbidden character");
   if (hop.method == "CONNECT") refuse("the request's method CONNECT cannot be sent");
-  for (const auto& [name, value] : hop.headers) check_header(name, value, hop);
-  if (hop.headers.get("authorization")) hop.url.credentials.reset();
+  for (const auto& [name, value] : *hop.headers) check_header(name, value, hop);
+  if (!hop.headers->get("authorization")) hop.credentials = hop.url->credentials;
   return hop;
 }
 
@@ -86,20 +87,26 @@ std::optional<Hop> next_hop(const Hop& hop, StatusCode status,
                             const std::optional<std::string>& location) {
   const bool repeats = status == 307 || status == 308;
   if (!repeats && status != 301 && status != 302 && status != 303) return std::nullopt;
-  auto url = resolve(hop.url, location.value_or(""));
+  auto url = resolve(*hop.url, location.value_or(""));
   if (!url) return std::nullopt;
-  Hop next{.url = std::move(*url), .method = hop.method, .headers = hop.headers, .body = hop.body};
+  Hop next{.url = std::move(url),
+           .credentials = {},
+           .method = hop.method,
+           .headers = {},
+           .body = hop.body};
+  Headers headers = *hop.headers;
   const bool keeps_method = hop.method == "GET" || hop.method == "HEAD";
   if (!repeats && !keeps_method && (status == 303 || hop.method == "POST")) {
     next.method = "GET";
     next.body.reset();
-    next.headers = without(next.headers, CONTENT);
+    headers = without(headers, CONTENT);
   }
-  if (next.url.origin == hop.url.origin) {
-    next.url.credentials = hop.url.credentials;
+  if (next.url->origin == hop.url->origin) {
+    next.credentials = hop.credentials;
   } else {
-    next.headers = without(without(next.headers, CREDENTIALS), std::array{"host"});
+    headers = without(without(headers, CREDENTIALS), std::array{"host"});
   }
+  next.headers = std::make_shared<const Headers>(std::move(headers));
   return next;
 }
 

@@ -1,7 +1,8 @@
 // One request of a chain of redirects: what is sent, checked before it is sent, and what a redirect
-// makes of it.
+// makes of it. Included by .cc files only.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -12,9 +13,13 @@
 namespace engines::http::detail {
 
 struct Hop {
-  Url url;
+  std::shared_ptr<const Url> url;
+  /// The URL's userinfo, where it is sent: to the origin that it was given for, unless the headers
+  /// hold an `Authorization`.
+  std::optional<Credentials> credentials;
   std::string method;
-  Headers headers;
+  /// Borrowed from the caller's request, or made for a redirect.
+  std::shared_ptr<const Headers> headers;
   /// The body, borrowed from the caller's request; none sends no body.
   std::optional<std::string_view> body;
 };
@@ -22,20 +27,20 @@ struct Hop {
 /// Whether the character may not stand in a header's value (RFC 9110, section 5.5).
 bool is_forbidden_in_value(char c) noexcept;
 
-/// The first hop of a request. Throws `std::invalid_argument`, which names the part and quotes no
+/// The first hop of a request to `url`. Throws `std::invalid_argument`, which names the part and quotes no
 /// value, for what could not be sent as it is given:
 ///   - a method or a header name that is no token, or a control character in a header's value
 ///     (RFC 9110, sections 5.5, 5.6.2 and 9.1): they would start another header or request;
 ///   - a `Content-Length`, `Transfer-Encoding` or `Host` that contradicts the request, and the
 ///     method `CONNECT`: the peer would see other message ends, or another request, than we do;
 ///   - `Expect`, which asks for an exchange that a transport may have to repeat.
-/// The URL's userinfo stays in `Hop::url`, unless the headers hold an `Authorization`.
-Hop first_hop(const Request& request);
+/// The request must outlive the hop.
+Hop first_hop(const Request& request, std::shared_ptr<const Url> url);
 
 /// What follows a reply with this status and `Location`; none where the reply is final
 /// (RFC 9110, section 15.4). 307 and 308 repeat the request. 303, and after a POST 301 and 302,
 /// turn it into a GET without a body. Headers that hold a credential go no further than the origin
-/// that they were given for.
+/// that they were given for, and the peer does not choose which userinfo is sent.
 std::optional<Hop> next_hop(const Hop& hop, StatusCode status,
                             const std::optional<std::string>& location);
 

@@ -2,25 +2,15 @@
 
 #include <bit>
 #include <cmath>
-#include <cstring>
 #include <stdexcept>
 #include <utility>
 
 #include "engines/http/detail/decimal.h"
+#include "engines/http/detail/scan.h"
 #include "engines/http/detail/text.h"
 
 namespace engines::http::detail {
 namespace {
-
-constexpr std::uint64_t ONES = 0x0101010101010101;
-constexpr std::uint64_t HIGH_BITS = 0x80 * ONES;
-constexpr std::ptrdiff_t WORD = sizeof(std::uint64_t);
-
-std::uint64_t load(const char* from) noexcept {
-  std::uint64_t word = 0;
-  std::memcpy(&word, from, sizeof word);
-  return word;
-}
 
 constexpr auto NUMBERED_ESCAPES = [] {
   std::array<std::array<char, 6>, 0x20> escapes{};
@@ -58,18 +48,8 @@ unsigned char byte(const char* at) noexcept { return static_cast<unsigned char>(
 }  // namespace
 
 const char* skip_plain(const char* begin, const char* end) noexcept {
-  // A byte that is too low makes the subtraction borrow from its high bit. The first byte found is
-  // exact; above it a borrow may find too much.
-  for (; end - begin >= WORD; begin += WORD) {
-    const std::uint64_t word = load(begin);
-    const std::uint64_t quote = word ^ (ONES * '"');
-    const std::uint64_t backslash = word ^ (ONES * '\\');
-    const std::uint64_t found = (((word - ONES * 0x20) & ~word) | ((quote - ONES) & ~quote) |
-                                 ((backslash - ONES) & ~backslash)) &
-                                HIGH_BITS;
-    if (found == 0) continue;
-    if constexpr (std::endian::native != std::endian::little) break;
-    return begin + std::countr_zero(found) / 8;
+  for (; end - begin >= std::ptrdiff_t{Block::SIZE}; begin += Block::SIZE) {
+    if (const unsigned found = Block(begin).not_plain()) return begin + std::countr_zero(found);
   }
   while (begin != end && *begin != '"' && *begin != '\\' && byte(begin) >= 0x20) ++begin;
   return begin;

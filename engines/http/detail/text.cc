@@ -5,10 +5,11 @@
 #include <unicode/utf8.h>
 
 #include <algorithm>
-#include <array>
+#include <bit>
 #include <cstdint>
-#include <cstring>
 #include <memory>
+
+#include "engines/http/detail/scan.h"
 
 namespace engines::http::detail {
 namespace {
@@ -38,14 +39,13 @@ UChar32 previous(std::string_view text, std::size_t& end) noexcept {
 
 /// Moves `position` over ASCII, several bytes at a time.
 void skip_ascii(std::string_view text, std::size_t& position) noexcept {
-  constexpr std::uint64_t HIGH_BITS = 0x8080808080808080;
-  std::array<std::uint64_t, 4> words{};
-  while (text.size() - position >= sizeof words) {
-    std::memcpy(words.data(), text.data() + position, sizeof words);
-    if (((words[0] | words[1] | words[2] | words[3]) & HIGH_BITS) != 0) break;
-    position += sizeof words;
+  for (; text.size() - position >= Block::SIZE; position += Block::SIZE) {
+    if (const unsigned found = Block(text.data() + position).not_ascii()) {
+      position += static_cast<std::size_t>(std::countr_zero(found));
+      return;
+    }
   }
-  while (position < text.size() && static_cast<unsigned char>(text[position]) < 0x80) ++position;
+  while (position < text.size() && U8_IS_SINGLE(text[position])) ++position;
 }
 
 /// The position of the first ill-formed sequence, or the text's size.
@@ -153,8 +153,12 @@ std::string lower(std::string_view text) {
 }
 
 bool equal_ignoring_case(std::string_view a, std::string_view b) {
-  if (!is_ascii(a) || !is_ascii(b)) return lower(a) == lower(b);
-  return std::ranges::equal(a, b, {}, ascii_lower, ascii_lower);
+  const std::size_t size = std::min(a.size(), b.size());
+  for (std::size_t i = 0; i < size; ++i) {
+    if (!U8_IS_SINGLE(a[i]) || !U8_IS_SINGLE(b[i])) return lower(a) == lower(b);
+    if (a[i] != b[i] && ascii_lower(a[i]) != ascii_lower(b[i])) return false;
+  }
+  return a.size() == b.size();
 }
 
 std::string_view trim(std::string_view text) noexcept {

@@ -1,11 +1,9 @@
 #include "engines/http/detail/url.h"
 
-#include <curl/curl.h>
-
 #include <algorithm>
-#include <memory>
 #include <new>
 #include <stdexcept>
+#include <utility>
 
 namespace engines::http::detail {
 namespace {
@@ -65,7 +63,7 @@ void set_url(const Handle& handle, const std::string& text) {
 
 }  // namespace
 
-Url parse_url(std::string_view text) {
+std::shared_ptr<const Url> parse_url(std::string_view text) {
   for (const char c : text) {
     const auto byte = static_cast<unsigned char>(c);
     if (byte == ' ' || is_control(byte)) refuse("holds a space or a control character");
@@ -73,7 +71,9 @@ Url parse_url(std::string_view text) {
   }
   const std::size_t scheme_end = text.find("://");
   if (scheme_end == std::string_view::npos || scheme_end == 0) refuse("has no scheme");
-  Url url;
+  const auto parsed = std::make_shared<Url>();
+  Url& url = *parsed;
+  url.given = text;
   std::ranges::transform(text.substr(0, scheme_end), std::back_inserter(url.origin.scheme),
                          lower_ascii);
   if (url.origin.scheme != "http" && url.origin.scheme != "https") {
@@ -85,7 +85,7 @@ Url parse_url(std::string_view text) {
   const std::size_t at = text.substr(0, authority_end).rfind('@');
   const bool has_userinfo = at != std::string_view::npos && at >= authority;
 
-  const Handle handle = new_handle();
+  Handle handle = new_handle();
   url.text = text;
   set_url(handle, url.text);
   if (has_userinfo) {
@@ -101,14 +101,15 @@ Url parse_url(std::string_view text) {
   std::ranges::transform(url.origin.host, url.origin.host.begin(), lower_ascii);
   url.origin.port = part_of(handle, CURLUPART_PORT, CURLU_DEFAULT_PORT).value_or("");
   if (url.origin.port == "0") refuse("has a port that is no number from 1 to 65535");
-  return url;
+  url.parsed = std::move(handle);
+  return parsed;
 }
 
-std::optional<Url> resolve(const Url& base, std::string_view location) {
+std::shared_ptr<const Url> resolve(const Url& base, std::string_view location) {
   std::string reference;
   for (const char c : location) {
     const auto byte = static_cast<unsigned char>(c);
-    if (is_control(byte)) return std::nullopt;
+    if (is_control(byte)) return nullptr;
     if (byte == ' ' || byte >= 0x80) {
       static constexpr char DIGITS[] = "0123456789ABCDEF";
       reference += {'%', DIGITS[byte >> 4], DIGITS[byte & 15]};
@@ -116,21 +117,19 @@ std::optional<Url> resolve(const Url& base, std::string_view location) {
       reference += c;
     }
   }
-  if (reference.empty()) return std::nullopt;
+  if (reference.empty()) return nullptr;
   const Handle handle = new_handle();
   set_url(handle, base.text);
   if (curl_url_set(handle.get(), CURLUPART_URL, reference.c_str(), CURLU_NON_SUPPORT_SCHEME) !=
       CURLUE_OK) {
-    return std::nullopt;
+    return nullptr;
   }
   const auto target = part_of(handle, CURLUPART_URL);
-  if (!target) return std::nullopt;
+  if (!target) return nullptr;
   try {
-    Url url = parse_url(*target);
-    url.credentials.reset();
-    return url;
+    return parse_url(*target);
   } catch (const std::invalid_argument&) {
-    return std::nullopt;
+    return nullptr;
   }
 }
 

@@ -1,0 +1,137 @@
+#include "bench/servers.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <stdexcept>
+#include <string_view>
+#include <vector>
+
+#include "bench/documents.h"
+#include "tests/support/fault_server.h"
+
+namespace bench {
+namespace {
+
+using engines::http::test::closed_port;
+
+/// Answers the whole requests in `received` and removes them from it.
+void answer(int connection, std::string& received) {
+  constexpr std::string_view LENGTH = "content-length:";
+  while (true) {
+    const std::size_t head_end = received.find("\r\n\r\n");
+    if (head_end == std::string::npos) return;
+    std::string head = received.substr(0, head_end);
+    for (char& c : head) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c;
+    const std::size_t at = head.find(LENGTH);
+    const std::size_t size =
+        at == std::string::npos ? 0 : std::strtoul(head.c_str() + at + LENGTH.size(), nullptr, 10);
+    if (received.size() - head_end - 4 < size) return;
+    const std::string reply =
+        "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: " +
+        std::to_string(size) + "\r\n\r\n" + received.substr(head_end + 4, size);
+    received.erase(0, head_end + 4 + size);
+    for (std::string_view rest = reply; !rest.empty();) {
+      const ssize_t sent = send(connection, rest.data(), rest.size(), MSG_NOSIGNAL);
+      if (sent <= 0) return;
+      rest.remove_prefix(static_cast<std::size_t>(sent));
+    }
+  }
+}
+
+std::string url(const char* scheme, const char* host, int port, const std::string& path) {
+  return std::string(scheme) + "://" + host + ":" + std::to_string(port) + path;
+}
+
+std::string configuration(const engines::http::test::TemporaryDirectory& directory, int port,
+                          int tls_port, const engines::http::test::Identity& identity) {
+  std::ofstream(directory.file("small.json")) << small_json();
+  std::ofstream(directory.file("large.bin")) << std::string(LARGE_BYTES, 'x');
+  std::ofstream(directory.file("embeddings.json")) << embeddings_json(LARGE_BYTES);
+  std::string temporary;
+  for (const char* kind : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"}) {
+    temporary += std::string(kind) + "_temp_path " + directory.file(kind) + "; ";
+  }
+  const std::string file = directory.file("nginx.conf");
+  std::ofstream(file) << "daemon off; master_process off; error_log stderr; pid "
+                      << directory.file("pid")
+                      << ";\n events {}\n http { access_log off; sendfile on; tcp_nopush on; "
+                         "keepalive_requests 100000000; open_file_cache max=10; types { "
+                         "application/json json; } "
+                      << temporary << "root " << directory.file("")
+                      << ";\n server { listen 127.0.0.1:" << port
+                      << "; listen 127.0.0.1:" << tls_port << " ssl; ssl_certificate "
+                      << identity.certificate << "; ssl_certificate_key " << identity.key
+                      << "; } }\n";
+  return file;
+}
+
+}  // namespace
+
+void serve_echoes(int port) {
+  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int on = 1;
+  setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
+  if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      listen(listener, 1024) != 0) {
+    throw std::runtime_error("the echo server cannot listen");
+  }
+  std::vector<pollfd> polled{{.fd = listener, .events = POLLIN, .revents = 0}};
+  std::vector<std::string> received(1);
+  std::vector<char> buffer(1 << 16);
+  while (true) {
+    poll(polled.data(), polled.size(), -1);
+    for (std::size_t i = polled.size(); i-- > 1;) {
+      if (polled[i].revents == 0) continue;
+      const ssize_t size = recv(polled[i].fd, buffer.data(), buffer.size(), 0);
+      if (size > 0) {
+        received[i].append(buffer.data(), static_cast<std::size_t>(size));
+        answer(polled[i].fd, received[i]);
+      } else {
+        close(polled[i].fd);
+        polled.erase(polled.begin() + static_cast<std::ptrdiff_t>(i));
+        received.erase(received.begin() + static_cast<std::ptrdiff_t>(i));
+      }
+    }
+    if (polled[0].revents != 0) {
+      const int connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+      setsockopt(connection, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+      polled.push_back({.fd = connection, .events = POLLIN, .revents = 0});
+      received.emplace_back();
+    }
+  }
+}
+
+Servers::Servers(const std::string& self)
+    : get_port_(closed_port()),
+      tls_port_(closed_port()),
+      echo_port_(closed_port()),
+      nginx_("/usr/sbin/nginx", {"-c", configuration(directory_, get_port_, tls_port_, identity_)},
+             get_port_),
+      echo_(self.c_str(), {"--echo-server", std::to_string(echo_port_)}, echo_port_) {
+  const std::string hashed = hashed_directory();
+  engines::http::test::run("cat /etc/ssl/certs/ca-certificates.crt " + ca_file() + " > " +
+                           bundle_file() + " && mkdir " + hashed +
+                           " && cp -P /etc/ssl/certs/*.[0-9] " + hashed + " && cp " + ca_file() +
+                           " " + hashed + "/$(openssl x509 -hash -noout -in " + ca_file() + ").0");
+}
+
+std::string Servers::get_url(const std::string& path) const {
+  return url("http", "127.0.0.1", get_port_, path);
+}
+std::string Servers::tls_url(const std::string& path) const {
+  return url("https", "localhost", tls_port_, path);
+}
+std::string Servers::echo_url() const { return url("http", "127.0.0.1", echo_port_, "/echo"); }
+
+}  // namespace bench

@@ -1,0 +1,43 @@
+// What the calls are made to: nginx for static bodies, and a server that echoes what is posted.
+#pragma once
+
+#include <string>
+
+#include "tests/support/certificates.h"
+#include "tests/support/real_peers.h"
+
+namespace bench {
+
+/// Serves on the loopback port until it is killed: each request over HTTP/1.1 is answered with its
+/// own body, in one write, over a connection that is kept.
+[[noreturn]] void serve_echoes(int port);
+
+class Servers {
+ public:
+  /// `self` is the path of this program, which is started once more as the echo server.
+  explicit Servers(const std::string& self);
+
+  /// "/small.json", "/large.bin" and "/embeddings.json", of 1 KB and twice 16 MiB.
+  std::string get_url(const std::string& path) const;
+  std::string tls_url(const std::string& path) const;
+  std::string echo_url() const;
+  int get_port() const { return get_port_; }
+  int echo_port() const { return echo_port_; }
+  std::string ca_file() const { return authority_.file(); }
+  /// The platform's certificates and the one that the server is trusted by: as one file, and as a
+  /// directory by hash.
+  std::string bundle_file() const { return directory_.file("bundle.pem"); }
+  std::string hashed_directory() const { return directory_.file("hashed"); }
+
+ private:
+  engines::http::test::CertificateAuthority authority_;
+  engines::http::test::Identity identity_ = authority_.issue("localhost");
+  engines::http::test::TemporaryDirectory directory_;
+  int get_port_;
+  int tls_port_;
+  int echo_port_;
+  engines::http::test::Program nginx_;
+  engines::http::test::Program echo_;
+};
+
+}  // namespace bench

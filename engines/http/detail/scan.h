@@ -1,0 +1,71 @@
+// Looking through bytes many at a time.
+#pragma once
+
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
+namespace engines::http::detail {
+
+#ifdef __SSE2__
+
+/// A block of bytes. Each question is answered with a mask: bit i for byte i.
+class Block {
+ public:
+  static constexpr std::size_t SIZE = 16;
+
+  explicit Block(const char* from) noexcept
+      : bytes_(_mm_loadu_si128(reinterpret_cast<const __m128i*>(from))) {}
+
+  /// Which are 0x80 or above.
+  unsigned not_ascii() const noexcept { return static_cast<unsigned>(_mm_movemask_epi8(bytes_)); }
+
+  /// Which do not stand for themselves in a JSON string.
+  unsigned not_plain() const noexcept {
+    const __m128i control = _mm_cmpeq_epi8(_mm_max_epu8(bytes_, all(0x1f)), all(0x1f));
+    const __m128i quote = _mm_cmpeq_epi8(bytes_, all('"'));
+    const __m128i backslash = _mm_cmpeq_epi8(bytes_, all('\\'));
+    return static_cast<unsigned>(
+        _mm_movemask_epi8(_mm_or_si128(_mm_or_si128(control, quote), backslash)));
+  }
+
+ private:
+  static __m128i all(char byte) noexcept { return _mm_set1_epi8(byte); }
+
+  __m128i bytes_;
+};
+
+#else
+
+class Block {
+ public:
+  static constexpr std::size_t SIZE = 16;
+
+  explicit Block(const char* from) noexcept { std::memcpy(bytes_, from, SIZE); }
+
+  unsigned not_ascii() const noexcept {
+    return mask([](unsigned char byte) { return byte >= 0x80; });
+  }
+  unsigned not_plain() const noexcept {
+    return mask([](unsigned char byte) { return byte < 0x20 || byte == '"' || byte == '\\'; });
+  }
+
+ private:
+  template <class Is>
+  unsigned mask(Is is) const noexcept {
+    unsigned found = 0;
+    for (std::size_t i = 0; i < SIZE; ++i) found |= static_cast<unsigned>(is(bytes_[i])) << i;
+    return found;
+  }
+
+  unsigned char bytes_[SIZE];
+};
+
+#endif
+
+}  // namespace engines::http::detail
