@@ -77,7 +77,7 @@ class Pool;
 /// a child of a fork may go on using it, with connections of its own.
 ///
 /// Bounds and failures are those of `urlopen_transport`. A connection serves another call only
-/// after its reply was read to the end and closed; one that was closed by the peer meanwhile is
+/// after its reply has come whole and was closed; one that was closed by the peer meanwhile is
 /// replaced unseen, and one that dies under a request ends the call: whether to send the request
 /// again is for the caller's policy.
 class PooledTransport {

@@ -30,7 +30,8 @@ void _check_deadline(const RetryPolicy& policy, std::string_view message) {
 }
 
 std::string read_body(Response& reply, const RetryPolicy& policy) {
-  const std::size_t announced = std::min<std::size_t>(announced_bytes(reply), policy.max_body_bytes);
+  const std::size_t announced =
+      std::min<std::size_t>(announced_bytes(reply), policy.max_body_bytes);
   std::string body;
   while (true) {
     _check_deadline(policy, "the reply was still arriving at the deadline");

@@ -23,8 +23,8 @@ Json _request_json(std::string_view method, std::string_view url, const Body& bo
   const auto reader = [&](Response& reply) { return read_json(reply, policy, hidden); };
   const std::string verb(method);
   const auto attempt = [&](double timeout) {
-    return detail::send_for<Json>(
-        url, {policy, timeout, verb, body, headers, hidden, transport}, reader);
+    return detail::send_for<Json>(url, {policy, timeout, verb, body, headers, hidden, transport},
+                                  reader);
   };
   return retry(policy, attempt, {.label = std::string(label), .secrets = hidden});
 }

@@ -81,7 +81,8 @@ Patience::Patience(double seconds)
 
 Exchange::Exchange(std::unique_ptr<Slot> slot, const Hop& hop, const PoolOptions& options)
     : options_(options),
-      may_be_http2_(hop.url->origin.scheme == "https" && options.http_version == HttpVersion::http2),
+      may_be_http2_(hop.url->origin.scheme == "https" &&
+                    options.http_version == HttpVersion::http2),
       is_head_(hop.method == "HEAD"),
       slot_(std::move(slot)) {
   CURL* easy = slot_->easy();
@@ -206,9 +207,8 @@ void Exchange::take_header(std::string_view line) {
   status_ = status_in(line);
   // For a reply over HTTP/2 libcurl makes a status line, which has no reason. Whatever else claims
   // to be one is not.
-  if (line.starts_with("HTTP/2") && !(may_be_http2_ && line.size() == HTTP2_STATUS_LINE)) {
-    status_ = 0;
-  }
+  is_http2_ = line.starts_with("HTTP/2");
+  if (is_http2_ && !(may_be_http2_ && line.size() == HTTP2_STATUS_LINE)) status_ = 0;
   if (status_ == 0) throw BadStatusLine("the reply's status line is malformed");
 }
 
@@ -233,7 +233,6 @@ void Exchange::end_header_block() {
     status_seen_ = false;
     return;
   }
-  headers_done_ = true;
   std::optional<std::int64_t> length;
   for (const auto& [name, value] : headers_) {
     if (equal_ignoring_case(name, "content-length")) check_content_length(value, length);
@@ -243,6 +242,7 @@ void Exchange::end_header_block() {
       throw HTTPException("the reply has a transfer coding that was not asked for");
     }
   }
+  headers_done_ = true;
 }
 
 // ---- Moving bytes -------------------------------------------------------------------------------
@@ -341,7 +341,7 @@ void Exchange::await_headers(Patience& patience) {
       moved = uploaded();
       from = now;
     }
-    if (headers_done_ && !callback_failure_) break;
+    if (headers_done_) break;  // what fails from here on is the body's
     if (done_) std::rethrow_exception(failure());
     const auto patient_for = now_in == Phase::connecting ? patience.connecting
                              : now_in == Phase::sending  ? patience.timeout
@@ -354,7 +354,7 @@ void Exchange::await_headers(Patience& patience) {
     wait(left);
   }
   patience_ = patience;
-  ended_ = is_head_ || (done_ && code_ == CURLE_OK && !paused_);
+  ended_ = is_head_ || (done_ && code_ == CURLE_OK && !callback_failure_ && !paused_);
   // The caller's body is not ours any longer. After another status no more of it is sent: the peer
   // has given its answer.
   if (status_ < 300) {
@@ -370,7 +370,9 @@ void Exchange::await_headers(Patience& patience) {
 /// False: with no read to take it, or one that is full, the data stays with libcurl.
 bool Exchange::take_body(std::string_view data) {
   const std::size_t room = out_ ? full_ - out_->size() : 0;
-  if (room == 0 && (out_ || spill_.size() >= AHEAD_BYTES)) return false;
+  // Nothing is taken ahead over HTTP/2, where libcurl may miss the end of a stream that came with
+  // its start, unless it is made to look again by the end of a pause.
+  if (room == 0 && (out_ || is_http2_ || spill_.size() >= AHEAD_BYTES)) return false;
   if (room > 0) out_->append(data.substr(0, room));
   if (room < data.size()) spill_.append(data.substr(room));
   return true;

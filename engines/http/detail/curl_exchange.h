@@ -46,8 +46,8 @@ class Exchange {
   const Headers& headers() const noexcept { return headers_; }
 
   /// Appends up to `amt` bytes of the body to `out` and says how many; none: it has ended. It waits
-  /// for the first bytes at most the timeout; with `fill` it goes on for as long, until it has `amt`
-  /// bytes. A failure is kept, and thrown by every later read.
+  /// for the first bytes at most the timeout; with `fill` it goes on for as long, until it has
+  /// `amt` bytes. A failure is kept, and thrown by every later read.
   std::size_t read(std::string& out, std::size_t amt, bool fill);
 
   /// Ends the exchange: gives back a slot whose connection can serve another exchange, else null.
@@ -81,6 +81,7 @@ class Exchange {
 
   const PoolOptions& options_;
   bool may_be_http2_;
+  bool is_http2_ = false;
   bool is_head_;
   Patience patience_{0};
 

@@ -27,8 +27,8 @@ struct Hop {
 /// Whether the character may not stand in a header's value (RFC 9110, section 5.5).
 bool is_forbidden_in_value(char c) noexcept;
 
-/// The first hop of a request to `url`. Throws `std::invalid_argument`, which names the part and quotes no
-/// value, for what could not be sent as it is given:
+/// The first hop of a request to `url`. Throws `std::invalid_argument`, which names the part and
+/// quotes no value, for what could not be sent as it is given:
 ///   - a method or a header name that is no token, or a control character in a header's value
 ///     (RFC 9110, sections 5.5, 5.6.2 and 9.1): they would start another header or request;
 ///   - a `Content-Length`, `Transfer-Encoding` or `Host` that contradicts the request, and the
