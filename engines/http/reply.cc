@@ -33,19 +33,16 @@ std::string read_body(Response& reply, const RetryPolicy& policy) {
   const std::size_t announced =
       std::min<std::size_t>(announced_bytes(reply), policy.max_body_bytes);
   std::string body;
+  body.reserve(std::min(announced, detail::CHUNK_BYTES));
   while (true) {
     _check_deadline(policy, "the reply was still arriving at the deadline");
-    // Room for what is announced, but for little more than what has been delivered: it is only the
-    // peer's word.
-    const std::size_t believed = std::min(announced, 16 * (body.size() + detail::CHUNK_BYTES));
-    if (body.capacity() < believed && body.capacity() - body.size() < detail::CHUNK_BYTES) {
-      body.reserve(believed);
-    }
     if (reply.append1(body, detail::CHUNK_BYTES) == 0) break;
     if (body.size() > policy.max_body_bytes) {
       throw BadReply("reply longer than " + std::to_string(policy.max_body_bytes) + " bytes",
                      {.status = _status(reply)});
     }
+    // Only now: what is announced is the peer's word, and nothing had come.
+    if (body.capacity() < announced) body.reserve(announced);
   }
   _check_deadline(policy, "the reply was complete only after the deadline");
   return body;
