@@ -1,7 +1,6 @@
 #include "engines/http/json.h"
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstddef>
@@ -17,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "engines/http/detail/decimal.h"
+#include "engines/http/detail/scan.h"
 #include "engines/http/detail/text.h"
 
 namespace engines::http {
@@ -29,18 +30,11 @@ constexpr bool is_digit(char c) noexcept { return c >= '0' && c <= '9'; }
 
 constexpr bool is_space(char c) noexcept { return c == ' ' || c == '\n' || c == '\r' || c == '\t'; }
 
-/// The double nearest to mantissa * 10^exponent where one exact operation finds it.
-std::optional<double> exact_product(std::uint64_t mantissa, std::int64_t exponent) noexcept {
-  constexpr std::array<double, 23> POWERS = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
-                                             1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
-                                             1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
-  constexpr auto MAX_EXPONENT = static_cast<std::int64_t>(POWERS.size()) - 1;
-  if (mantissa > std::uint64_t{1} << 53 || exponent > MAX_EXPONENT || exponent < -MAX_EXPONENT) {
-    return std::nullopt;
-  }
-  const double power = POWERS[static_cast<std::size_t>(std::abs(exponent))];
-  const auto factor = static_cast<double>(mantissa);
-  return exponent < 0 ? factor / power : factor * power;
+/// The first eight bytes of a text as a number; a shorter one is filled up with NULs.
+std::uint64_t start_of(std::string_view text) noexcept {
+  std::uint64_t start = 0;
+  text.copy(reinterpret_cast<char*>(&start), sizeof start);
+  return start;
 }
 
 /// Reads one text. Values go onto a stack as they are met; the end of an array or object takes its
@@ -191,11 +185,15 @@ bool Decoder::scalar() {
 bool Decoder::number() {
   const char* const start = at_;
   const bool negative = take('-');
-  if (negative && take("Infinity")) return push(Kind::real, {.real = -INFINITE});
+  if (negative && next_is('I')) return take("Infinity") && push(Kind::real, {.real = -INFINITE});
 
   std::uint64_t mantissa = 0;  // wraps around when there are too many digits; not used then
   const auto take_digits = [&] {
     const char* const first = at_;
+    for (std::uint64_t eight = 0; end_ - at_ >= 8 && detail::read_eight_digits(at_, eight);
+         at_ += 8) {
+      mantissa = mantissa * 100'000'000 + eight;
+    }
     for (; at_ != end_ && is_digit(*at_); ++at_) {
       mantissa = mantissa * 10 + static_cast<std::uint64_t>(*at_ - '0');
     }
@@ -241,10 +239,8 @@ bool Decoder::number() {
     }
   }
   if (digits <= MAX_DIGITS) {
-    const std::int64_t power = mantissa == 0 ? 0 : exponent - decimals;
-    if (const std::optional<double> size = exact_product(mantissa, power)) {
-      return push(Kind::real, {.real = negative ? -*size : *size});
-    }
+    const auto size = mantissa == 0 ? 0.0 : detail::nearest_double(mantissa, exponent - decimals);
+    if (size) return push(Kind::real, {.real = negative ? -*size : *size});
   }
   double value = 0;
   if (std::from_chars(start, at_, value).ec == std::errc::result_out_of_range) {
@@ -388,20 +384,23 @@ std::size_t Decoder::settle_names(std::span<Slot> members) {
     }
     return left;
   }
-  // Sorted, not hashed: names cannot be chosen so that this becomes slow.
+  // Sorted, not hashed: names cannot be chosen so that this becomes slow. Most are told apart by
+  // their start, without a look at where they stand.
   struct Named {
-    std::string_view name;
+    std::uint64_t start;
     std::size_t index;
   };
+  const auto name = [&](const Named& named) { return members[2 * named.index].text(); };
   std::vector<Named> sorted(count);
-  for (std::size_t i = 0; i < count; ++i) sorted[i] = {members[2 * i].text(), i};
-  std::ranges::sort(sorted, [](const Named& a, const Named& b) {
-    const int order = a.name.compare(b.name);
+  for (std::size_t i = 0; i < count; ++i) sorted[i] = {start_of(members[2 * i].text()), i};
+  std::ranges::sort(sorted, [&](const Named& a, const Named& b) {
+    if (a.start != b.start) return a.start < b.start;
+    const int order = name(a).compare(name(b));
     return order != 0 ? order < 0 : a.index < b.index;
   });
   std::size_t first = 0;
   for (std::size_t i = 1; i < count; ++i) {
-    if (sorted[i].name == sorted[first].name) {
+    if (sorted[i].start == sorted[first].start && name(sorted[i]) == name(sorted[first])) {
       drop(sorted[i].index, sorted[first].index);
     } else {
       first = i;

@@ -9,6 +9,9 @@
 namespace engines::http {
 namespace {
 
+/// The most room that is made for a body before it is there.
+constexpr std::size_t MOST_RESERVED_BYTES = 1 << 26;
+
 /// What the reply says of its body's length (RFC 9110, section 8.6); 0 where it says nothing.
 std::size_t announced_bytes(const Response& reply) {
   std::size_t bytes = 0;
@@ -31,7 +34,7 @@ void _check_deadline(const RetryPolicy& policy, std::string_view message) {
 
 std::string read_body(Response& reply, const RetryPolicy& policy) {
   const std::size_t announced =
-      std::min<std::size_t>(announced_bytes(reply), policy.max_body_bytes);
+      std::min({announced_bytes(reply), std::size_t{policy.max_body_bytes}, MOST_RESERVED_BYTES});
   std::string body;
   body.reserve(std::min(announced, detail::CHUNK_BYTES));
   while (true) {

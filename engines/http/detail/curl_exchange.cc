@@ -375,8 +375,8 @@ bool Exchange::take_body(std::string_view data) {
   if (room == 0 && (out_ || is_http2_ || spill_.size() >= AHEAD_BYTES)) return false;
   if (room > 0) out_->append(data.substr(0, room));
   if (room < data.size()) spill_.append(data.substr(room));
-  // A short piece is the last of a receive. Left alone, libcurl would receive again, and keep a copy
-  // of what this read has no room for.
+  // A short piece is the last of a receive. Left alone, libcurl would receive again, and keep a
+  // copy of what this read has no room for.
   if (out_ && (out_->size() == full_ || data.size() < CURL_MAX_WRITE_SIZE)) {
     paused_ = true;
     curl_easy_pause(slot_->easy(), CURLPAUSE_RECV);

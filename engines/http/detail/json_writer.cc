@@ -68,12 +68,14 @@ void JsonWriter::natural(std::uint64_t value) {
 
 void JsonWriter::number(double value) {
   if (std::isnan(value)) return append("NaN");
-  if (std::signbit(value)) append("-");
+  char* const to = room(1 + MAX_DECIMAL);
+  *to = '-';
+  const bool negative = std::signbit(value);
+  staged_ += negative;
   value = std::fabs(value);
   if (value == 0) return append("0.0");
   if (std::isinf(value)) return append("Infinity");
-  char* const to = room(MAX_DECIMAL);
-  staged_ += static_cast<std::size_t>(write_decimal(value, to) - to);
+  staged_ += static_cast<std::size_t>(write_decimal(value, to + negative) - (to + negative));
 }
 
 void JsonWriter::text(std::string_view value) {

@@ -12,6 +12,24 @@
 
 namespace engines::http::detail {
 
+/// Whether the eight characters at `from` are digits; then `value` is the number that they write.
+inline bool read_eight_digits(const char* from, std::uint64_t& value) noexcept {
+  if constexpr (std::endian::native != std::endian::little) return false;
+  std::uint64_t digits = 0;
+  std::memcpy(&digits, from, sizeof digits);
+  digits ^= 0x3030303030303030;
+  if (((digits | (digits + 0x0606060606060606)) & 0xf0f0f0f0f0f0f0f0) != 0) return false;
+  // Neighbours are joined: digits to pairs, pairs to fours, fours to all eight.
+  digits = digits * 10 + (digits >> 8);
+  constexpr std::uint64_t EVERY_SECOND_PAIR = 0x000000ff000000ff;
+  constexpr std::uint64_t FIRST_AND_THIRD = 100 + (std::uint64_t{1'000'000} << 32);
+  constexpr std::uint64_t SECOND_AND_FOURTH = 1 + (std::uint64_t{10'000} << 32);
+  value = ((digits & EVERY_SECOND_PAIR) * FIRST_AND_THIRD +
+           (digits >> 16 & EVERY_SECOND_PAIR) * SECOND_AND_FOURTH) >>
+          32;
+  return true;
+}
+
 #ifdef __SSE2__
 
 /// A block of bytes. Each question is answered with a mask: bit i for byte i.
