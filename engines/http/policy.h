@@ -24,6 +24,7 @@
 
 #include "engines/http/detail/required.h"
 #include "engines/http/detail/seconds.h"
+#include "engines/http/detail/stop_signal.h"
 #include "engines/http/failure.h"
 
 namespace engines::http {
@@ -81,23 +82,6 @@ extern const StatusSet TRANSIENT_STATUSES;
 
 /// Monotonic seconds.
 using Clock = std::function<double()>;
-
-/// Says true once the call should end. Converts from any function without arguments, and from a
-/// `std::stop_token` or `std::stop_source`: asked, it says what `stop_requested` says.
-class StopSignal : public std::function<bool()> {
- public:
-  template <class Ask>
-  requires(!std::same_as<std::remove_cvref_t<Ask>, StopSignal> &&
-           std::convertible_to<Ask, std::function<bool()>>) StopSignal(Ask&& ask)
-      : function(std::forward<Ask>(ask)) {}
-
-  template <class Token>
-  requires requires(const Token& token) {
-    { token.stop_requested() } -> std::same_as<bool>;
-  }
-  StopSignal(Token token)
-      : function([token = std::move(token)] { return token.stop_requested(); }) {}
-};
 
 /// Waits `seconds`; true when it ended early because `should_stop` said stop.
 using Wait = std::function<bool(double seconds, const StopSignal& should_stop)>;
