@@ -1,5 +1,5 @@
 // A service's own client library, made to keep to the same policy: its failures, which this library
-// has never seen, are judged by `classify` and tried again by `retry`.
+// has never seen, are judged by `is_transient` and `classify` and tried again by `retry`.
 #include <iostream>
 #include <stdexcept>
 #include <string>
@@ -20,41 +20,72 @@ class ReadTimeout : public std::runtime_error {
 
 class Client {
  public:
-  std::string complete(const std::string& prompt, double timeout_s) {
+  void set_timeout(double seconds) { timeout_s_ = seconds; }
+  void reconnect() { ++reconnects_; }
+  int reconnects() const { return reconnects_; }
+
+  std::string complete(const std::string& prompt) {
     switch (++calls_) {
       case 1:
         throw ApiError(429, "slow down, sk-0123456789");
       case 2:
-        throw ReadTimeout("nothing for " + std::to_string(timeout_s) + " s");
-      default:
+        throw ReadTimeout("nothing for " + std::to_string(timeout_s_) + " s");
+      case 3:
         return prompt + "? Fifty-four.";
+      default:
+        throw ApiError(402, "no credit left for sk-0123456789");
     }
   }
 
  private:
+  double timeout_s_ = 60;
   int calls_ = 0;
+  int reconnects_ = 0;
 };
 
 }  // namespace service
 
 using namespace engines::http;
 
+namespace {
+
+class CompletionEngine {
+ public:
+  std::string complete(const std::string& prompt) {
+    const auto attempt = [&](double timeout) {
+      client_.set_timeout(timeout);
+      FailurePtr failure;
+      // Caught by their own types: through std::exception, `status_code` could not be seen.
+      try {
+        return client_.complete(prompt);
+      } catch (const service::ApiError& error) {
+        failure = classify(error, policy_, secrets_);
+      } catch (const service::ReadTimeout& error) {
+        if (is_transient(error)) client_.reconnect();  // by its name: it has no status
+        failure = classify(error, policy_, secrets_);
+      }
+      failure.raise();  // outside the handlers: nothing of the service's error travels with it
+    };
+    return retry(policy_, attempt, {.label = "completion", .secrets = secrets_});
+  }
+  const service::Client& client() const { return client_; }
+
+ private:
+  service::Client client_;
+  const RetryPolicy policy_{.backoff_s = 0.05, .timeout_s = 10, .refusal_statuses = {401, 402}};
+  const Secrets secrets_{"sk-0123456789"};
+};
+
+}  // namespace
+
 int main() {
-  service::Client client;
-  const RetryPolicy policy{.backoff_s = 0.05, .timeout_s = 10};
-  const Secrets secrets{"sk-0123456789"};
-  const auto attempt = [&](double timeout) {
-    FailurePtr failure;
-    try {
-      return client.complete("Six by nine", timeout);
-    } catch (const service::ApiError& error) {
-      failure = classify(error, policy, secrets);
-    } catch (const service::ReadTimeout& error) {
-      failure = classify(error, policy, secrets);
-    }
-    failure.raise();  // outside the handlers: nothing of the service's error travels with it
-  };
-  const std::string answer = retry(policy, attempt, {.label = "completion", .secrets = secrets});
-  std::cout << answer << '\n';
-  return answer == "Six by nine? Fifty-four." ? 0 : 1;
+  CompletionEngine engine;
+  std::cout << engine.complete("Six by nine") << '\n';
+  try {
+    engine.complete("Six by eight");
+    return 1;
+  } catch (const Refused& failure) {
+    std::cout << failure.what() << '\n';  // "HTTP 402": what it quotes stays behind
+  }
+  return engine.client().reconnects() == 1 ? 0 : 1;
 }

@@ -1,5 +1,6 @@
-// A device-authorization flow (RFC 8628): while the user has not approved yet, the service answers
-// with status 400 and a JSON body. `error_replies` makes that body the reply.
+// A device-authorization flow (RFC 8628) with a service that takes JSON: while the user has not
+// approved yet, it answers with status 400 and a JSON body. `error_replies` makes that body the
+// reply.
 #include <iostream>
 #include <string>
 
@@ -8,20 +9,45 @@
 
 using namespace engines::http;
 
+namespace {
+
+constexpr double SLOW_DOWN_S = 0.05;  // RFC 8628, section 3.5, says 5
+
+/// The access token, once the user has approved.
+std::string authorize(const std::string& device_url, const std::string& token_url) {
+  const RetryPolicy policy{.error_replies = {400}};
+  const Json device = post_json(device_url, Json{{"client_id", "app-1"}},
+                                {.policy = policy, .label = "device code"});
+  std::cout << "open " << device.value("verification_uri", "") << " and enter "
+            << device.value("user_code", "") << '\n';
+
+  // One deadline for all the polls: the life of the code.
+  const RetryPolicy polls = policy.within(device.value("expires_in", 0.0));
+  const std::string code = device.value("device_code", "");
+  double interval = device.value("interval", 5.0);
+  while (!wait_unless_stopped(interval, polls.should_stop)) {
+    const Json reply = post_json(token_url, Json{{"client_id", "app-1"}, {"device_code", code}},
+                                 {.policy = polls, .label = "token poll", .secrets = {code}});
+    if (reply.contains("access_token")) return reply.value("access_token", "");
+    const std::string error = reply.value("error", "");
+    std::cout << "not yet: " << error << '\n';
+    if (error == "slow_down") {
+      interval += SLOW_DOWN_S;
+    } else if (error != "authorization_pending") {
+      throw Refused("the user did not approve: " + excerpt(error, {code}));
+    }
+  }
+  throw Stopped("the flow was asked to stop");
+}
+
+}  // namespace
+
 int main() {
   const examples::LoopbackServer server;
-  const RetryPolicy policy{.error_replies = {400}};
-  constexpr double INTERVAL_S = 0.05;
-  for (int poll = 1; poll <= 10; ++poll) {
-    const Json reply = post_json(server.url("/token"), Json{{"device_code", "d-1"}},
-                                 {.policy = policy, .label = "token poll"});
-    if (reply.contains("access_token")) {
-      std::cout << "approved at poll " << poll << '\n';
-      return 0;
-    }
-    if (reply.value("error", "") != "authorization_pending") break;
-    std::cout << "waiting for approval\n";
-    wait_unless_stopped(INTERVAL_S, policy.should_stop);
+  try {
+    return authorize(server.url("/device"), server.url("/token")).empty() ? 1 : 0;
+  } catch (const HttpFailure& failure) {
+    std::cout << failure.what() << '\n';
+    return 1;
   }
-  return 1;
 }

@@ -1,6 +1,12 @@
-// Embeddings from several threads over one pooled transport, which keeps their connections.
+// Embeddings of many texts from several threads over one pooled transport, which keeps their
+// connections. The service is busy now and then. One batch that fails for good stops them all.
+#include <algorithm>
 #include <atomic>
+#include <cstddef>
 #include <iostream>
+#include <map>
+#include <span>
+#include <stop_token>
 #include <string>
 #include <thread>
 #include <vector>
@@ -10,30 +16,75 @@
 
 using namespace engines::http;
 
-int main() {
-  constexpr std::size_t THREADS = 4;
-  constexpr std::size_t CALLS = 8;
-  const examples::LoopbackServer server;
-  const PooledTransport pool({.max_idle = THREADS});
-  const RetryPolicy policy;
-  std::atomic<std::size_t> numbers = 0;
+namespace {
 
-  std::vector<std::thread> threads;
-  for (std::size_t thread = 0; thread < THREADS; ++thread) {
-    threads.emplace_back([&, thread] {
-      for (std::size_t call = 0; call < CALLS; ++call) {
-        const std::vector<std::string> input{"text " + std::to_string(thread * CALLS + call)};
-        try {
-          const Json reply = post_json(server.url("/embeddings"), Json{{"input", input}},
-                                       {.policy = policy, .label = "embed", .transport = pool});
-          numbers += reply["data"][0]["embedding"].size();
-        } catch (const HttpFailure& failure) {
-          std::cerr << failure.what() << '\n';
-        }
+constexpr std::size_t THREADS = 4;
+constexpr std::size_t BATCH = 8;
+using Vector = std::vector<float>;
+
+class Embedder {
+ public:
+  Embedder(std::string url, RetryPolicy policy, Transport transport)
+      : url_(std::move(url)), policy_(std::move(policy)), transport_(std::move(transport)) {}
+
+  /// One vector for each text, in the order of the texts.
+  std::vector<Vector> embed(std::span<const std::string> texts) const {
+    const std::map<std::string, std::span<const std::string>> body{{"input", texts}};
+    const Json reply =
+        post_json(url_, body, {.policy = policy_, .label = "embed", .transport = transport_});
+    try {
+      std::vector<Vector> vectors(texts.size());
+      for (const Json& item : reply.at("data")) {
+        item.at("embedding").get_to(vectors.at(item.at("index").get<std::size_t>()));
       }
-    });
+      return vectors;
+    } catch (const std::exception& error) {  // what Json and vector say of a reply of another shape
+      throw BadReply(std::string("embed: ") + error.what());
+    }
   }
-  for (std::thread& thread : threads) thread.join();
-  std::cout << numbers << " numbers over " << server.connections() << " connections\n";
-  return numbers == THREADS * CALLS * 256 && server.connections() <= THREADS ? 0 : 1;
+
+ private:
+  std::string url_;
+  RetryPolicy policy_;
+  Transport transport_;
+};
+
+}  // namespace
+
+int main() {
+  const examples::LoopbackServer server;
+  std::vector<std::string> texts(100);
+  std::ranges::generate(texts, [i = 0]() mutable { return "text " + std::to_string(i++); });
+  std::vector<Vector> vectors(texts.size());
+
+  std::stop_source stop;  // a backoff ends early by it, and so does a wait for the network
+  const PooledTransport pool({.max_idle = THREADS, .should_stop = stop.get_token()});
+  const Embedder embedder(server.url("/embeddings"),
+                          {.backoff_s = 0.05, .should_stop = stop.get_token()}, pool);
+  FailurePtr failure;
+  std::atomic<std::size_t> next = 0;
+  const auto work = [&] {
+    for (std::size_t begin; (begin = next.fetch_add(BATCH)) < texts.size();) {
+      const std::size_t count = std::min(BATCH, texts.size() - begin);
+      try {
+        std::ranges::move(embedder.embed(std::span(texts).subspan(begin, count)),
+                          vectors.begin() + static_cast<std::ptrdiff_t>(begin));
+      } catch (const HttpFailure& failed) {
+        if (stop.request_stop()) failure = failed;  // true for the first to ask, and only for it
+        return;
+      }
+    }
+  };
+  {
+    std::vector<std::jthread> threads;
+    for (std::size_t i = 0; i < THREADS; ++i) threads.emplace_back(work);
+  }  // joined here
+
+  if (failure) {
+    std::cerr << failure->what() << '\n';
+    return 1;
+  }
+  std::cout << vectors.size() << " vectors over " << server.connections() << " connections\n";
+  const bool whole = std::ranges::all_of(vectors, [](const Vector& v) { return v.size() == 256; });
+  return whole && server.connections() <= THREADS ? 0 : 1;
 }

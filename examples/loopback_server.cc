@@ -2,10 +2,12 @@
 
 #include <httplib.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <stdexcept>
 #include <thread>
@@ -25,10 +27,12 @@ struct LoopbackServer::Impl {
   httplib::Server server;
   int port = 0;
   std::atomic<int> busy = 0;
+  std::atomic<int> chats = 0;
   std::atomic<int> streams = 0;
   std::atomic<int> polls = 0;
   std::mutex mutex;
   std::set<int> client_ports;
+  std::set<std::string> batches;  // by their first text
   std::thread thread;
 
   void answer(const httplib::Request& request, httplib::Response& response) {
@@ -37,11 +41,23 @@ struct LoopbackServer::Impl {
         JSON);
   }
 
-  /// Busy twice, then an answer.
-  void be_busy(const httplib::Request& request, httplib::Response& response) {
-    if (++busy % 3 == 0) return answer(request, response);
+  /// Whether this request is put off.
+  static bool put_off(bool is_busy, httplib::Response& response) {
+    if (!is_busy) return false;
     response.status = 503;
     response.set_content(R"({"error": "come back later"})", JSON);
+    return true;
+  }
+
+  /// Busy twice, then an answer.
+  void be_busy(const httplib::Request& request, httplib::Response& response) {
+    if (!put_off(++busy % 3 != 0, response)) answer(request, response);
+  }
+
+  /// Busy twice, then a message.
+  void chat(const httplib::Request&, httplib::Response& response) {
+    if (put_off(++chats % 3 != 0, response)) return;
+    response.set_content(R"({"message": {"role": "assistant", "content": "Fifty-four."}})", JSON);
   }
 
   /// What a proxy says in the service's place.
@@ -71,43 +87,71 @@ struct LoopbackServer::Impl {
                          JSON);
   }
 
-  /// Server-sent events; every other stream breaks off in the middle.
+  /// Server-sent events; every other stream breaks off in the middle of one.
   void stream(const httplib::Request&, httplib::Response& response) {
     const bool breaks_off = ++streams % 2 == 1;
     response.set_chunked_content_provider(
         "text/event-stream", [breaks_off](std::size_t, httplib::DataSink& sink) {
-          constexpr std::array<const char*, 4> WORDS = {"Well", "begun", "is", "done"};
-          for (std::size_t i = 0; i < WORDS.size(); ++i) {
-            if (breaks_off && i == 2) return false;
-            const std::string event = std::string(R"(data: {"word": ")") + WORDS[i] + "\"}\n\n";
-            if (!sink.write(event.data(), event.size())) return false;
+          const auto send = [&sink](const std::string& text) {
             pause(20);
+            return sink.write(text.data(), text.size());
+          };
+          send(": a comment, to keep the connection alive\n\n");
+          for (const std::string word : {"Well", "begun", "is", "done"}) {
+            std::string event = R"(data: {"word": ")" + word + "\"}\n\n";
+            const bool breaks_here = breaks_off && word == "is";
+            if (breaks_here) event.resize(event.size() / 2);
+            if (!send(event) || breaks_here) return false;
           }
+          send("event: done\ndata: {\"words\":\ndata: 4}\n\n");
           sink.done();
           return true;
         });
   }
 
+  /// A vector of 256 numbers for each text, the last text's first; busy when a batch that begins
+  /// with a multiple of ten comes for the first time.
   void embed(const httplib::Request& request, httplib::Response& response) {
+    const nlohmann::json texts = nlohmann::json::parse(request.body).at("input");
+    const std::string first = texts.at(0);
     {
       const std::lock_guard lock(mutex);
       client_ports.insert(request.remote_port);
+      if (put_off(first.ends_with('0') && batches.insert(first).second, response)) return;
     }
-    std::string numbers = "0.5";
-    for (int i = 1; i < 256; ++i) numbers += ", 0.0" + std::to_string(i);
-    response.set_content(R"({"data": [{"embedding": [)" + numbers + "]}]}", JSON);
+    nlohmann::json data;
+    for (std::size_t i = texts.size(); i-- > 0;) {
+      data.push_back({{"index", i}, {"embedding", std::vector<double>(256, 0.125)}});
+    }
+    response.set_content(nlohmann::json{{"data", data}}.dump(), JSON);
   }
 
-  /// Not approved yet, twice; then a token.
+  void start_device(const httplib::Request&, httplib::Response& response) {
+    response.set_content(R"({"device_code": "device-code-1", "user_code": "WDJB-MJHT",
+                             "verification_uri": "http://127.0.0.1/approve",
+                             "expires_in": 60, "interval": 0.05})",
+                         JSON);
+  }
+
+  /// Not approved yet, asked too often, then a token.
   void grant(const httplib::Request&, httplib::Response& response) {
-    const bool approved = ++polls % 3 == 0;
-    response.status = approved ? 200 : 400;
-    response.set_content(
-        approved ? R"({"access_token": "t-1"})" : R"({"error": "authorization_pending"})", JSON);
+    constexpr std::array<const char*, 3> ANSWERS = {R"({"error": "authorization_pending"})",
+                                                    R"({"error": "slow_down"})",
+                                                    R"({"access_token": "access-token-1"})"};
+    const auto poll = static_cast<std::size_t>(polls++) % ANSWERS.size();
+    response.status = poll == 2 ? 200 : 400;
+    response.set_content(ANSWERS[poll], JSON);
   }
 
   void send_long(const httplib::Request&, httplib::Response& response) {
-    response.set_content(std::string(5'000'000, ' '), JSON);
+    response.set_content(
+        nlohmann::json{{"pages", std::vector(1000, std::string(5000, 'x'))}}.dump(), JSON);
+  }
+
+  /// What a request for any host gets when this server is its proxy.
+  void pass_on(const httplib::Request& request, httplib::Response& response) {
+    if (request.path.starts_with("http://blocked.")) return block(request, response);
+    response.set_content(R"({"models": ["m-1", "m-2"]})", JSON);
   }
 };
 
@@ -123,14 +167,17 @@ LoopbackServer::LoopbackServer() : impl_(std::make_unique<Impl>()) {
   };
   serve("/answer", &Impl::answer);
   serve("/busy", &Impl::be_busy);
+  serve("/chat", &Impl::chat);
   serve("/blocked", &Impl::block);
   serve("/trickle", &Impl::trickle);
   serve("/down", &Impl::be_down);
   serve("/denied", &Impl::deny);
   serve("/stream", &Impl::stream);
   serve("/embeddings", &Impl::embed);
+  serve("/device", &Impl::start_device);
   serve("/token", &Impl::grant);
   serve("/long", &Impl::send_long);
+  serve("http://.*", &Impl::pass_on);
 
   impl_->server.set_keep_alive_max_count(1000);
   impl_->port = impl_->server.bind_to_any_port("127.0.0.1");

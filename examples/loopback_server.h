@@ -1,5 +1,5 @@
 // A real HTTP server on a free loopback port, for the examples: a service that answers, is busy,
-// is blocked by a proxy, trickles, echoes credentials, streams.
+// is blocked by a proxy, trickles, echoes credentials, streams; and the proxy of any http URL.
 #pragma once
 
 #include <cstddef>
@@ -13,11 +13,11 @@ class LoopbackServer {
   LoopbackServer();
   ~LoopbackServer();
 
-  /// The URL of one of its paths: /answer, /busy, /blocked, /trickle, /down, /denied, /stream,
-  /// /embeddings, /token, /long.
+  /// The URL of one of its paths: /answer, /busy, /chat, /blocked, /trickle, /down, /denied,
+  /// /stream, /embeddings, /device, /token, /long.
   std::string url(const std::string& path) const;
 
-  /// How many connections it has been asked over.
+  /// How many connections it has been asked for embeddings over.
   std::size_t connections() const;
 
  private:

@@ -1,5 +1,9 @@
-// Progress shown while a long reply arrives: a reader of one's own, within the policy's bounds.
+// Progress shown while a long reply arrives: a transport of one's own around another one, so that
+// the call stays `get_json` with all its bounds.
+#include <charconv>
+#include <functional>
 #include <iostream>
+#include <memory>
 #include <string>
 
 #include "engines/http/http.h"
@@ -7,26 +11,66 @@
 
 using namespace engines::http;
 
+namespace {
+
+/// Told after each read: the bytes so far, and the bytes announced (0: not announced).
+using Progress = std::function<void(std::size_t so_far, std::size_t announced)>;
+
+/// A reply that passes everything on to another one and counts what goes through.
+class WatchedReply final : public Response {
+ public:
+  WatchedReply(std::shared_ptr<Response> inner, Progress progress)
+      : inner_(std::move(inner)), progress_(std::move(progress)) {
+    const std::string length =
+        inner_->headers() ? inner_->headers()->get("Content-Length").value_or("") : "";
+    std::from_chars(length.data(), length.data() + length.size(), announced_);
+  }
+
+  std::optional<StatusCode> status() const override { return inner_->status(); }
+  const Headers* headers() const override { return inner_->headers(); }
+
+ private:
+  std::string counted(std::string piece) {
+    so_far_ += piece.size();
+    progress_(so_far_, announced_);
+    return piece;
+  }
+  std::string do_read(std::size_t amt) override { return counted(inner_->read(amt)); }
+  std::string do_read1(std::size_t amt) override { return counted(inner_->read1(amt)); }
+  void do_close() override { inner_->close(); }
+
+  std::shared_ptr<Response> inner_;
+  Progress progress_;
+  std::size_t so_far_ = 0;
+  std::size_t announced_ = 0;
+};
+
+/// The transport, watched. An error status is thrown past it, unwatched.
+Transport watched(const Transport& transport, const Progress& progress) {
+  return [=](const Request& request, TransportOptions options) {
+    return std::make_shared<WatchedReply>(transport(request, options), progress);
+  };
+}
+
+}  // namespace
+
 int main() {
   const examples::LoopbackServer server;
-  const RetryPolicy policy{.max_body_bytes = 8'000'000};
-  const auto read = [&policy](Response& reply) {
-    const auto announced = reply.headers()->get("Content-Length");
-    std::string body;
-    while (true) {
-      const std::string piece = reply.read1(65536);
-      if (piece.empty()) break;
-      const std::size_t before = body.size() >> 20;
-      body += piece;
-      if (body.size() > policy.max_body_bytes) throw BadReply("the reply is too long");
-      if (body.size() >> 20 == before) continue;
-      std::cout << body.size() << " of " << announced.value_or("unknown") << " bytes\n";
-    }
-    return body.size();
+  std::size_t shown = 0;
+  const auto show = [&shown](std::size_t so_far, std::size_t announced) {
+    const std::size_t percent = announced ? so_far * 100 / announced : 0;
+    if (percent / 20 > shown / 20) std::cout << percent << " % of " << announced << " bytes\n";
+    shown = percent;
   };
-  const auto attempt = [&](double timeout) {
-    return send<std::size_t>(server.url("/long"),
-                             {.policy = policy, .timeout = timeout, .read = read, .method = "GET"});
-  };
-  return retry(policy, attempt, {.label = "long reply"}) == 5'000'000 ? 0 : 1;
+  try {
+    const Json report =
+        get_json(server.url("/long"), {.policy = {.max_body_bytes = 8'000'000},
+                                       .label = "report",
+                                       .transport = watched(urlopen_transport, show)});
+    std::cout << report.at("pages").size() << " pages\n";
+    return shown == 100 ? 0 : 1;
+  } catch (const HttpFailure& failure) {
+    std::cout << failure.what() << '\n';
+    return 1;
+  }
 }

@@ -21,16 +21,11 @@ namespace {
 
 using testing::ManualTime;
 using testing::Piece;
-using testing::ReplyScript;
-using testing::ScriptedReply;
+using testing::reply_of;
 using testing::ScriptedTransport;
 
 const RetryPolicy plain;
 const std::string URL = "http://service.test/v1";
-
-std::shared_ptr<ScriptedReply> reply_of(std::vector<Piece> pieces, ReplyScript script = {}) {
-  return std::make_shared<ScriptedReply>(std::move(pieces), std::move(script));
-}
 
 /// What the function throws, in a line.
 std::string outcome(const std::function<void()>& call) {
@@ -299,10 +294,7 @@ TEST(ReadBody, KeepsTheDeadlineBetweenReads) {
       {0, arriving, 0}, {1, arriving, 1}, {2, arriving, 2}, {3, complete, 3}, {3.5, "returned", 3}};
   for (const auto& [deadline, expected, reads] : table) {
     ManualTime time;
-    const auto tick = [&time](const char* bytes) {
-      return Piece([&time, bytes] { return time.advance(1), bytes; });
-    };
-    const auto reply = reply_of({tick("x"), tick("x"), tick("")});
+    const auto reply = reply_of({time.after(1, "x"), time.after(1, "x"), time.after(1, "")});
     const RetryPolicy policy{.deadline = deadline, .clock = time.clock()};
     EXPECT_EQ(outcome([&] { read_body(*reply, policy); }), expected);
     EXPECT_EQ(reply->reads().size(), reads);

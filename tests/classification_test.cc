@@ -81,14 +81,13 @@ namespace engines::http {
 namespace {
 
 using testing::Piece;
-using testing::ReplyScript;
+using testing::reply_of;
 using testing::ScriptedReply;
 
 struct PoolTimeout {};
 
 HTTPError http_error(StatusCode code, std::string body = "", Headers headers = {}) {
-  return {code, std::move(headers),
-          std::make_shared<ScriptedReply>(std::vector<Piece>{std::move(body)})};
+  return {code, std::move(headers), reply_of({std::move(body)})};
 }
 
 template <class Error>
@@ -250,8 +249,7 @@ TEST(Classify, ReadsAnErrorBodyOnceAndAlwaysClosesIt) {
   const auto classified = [](
                               std::vector<Piece> pieces, std::shared_ptr<ScriptedReply>& reply,
                               std::function<void()> on_close = [] {}) {
-    reply = std::make_shared<ScriptedReply>(std::move(pieces),
-                                            ReplyScript{.has_read1 = true, .on_close = on_close});
+    reply = reply_of(std::move(pieces), {.on_close = on_close});
     return classify(HTTPError(404, {}, reply), {.detail_chars = 5000});
   };
   std::shared_ptr<ScriptedReply> reply;

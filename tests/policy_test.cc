@@ -4,9 +4,13 @@
 
 #include <chrono>
 #include <climits>
+#include <functional>
 #include <stdexcept>
+#include <stop_token>
 #include <string>
 #include <vector>
+
+#include "engines/http/curl_transport.h"
 
 namespace engines::http {
 namespace {
@@ -78,6 +82,39 @@ TEST(Policy, TakesNumbersAndDurationsOfWhateverType) {
   EXPECT_EQ(policy.max_body_bytes, 0U);
   EXPECT_EQ(policy.with({.timeout_s = 2min, .detail_chars = bytes}).timeout_s, 120.0);
   EXPECT_EQ(policy.with({.detail_chars = bytes}).detail_chars, 0U);
+  EXPECT_EQ(Seconds(std::chrono::nanoseconds(-1)), -1e-9);
+  EXPECT_FALSE(wait_unless_stopped(1ns, _never, {.poll_s = 1us}));
+}
+
+TEST(Policy, WithinEndsTheCallAtTheEarlierDeadline) {
+  using namespace std::chrono_literals;
+  const RetryPolicy policy{.attempts = 7, .clock = [] { return 100.0; }};
+  const std::vector<std::tuple<std::optional<double>, Seconds, double>> table{
+      {std::nullopt, 20s, 120}, {std::nullopt, -0.5, 99.5}, {115, 20s, 115}, {150, 20s, 120}};
+  for (const auto& [deadline, span, expected] : table) {
+    const RetryPolicy bounded = policy.with({.deadline = deadline}).within(span);
+    EXPECT_EQ(bounded.deadline, expected);
+    EXPECT_EQ(bounded.attempts, 7);
+  }
+}
+
+TEST(Policy, TakesTheStandardLibrarysStopTokens) {
+  std::stop_source source;
+  const std::function<bool()> function = [&] { return source.stop_requested(); };
+  const std::vector<RetryPolicy> policies{
+      {.should_stop = source.get_token()},
+      RetryPolicy{}.with({.should_stop = source.get_token()}),
+      {.should_stop = source},
+      {.should_stop = function},
+  };
+  for (const bool stopped : {false, true}) {
+    for (const RetryPolicy& policy : policies) {
+      EXPECT_EQ(policy.wait(0, policy.should_stop), stopped);
+    }
+    EXPECT_EQ(wait_unless_stopped(0, source.get_token()), stopped);
+    EXPECT_EQ(PoolOptions{.should_stop = source.get_token()}.should_stop(), stopped);
+    source.request_stop();
+  }
 }
 
 TEST(Policy, ACopyReplacesWhatIsNamedAndKeepsTheRest) {

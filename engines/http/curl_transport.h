@@ -10,11 +10,12 @@
 #pragma once
 
 #include <cstddef>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 
+#include "engines/http/detail/seconds.h"
+#include "engines/http/detail/stop_signal.h"
 #include "engines/http/transport.h"
 
 namespace engines::http {
@@ -50,10 +51,10 @@ struct PoolOptions {
   /// How many idle connections are kept. Default: 8.
   std::size_t max_idle = 8;
   /// How long an idle connection is kept, in seconds. Default: 60.
-  double max_idle_s = 60;
+  Seconds max_idle_s = 60;
   /// Asked at least every 0.1 s while a call waits, and at each read: once it says true, the call
   /// or the read ends as `Stopped`. None: never asked.
-  std::function<bool()> should_stop = nullptr;
+  StopSignal should_stop = nullptr;
 };
 
 /// The default transport. Keeps no state: each call connects anew, over HTTP/1.1, with the defaults

@@ -1,6 +1,7 @@
 #include "engines/http/policy.h"
 
 #include <array>
+#include <chrono>
 #include <cmath>
 #include <numeric>
 #include <thread>
@@ -42,7 +43,7 @@ void sleep_for(double seconds) {
   std::this_thread::sleep_for(std::chrono::duration<double>(std::min(seconds, YEAR)));
 }
 
-bool WaitUnlessStopped::operator()(double seconds, const StopSignal& should_stop,
+bool WaitUnlessStopped::operator()(Seconds seconds, const StopSignal& should_stop,
                                    const WaitOptions& options) const {
   // Counts down by what was slept, never by a clock: the wait sleeps `seconds` in all.
   for (double left = seconds; left > 0;) {
@@ -79,6 +80,11 @@ RetryPolicy RetryPolicy::with(const PolicyChanges& changes) const {
       .detail_chars = changes.detail_chars.or_else(detail_chars),
       .max_body_bytes = changes.max_body_bytes.or_else(max_body_bytes),
   };
+}
+
+RetryPolicy RetryPolicy::within(Seconds span) const {
+  const double end = clock() + span;
+  return with({.deadline = std::min(end, deadline.value_or(end))});
 }
 
 }  // namespace engines::http

@@ -2,11 +2,10 @@
 // passes it to every call; the bounds of a single call are set on a copy:
 //
 //   const RetryPolicy policy{.attempts = 5, .timeout_s = 10.0, .refusal_statuses = {401, 403}};
-//   post_json(url, body, {.policy = policy.with({.deadline = policy.clock() + 20.0}), ...});
+//   post_json(url, body, {.policy = policy.within(20s), ...});
 #pragma once
 
 #include <algorithm>
-#include <chrono>
 #include <concepts>
 #include <cstddef>
 #include <functional>
@@ -24,6 +23,8 @@
 #include <utility>
 
 #include "engines/http/detail/required.h"
+#include "engines/http/detail/seconds.h"
+#include "engines/http/detail/stop_signal.h"
 #include "engines/http/failure.h"
 
 namespace engines::http {
@@ -82,9 +83,6 @@ extern const StatusSet TRANSIENT_STATUSES;
 /// Monotonic seconds.
 using Clock = std::function<double()>;
 
-/// True once the call should end.
-using StopSignal = std::function<bool()>;
-
 /// Waits `seconds`; true when it ended early because `should_stop` said stop.
 using Wait = std::function<bool(double seconds, const StopSignal& should_stop)>;
 
@@ -99,24 +97,6 @@ double monotonic();
 
 /// False, always: the stop signal of a call that nothing stops.
 bool _never();
-
-/// A time span in seconds. Converts from a number and from any `std::chrono` duration, and to a
-/// `double`.
-class Seconds {
- public:
-  template <class Number>
-  requires std::is_arithmetic_v<Number>
-  constexpr Seconds(Number seconds) noexcept : seconds_(static_cast<double>(seconds)) {}
-
-  template <class Rep, class Period>
-  constexpr Seconds(std::chrono::duration<Rep, Period> span) noexcept
-      : seconds_(std::chrono::duration<double>(span).count()) {}
-
-  constexpr operator double() const noexcept { return seconds_; }
-
- private:
-  double seconds_;
-};
 
 namespace detail {
 
@@ -139,10 +119,10 @@ struct WaitOptions {
 namespace detail {
 
 struct WaitUnlessStopped {
-  bool operator()(double seconds, const StopSignal& should_stop) const {
+  bool operator()(Seconds seconds, const StopSignal& should_stop) const {
     return (*this)(seconds, should_stop, {});
   }
-  bool operator()(double seconds, const StopSignal& should_stop, const WaitOptions& options) const;
+  bool operator()(Seconds seconds, const StopSignal& should_stop, const WaitOptions& options) const;
 };
 
 }  // namespace detail
@@ -258,6 +238,10 @@ struct RetryPolicy {
 
   /// A copy with the given fields replaced, checked like any new policy.
   RetryPolicy with(const PolicyChanges& changes) const;
+
+  /// A copy whose deadline is `span` from now on `clock`, or its own where that comes first: a
+  /// bound never gives a call more time than another has left it.
+  RetryPolicy within(Seconds span) const;
 };
 
 /// The fields to replace in a copy. A field that is not named is kept; `.deadline = std::nullopt`

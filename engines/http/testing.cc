@@ -1,5 +1,6 @@
 #include "engines/http/testing.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace engines::http::testing {
@@ -42,6 +43,10 @@ void ScriptedReply::do_close() {
   script_.on_close();
 }
 
+std::shared_ptr<ScriptedReply> reply_of(std::vector<Piece> pieces, ReplyScript script) {
+  return std::make_shared<ScriptedReply>(std::move(pieces), std::move(script));
+}
+
 Json Sent::json() const {
   return request.data ? decode_json(*request.data).value_or(nullptr) : nullptr;
 }
@@ -53,8 +58,7 @@ ScriptedTransport& ScriptedTransport::then(Step step) {
 
 ScriptedTransport& ScriptedTransport::reply(std::string_view body, StatusCode status,
                                             Headers headers) {
-  return reply(std::make_shared<ScriptedReply>(
-      std::vector<Piece>{body}, ReplyScript{.status = status, .headers = std::move(headers)}));
+  return reply(reply_of({body}, {.status = status, .headers = std::move(headers)}));
 }
 
 ScriptedTransport& ScriptedTransport::reply(const std::shared_ptr<Response>& reply) {
@@ -77,19 +81,30 @@ std::shared_ptr<Response> ScriptedTransport::operator()(const Request& request,
   return step(request, options);
 }
 
+RetryPolicy ManualTime::policy(const RetryPolicy& base) {
+  return base.with({.clock = clock(), .should_stop = should_stop(), .wait = wait()});
+}
+
 Clock ManualTime::clock() {
   return [this] { return now_; };
 }
 
 StopSignal ManualTime::should_stop() {
-  return [this] { return stopped_; };
+  return [this] { return now_ >= stop_at_; };
 }
 
 Wait ManualTime::wait() {
   return [this](double seconds, const StopSignal& should_stop) {
     waits_.push_back(seconds);
-    advance(seconds);
+    advance(std::max(0.0, std::min(seconds, stop_at_ - now_)));
     return should_stop();
+  };
+}
+
+Piece ManualTime::after(Seconds span, Piece piece) {
+  return [this, span, piece = std::move(piece)] {
+    advance(span);
+    return piece();
   };
 }
 

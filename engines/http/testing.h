@@ -4,17 +4,18 @@
 //   ManualTime time;
 //   ScriptedTransport transport;
 //   transport.reply("busy", 503).fail(TimeoutError("no answer")).reply(R"({"text": "hi"})");
-//   const RetryPolicy policy{.clock = time.clock(), .should_stop = time.should_stop(),
-//                            .wait = time.wait()};
-//   EXPECT_EQ(my_engine_call(policy, transport), "hi");
+//   EXPECT_EQ(my_engine_call(time.policy({.attempts = 4}), transport), "hi");
 //   EXPECT_EQ(time.waits(), (std::vector{1.0, 2.0}));
-//   EXPECT_EQ(transport.sent().size(), 3);
+//   EXPECT_EQ(transport.sent().at(2).json()["prompt"], "say hi");
+//
+// docs/testing.md shows an engine tested with it.
 #pragma once
 
 #include <concepts>
 #include <cstddef>
 #include <exception>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -93,6 +94,12 @@ class ScriptedReply final : public Response {
   int closes_ = 0;
 };
 
+/// A scripted reply, to be handed to a transport and looked at afterwards:
+///
+///   const auto reply = reply_of({"data: {\"word\"", ConnectionError("reset")});
+///   transport.reply(reply);
+std::shared_ptr<ScriptedReply> reply_of(std::vector<Piece> pieces, ReplyScript script = {});
+
 /// A request that a scripted transport was asked to send.
 struct Sent {
   Request request;
@@ -144,8 +151,8 @@ class ScriptedTransport {
   std::shared_ptr<State> state_;
 };
 
-/// Time that moves only when it is told to, or when a wait passes it. The functions it gives refer
-/// to it: it must outlive them.
+/// Time that moves only when it is told to, or when a wait passes it. It begins at 0. The functions
+/// it gives refer to it: it must outlive them. For use by one thread at a time.
 class ManualTime {
  public:
   ManualTime() = default;
@@ -153,20 +160,29 @@ class ManualTime {
   ManualTime& operator=(const ManualTime&) = delete;
 
   double now() const noexcept { return now_; }
-  void advance(double seconds) noexcept { now_ += seconds; }
-  void stop() noexcept { stopped_ = true; }
+  void advance(Seconds span) noexcept { now_ += span; }
 
-  /// The waits so far, in seconds.
+  /// The stop signal says stop from now on, or from an instant on.
+  void stop() noexcept { stop_at(now_); }
+  void stop_at(Seconds instant) noexcept { stop_at_ = instant; }
+
+  /// The backoffs asked for so far, in seconds.
   const std::vector<double>& waits() const noexcept { return waits_; }
+
+  /// The policy as it is, but on this time: with this clock, stop signal and wait.
+  RetryPolicy policy(const RetryPolicy& base = {});
 
   Clock clock();
   StopSignal should_stop();
-  /// Notes the wait, moves the time by it, and answers as the stop signal does.
+  /// Notes the wait, moves the time to its end or to the stop, and answers as the stop signal does.
   Wait wait();
+
+  /// A piece that comes so much later.
+  Piece after(Seconds span, Piece piece);
 
  private:
   double now_ = 0;
-  bool stopped_ = false;
+  double stop_at_ = std::numeric_limits<double>::infinity();
   std::vector<double> waits_;
 };
 

@@ -31,7 +31,7 @@
 #include <vector>
 
 #include "engines/http/detail/held.h"
-#include "engines/http/detail/required.h"
+#include "engines/http/detail/seconds.h"
 #include "engines/http/failure.h"
 
 namespace engines::http {
@@ -196,8 +196,8 @@ inline LineIterator Response::begin() { return LineIterator(*this); }
 
 /// What a transport is told beside the request.
 struct TransportOptions {
-  /// The longest wait of one socket operation, in seconds; `*timeout` is the number itself.
-  required<double> timeout;
+  /// The longest wait of one socket operation. Must be given.
+  Seconds timeout;
 };
 
 /// Sends a request and returns the open reply, or raises. See the contract at the top of this file.

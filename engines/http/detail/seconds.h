@@ -1,0 +1,32 @@
+// A time span, as every parameter that counts seconds takes it. <chrono> is not included: whoever
+// has a duration has included it.
+#pragma once
+
+#include <type_traits>
+
+namespace engines::http {
+
+/// A time span in seconds. Converts from a number and from any `std::chrono` duration, and to a
+/// `double`.
+class Seconds {
+ public:
+  template <class Number>
+  requires std::is_arithmetic_v<Number>
+  constexpr Seconds(Number seconds) noexcept : seconds_(static_cast<double>(seconds)) {}
+
+  template <class Duration>
+  requires requires {
+    typename Duration::rep;
+    typename Duration::period;
+  }
+  constexpr Seconds(const Duration& span) noexcept
+      : seconds_(static_cast<double>(span.count()) * Duration::period::num /
+                 Duration::period::den) {}
+
+  constexpr operator double() const noexcept { return seconds_; }
+
+ private:
+  double seconds_;
+};
+
+}  // namespace engines::http

@@ -1,0 +1,28 @@
+// What ends a call from outside. <stop_token> is not included: whoever has a token has included it.
+#pragma once
+
+#include <concepts>
+#include <functional>
+#include <type_traits>
+#include <utility>
+
+namespace engines::http {
+
+/// Says true once the call should end. Converts from any function without arguments, and from a
+/// `std::stop_token` or `std::stop_source`: asked, it says what `stop_requested` says.
+class StopSignal : public std::function<bool()> {
+ public:
+  template <class Ask>
+  requires(!std::same_as<std::remove_cvref_t<Ask>, StopSignal> &&
+           std::convertible_to<Ask, std::function<bool()>>) StopSignal(Ask&& ask)
+      : function(std::forward<Ask>(ask)) {}
+
+  template <class Token>
+  requires requires(const Token& token) {
+    { token.stop_requested() } -> std::same_as<bool>;
+  }
+  StopSignal(Token token)
+      : function([token = std::move(token)] { return token.stop_requested(); }) {}
+};
+
+}  // namespace engines::http
