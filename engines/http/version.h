@@ -1,4 +1,5 @@
-// The version of the library (semver.org). The build reads it from here, so this is its one place.
+/// @file
+/// The version of the library (semver.org). The build reads it from here, so this is its one place.
 #pragma once
 
 /// Major version: a higher one may break callers; while it is 0, a higher minor version may, too.
