@@ -1,7 +1,51 @@
-# What the library links. Each is a Debian package: see packages.txt.
-find_package(PkgConfig REQUIRED)
-find_package(CURL 7.85 REQUIRED)
-find_package(ICU REQUIRED COMPONENTS uc)
-find_package(nlohmann_json 3.11 REQUIRED)
-find_package(spdlog REQUIRED)
-pkg_check_modules(PCRE2 REQUIRED IMPORTED_TARGET libpcre2-8)
+# Finds what the library links: for its own build and, installed beside its config, for whoever links
+# it. What is missing is told in `engines_http_missing`, by the Debian package that provides it.
+
+# Notes that `what` is missing; the package is the one that packages.txt names for `name`.
+macro(engines_http_tell_missing name what)
+  file(STRINGS "${engines_http_packages}" engines_http_package REGEX "# ${name}$")
+  string(REGEX REPLACE " .*" "" engines_http_package "${engines_http_package}")
+  string(APPEND engines_http_missing
+         "\n  ${what}: install the Debian package ${engines_http_package}")
+endmacro()
+
+# Like find_package, but notes what is missing.
+macro(engines_http_find name)
+  find_package(${ARGV} QUIET)
+  if(NOT ${name}_FOUND)
+    string(REGEX REPLACE ";(COMPONENTS;)?" " " engines_http_what "${ARGV}")
+    engines_http_tell_missing(${name} "${engines_http_what}")
+  endif()
+endmacro()
+
+# The same for a package that only pkg-config knows.
+macro(engines_http_find_module name module)
+  if(PkgConfig_FOUND)
+    pkg_check_modules(${name} QUIET IMPORTED_TARGET ${module})
+  endif()
+  if(NOT ${name}_FOUND)
+    engines_http_tell_missing(${name} ${module})
+  endif()
+endmacro()
+
+# What a program needs that links the shared library; its headers name nothing else.
+macro(engines_http_find_for_headers)
+  if((CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 11)
+     OR (CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13))
+    engines_http_tell_missing(
+      CXX
+      "GCC 11 or Clang 13, or a newer one, not ${CMAKE_CXX_COMPILER_ID} ${CMAKE_CXX_COMPILER_VERSION}"
+    )
+  endif()
+  engines_http_find(nlohmann_json 3.11)
+endmacro()
+
+# What the library itself needs, and a program that links it as a static one.
+macro(engines_http_find_all)
+  engines_http_find_for_headers()
+  engines_http_find(PkgConfig)
+  engines_http_find(CURL 7.85)
+  engines_http_find(ICU COMPONENTS uc)
+  engines_http_find(spdlog)
+  engines_http_find_module(PCRE2 libpcre2-8)
+endmacro()

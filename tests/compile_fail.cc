@@ -32,5 +32,9 @@ void calls(const RetryPolicy& policy) {
   const_cast<RetryPolicy&>(policy).attempts = 1;
 #elif CASE == 9
   static_cast<void>(policy.with({.deadline = {}}));  // none, or left as it is? say which
+#elif CASE == 10
+  post_json("u", &policy, {.policy = policy, .label = "l"});
+#elif CASE == 11
+  post_json("u", attempt, {.policy = policy, .label = "l"});
 #endif
 }

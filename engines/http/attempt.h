@@ -35,6 +35,7 @@ struct SendOptions {
   /// Takes the open reply; what it returns, `send` returns: a value that can be moved, a reference,
   /// or nothing. It can be copied, and does not close the reply.
   required<std::function<Result(Response& reply)>> read;
+  /// Sent as it is given.
   std::string method = "POST";
   /// Sent as JSON; a null body is no body.
   Body body = {};

@@ -352,6 +352,7 @@ class Body final {
   /// No body.
   Body() noexcept = default;
 
+  /// This value; see the top of this file for which there are.
   template <class T>
   requires(!std::same_as<std::remove_cvref_t<T>, Body>) Body(T&& value) {
     using Value = std::remove_cvref_t<T>;

@@ -34,7 +34,9 @@ namespace engines::http {
 class CarriesStatus {
  public:
   virtual ~CarriesStatus() = default;
+  /// The HTTP status; none where the error has none.
   virtual std::optional<StatusCode> status_code() const = 0;
+  /// The reply's headers, owned by the error; null where it has none.
   virtual const Headers* headers() const { return nullptr; }
 };
 
@@ -42,6 +44,7 @@ class CarriesStatus {
 /// an object of whatever type.
 class ErrorRef {
  public:
+  /// A view of this object.
   template <class E>
   requires(!std::same_as<E, ErrorRef>) ErrorRef(const E& error)
       : object_(std::addressof(error)),
@@ -69,9 +72,12 @@ class ErrorRef {
   /// The value of one of its headers; empty when there is none.
   std::string header(const char* name) const;
 
+  /// The object as a kind of transport failure; null where it is none.
+  /// @{
   const OSError* as_os_error() const noexcept { return as_os_error_; }
   const HTTPException* as_http_exception() const noexcept { return as_http_exception_; }
   const HTTPError* as_http_error() const noexcept;
+  /// @}
 
  private:
   template <class E>

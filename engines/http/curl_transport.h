@@ -20,9 +20,10 @@
 
 namespace engines::http {
 
+/// The highest version of HTTP that is offered to a peer.
 enum class HttpVersion {
-  http1_1,  // HTTP/1.1 only
-  http2,    // HTTP/2 where the peer offers it over TLS, else HTTP/1.1
+  http1_1,  ///< HTTP/1.1 only
+  http2,    ///< HTTP/2 where the peer offers it over TLS, else HTTP/1.1
 };
 
 /// How a `PooledTransport` connects, and what it keeps.

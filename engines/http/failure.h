@@ -25,6 +25,7 @@
 #include "engines/http/detail/held.h"
 #include "engines/http/detail/required.h"
 
+/// The HTTP client: the calls, the policy they are made under and the failures they end in.
 namespace engines::http {
 
 /// An HTTP status code (RFC 9110, section 15), or any other integer that a failure carries as one:
@@ -42,6 +43,7 @@ struct FailureFields {
 /// A request that failed. The base of every kind: a handler of `HttpFailure` catches them all.
 class HttpFailure : public std::exception {
  public:
+  /// Every text is taken as it is: redact it first.
   explicit HttpFailure(std::string message, FailureFields fields = {});
   // Copied, never moved from or assigned to: it keeps its text and fields for life.
   HttpFailure(const HttpFailure&) noexcept = default;
@@ -50,9 +52,13 @@ class HttpFailure : public std::exception {
 
   /// Exactly the message given at construction: neither status nor detail is appended.
   const char* what() const noexcept override;
+  /// The same as `what()`.
   const std::string& message() const noexcept;
+  /// See `FailureFields`.
+  /// @{
   std::optional<StatusCode> status() const noexcept;
   const std::string& detail() const noexcept;
+  /// @}
 
  private:
   struct Data;
@@ -87,9 +93,13 @@ class BadReply : public HttpFailure {
 class FailurePtr {
  public:
   FailurePtr() noexcept = default;
+  /// None.
+  /// @{
   FailurePtr(std::nullptr_t) noexcept {}
   FailurePtr(std::nullopt_t) noexcept {}
+  /// @}
 
+  /// Keeps this failure.
   template <std::derived_from<HttpFailure> Kind>
   FailurePtr(const Kind& failure) {
     if (typeid(failure) != typeid(Kind)) handled_ = detail::handling(failure);
@@ -101,11 +111,14 @@ class FailurePtr {
     }
   }
 
+  /// The failure, as a pointer shows it: it lives as long as a FailurePtr holds it.
+  /// @{
   const HttpFailure* get() const noexcept { return failure_.get(); }
   const HttpFailure& operator*() const noexcept { return *failure_; }
   const HttpFailure* operator->() const noexcept { return failure_.get(); }
   explicit operator bool() const noexcept { return failure_ != nullptr; }
   bool operator==(std::nullptr_t) const noexcept { return failure_ == nullptr; }
+  /// @}
 
   /// Throws the failure as the kind that it is. Needs a failure: not to be called on none.
   [[noreturn]] void raise() const;
@@ -124,7 +137,9 @@ struct EndedFields {
 
 /// What `Exhausted` carries: both must be given, though `last` may be none.
 struct ExhaustedFields {
+  /// How many attempts the call made.
   required<int> attempts;
+  /// The failure of the last one.
   required<FailurePtr> last;
 };
 
@@ -161,6 +176,7 @@ class Stopped : public detail::Ended {
 /// Every attempt failed with a failure worth another one.
 class Exhausted : public detail::Ended {
  public:
+  /// Takes the status and the detail of `fields.last`.
   Exhausted(std::string message, const ExhaustedFields& fields);
 
   /// How many attempts the call made.

@@ -46,6 +46,8 @@ class StatusSet {
   // Copied, never moved from: a set keeps its statuses for life.
   StatusSet(const StatusSet&) noexcept = default;
   StatusSet& operator=(const StatusSet&) noexcept = default;
+  /// The set of these statuses.
+  /// @{
   constexpr explicit StatusSet(detail::ConstantStatuses constant) noexcept
       : statuses_(constant.statuses) {}
   StatusSet(std::initializer_list<StatusCode> statuses) { assign(statuses); }
@@ -58,10 +60,14 @@ class StatusSet {
     for (auto&& status : range) statuses.insert(status);
     assign(statuses);
   }
+  /// @}
 
+  /// Whether the status is among them.
   bool contains(StatusCode status) const noexcept {
     return std::ranges::binary_search(statuses_, status);
   }
+  /// As in a standard container.
+  /// @{
   auto begin() const noexcept { return statuses_.begin(); }
   auto end() const noexcept { return statuses_.end(); }
   std::size_t size() const noexcept { return statuses_.size(); }
@@ -69,6 +75,7 @@ class StatusSet {
   bool operator==(const StatusSet& other) const noexcept {
     return std::ranges::equal(statuses_, other.statuses_);
   }
+  /// @}
 
  private:
   void assign(const std::set<StatusCode>& statuses);
@@ -247,6 +254,8 @@ struct RetryPolicy {
 /// The fields to replace in a copy. A field that is not named is kept; `.deadline = std::nullopt`
 /// and `.refusal_reason = nullptr` replace by none.
 struct PolicyChanges {
+  /// The field of this name in `RetryPolicy`.
+  /// @{
   detail::Change<detail::AttemptCount> attempts = detail::keep;
   detail::Change<Seconds> backoff_s = detail::keep;
   detail::Change<Seconds> timeout_s = detail::keep;
@@ -260,6 +269,7 @@ struct PolicyChanges {
   detail::Change<Wait> wait = detail::keep;
   detail::Change<detail::Bound> detail_chars = detail::keep;
   detail::Change<detail::Bound> max_body_bytes = detail::keep;
+  /// @}
 };
 
 }  // namespace engines::http

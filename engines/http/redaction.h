@@ -32,6 +32,8 @@ inline constexpr std::string_view REDACTED = "[redacted]";
 class Secrets {
  public:
   Secrets() noexcept = default;
+  /// No secrets, or these, in this order.
+  /// @{
   Secrets(std::nullopt_t) noexcept {}
   Secrets(std::initializer_list<std::string> secrets) : Secrets(std::vector(secrets)) {}
   Secrets(std::vector<std::string> secrets) {
@@ -48,12 +50,16 @@ class Secrets {
     for (auto&& secret : range) secrets.emplace_back(std::forward<decltype(secret)>(secret));
     *this = Secrets(std::move(secrets));
   }
+  /// @}
 
+  /// As in a standard container.
+  /// @{
   auto begin() const noexcept { return items().begin(); }
   auto end() const noexcept { return items().end(); }
   std::size_t size() const noexcept { return items().size(); }
   bool empty() const noexcept { return items().empty(); }
   const std::string& operator[](std::size_t index) const noexcept { return items()[index]; }
+  /// @}
 
   /// These secrets followed by those of `others`.
   Secrets followed_by(const Secrets& others) const;

@@ -41,6 +41,7 @@ Json post_json(std::string_view url, const Body& body, const CallOptions& option
 /// GETs `url` and returns the parsed reply. Throws as `post_json` does.
 Json get_json(std::string_view url, const CallOptions& options);
 
+/// What both are: a call by this method under this policy.
 Json _request_json(std::string_view method, std::string_view url, const Body& body,
                    const RetryPolicy& policy, std::string_view label, const Headers& headers,
                    const Secrets& secrets, const Transport& transport);

@@ -28,12 +28,15 @@
 #include "engines/http/policy.h"
 #include "engines/http/transport.h"
 
+/// For tests of code that calls the library.
 namespace engines::http::testing {
 
 /// What one read of a scripted reply does: it gives bytes, throws an error, or calls a function
 /// that gives the bytes.
 class Piece {
  public:
+  /// Gives these bytes, throws this error, or calls this function.
+  /// @{
   template <std::convertible_to<std::string_view> Bytes>
   Piece(const Bytes& bytes)
       : play_([copy = std::string(std::string_view(bytes))] { return copy; }) {}
@@ -45,7 +48,9 @@ class Piece {
   template <std::invocable Play>
   requires std::convertible_to<std::invoke_result_t<Play&>, std::string> Piece(Play play)
       : play_(std::move(play)) {}
+  /// @}
 
+  /// The bytes; throws the error.
   std::string operator()() const { return play_(); }
 
  private:
@@ -54,7 +59,9 @@ class Piece {
 
 /// How a scripted reply behaves beside its pieces.
 struct ReplyScript {
+  /// None: the reply has no status.
   std::optional<StatusCode> status = 200;
+  /// The reply's headers.
   Headers headers = {};
   /// Without it, the reply has no headers at all.
   bool has_headers = true;
@@ -68,6 +75,7 @@ struct ReplyScript {
 /// that meets it. It notes what is done with it.
 class ScriptedReply final : public Response {
  public:
+  /// Plays these pieces.
   explicit ScriptedReply(std::vector<Piece> pieces, ReplyScript script = {});
 
   std::optional<StatusCode> status() const override { return script_.status; }
@@ -77,6 +85,7 @@ class ScriptedReply final : public Response {
 
   /// The sizes asked for so far, in order.
   const std::vector<std::size_t>& reads() const noexcept { return reads_; }
+  /// How often it was closed.
   int closes() const noexcept { return closes_; }
 
  private:
@@ -102,7 +111,9 @@ std::shared_ptr<ScriptedReply> reply_of(std::vector<Piece> pieces, ReplyScript s
 
 /// A request that a scripted transport was asked to send.
 struct Sent {
+  /// The request, as the transport was given it.
   Request request;
+  /// The attempt's socket timeout, in seconds.
   double timeout;
 
   /// The request's body, parsed; null when there is none or it is not JSON.
@@ -114,6 +125,7 @@ struct Sent {
 /// For use by one thread at a time.
 class ScriptedTransport {
  public:
+  /// What is done about one request.
   using Step = std::function<std::shared_ptr<Response>(const Request&, TransportOptions)>;
 
   ScriptedTransport() : state_(std::make_shared<State>()) {}
@@ -140,6 +152,7 @@ class ScriptedTransport {
   /// The requests so far, in order.
   const std::vector<Sent>& sent() const noexcept { return state_->sent; }
 
+  /// Plays the next step: what makes this a `Transport`.
   std::shared_ptr<Response> operator()(const Request& request, TransportOptions options) const;
 
  private:
@@ -159,11 +172,14 @@ class ManualTime {
   ManualTime(const ManualTime&) = delete;
   ManualTime& operator=(const ManualTime&) = delete;
 
+  /// The time, in seconds; 0 at first.
   double now() const noexcept { return now_; }
+  /// Moves the time on.
   void advance(Seconds span) noexcept { now_ += span; }
 
-  /// The stop signal says stop from now on, or from an instant on.
+  /// The stop signal says stop from now on.
   void stop() noexcept { stop_at(now_); }
+  /// The stop signal says stop from this instant on.
   void stop_at(Seconds instant) noexcept { stop_at_ = instant; }
 
   /// The backoffs asked for so far, in seconds.
@@ -172,7 +188,9 @@ class ManualTime {
   /// The policy as it is, but on this time: with this clock, stop signal and wait.
   RetryPolicy policy(const RetryPolicy& base = {});
 
+  /// Reads this time.
   Clock clock();
+  /// True from the instant of the stop on.
   StopSignal should_stop();
   /// Notes the wait, moves the time to its end or to the stop, and answers as the stop signal does.
   Wait wait();

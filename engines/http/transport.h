@@ -40,9 +40,12 @@ namespace engines::http {
 /// that a caller may pass a `std::map`, a vector of pairs or a braced list.
 class Headers {
  public:
+  /// A name and its value.
   using Entry = std::pair<std::string, std::string>;
 
   Headers() = default;
+  /// No headers, or these, in this order.
+  /// @{
   Headers(std::nullopt_t) noexcept {}
   Headers(std::initializer_list<Entry> entries) : entries_(entries) {}
   explicit Headers(std::vector<Entry> entries) noexcept : entries_(std::move(entries)) {}
@@ -55,6 +58,7 @@ class Headers {
            }) Headers(Range&& range) {
     for (auto&& [name, value] : range) add(std::string(name), std::string(value));
   }
+  /// @}
 
   /// Appends an entry, whatever is there already.
   void add(std::string name, std::string value);
@@ -66,11 +70,14 @@ class Headers {
   /// The value of the first entry of this name, regardless of case (RFC 9110, section 5.1).
   std::optional<std::string> get(std::string_view name) const;
 
+  /// As in a standard container.
+  /// @{
   auto begin() const noexcept { return entries_.begin(); }
   auto end() const noexcept { return entries_.end(); }
   std::size_t size() const noexcept { return entries_.size(); }
   bool empty() const noexcept { return entries_.empty(); }
   bool operator==(const Headers&) const = default;
+  /// @}
 
  private:
   std::vector<Entry> entries_;
@@ -91,9 +98,13 @@ struct Request {
   /// `to` is the absolute URL.
   explicit Request(std::string to, RequestFields fields = {});
 
+  /// The absolute URL.
   const std::string url;
+  /// The body; none: no body.
   const std::optional<std::string> data;
-  const Headers headers;  // one value for each name, regardless of case
+  /// One value for each name, regardless of case.
+  const Headers headers;
+  /// The method, sent unchanged.
   const std::string method;
 };
 
@@ -131,8 +142,10 @@ class Response {
   /// longer one raises an `HTTPException`. Iterating reads ahead, but loses nothing: a second loop,
   /// or a read, goes on where the last line ended.
   LineIterator begin();
+  /// The end of those lines.
   std::default_sentinel_t end() const noexcept { return {}; }
 
+  /// The most bytes of a line.
   static constexpr std::size_t MAX_LINE_BYTES = 16777216;
 
  protected:
@@ -164,6 +177,8 @@ class Response {
 /// the end, not before: whoever stops early has waited for no line that it does not take.
 class LineIterator {
  public:
+  /// What the standard asks of an input iterator.
+  /// @{
   using value_type = std::string;
   using difference_type = std::ptrdiff_t;
   using iterator_concept = std::input_iterator_tag;
@@ -180,6 +195,7 @@ class LineIterator {
   }
   void operator++(int) { ++*this; }
   bool operator==(std::default_sentinel_t) const { return fetch(), reply_ == nullptr; }
+  /// @}
 
  private:
   void fetch() const {
@@ -222,35 +238,43 @@ using Transport =
 // the kind that belongs to both. A kind of your own derives from one kind of each family at most.
 // Texts are the transport's own and unredacted.
 
+/// What the operating system or the network stack reports.
 class OSError : public virtual std::exception {
  public:
+  /// `text` is what `what()` returns.
   explicit OSError(std::string text);
   OSError(const OSError&) noexcept = default;
   OSError& operator=(const OSError&) noexcept = default;
   ~OSError() override;
+  /// The transport's own text, unredacted.
   const char* what() const noexcept override;
 
  private:
   std::shared_ptr<const std::string> text_;
 };
 
+/// A socket operation waited longer than the timeout.
 class TimeoutError : public OSError {
  public:
   using OSError::OSError;
 };
 
+/// A connection was refused, reset, aborted, or broken while writing.
 class ConnectionError : public OSError {
  public:
   using OSError::OSError;
 };
 
+/// A host name did not resolve.
 class gaierror : public OSError {
  public:
   using OSError::OSError;
 };
 
+/// The request could not be sent; holds the underlying failure.
 class URLError : public OSError {
  public:
+  /// `reason` is the underlying failure; null for none.
   explicit URLError(std::string text, std::shared_ptr<const std::exception> reason = nullptr);
 
   /// Wraps the failure that kept the request from being sent; the text is that failure's. One that
@@ -274,6 +298,7 @@ class HTTPError : public URLError, public Response {
   HTTPError(const HTTPError&) noexcept = default;
   HTTPError& operator=(const HTTPError&) = default;
 
+  /// The final status.
   StatusCode code() const noexcept { return code_; }
   std::optional<StatusCode> status() const override { return code_; }
   const Headers* headers() const override { return headers_.get(); }
@@ -296,32 +321,40 @@ class HTTPError : public URLError, public Response {
   std::shared_ptr<Response> body_;
 };
 
+/// The reply broke the HTTP protocol.
 class HTTPException : public virtual std::exception {
  public:
+  /// `text` is what `what()` returns.
   explicit HTTPException(std::string text);
   HTTPException(const HTTPException&) noexcept = default;
   HTTPException& operator=(const HTTPException&) noexcept = default;
   ~HTTPException() override;
+  /// The transport's own text, unredacted.
   const char* what() const noexcept override;
 
  private:
   std::shared_ptr<const std::string> text_;
 };
 
+/// The body ended before its announced length.
 class IncompleteRead : public HTTPException {
  public:
   using HTTPException::HTTPException;
 };
 
+/// No status line could be read.
 class BadStatusLine : public HTTPException {
  public:
   using HTTPException::HTTPException;
 };
 
+/// The connection was dropped before a reply began: of both families.
 class DroppedConnection : public ConnectionError, public BadStatusLine {
  public:
+  /// `text` is what `what()` returns.
   explicit DroppedConnection(const std::string& text)
       : ConnectionError(text), BadStatusLine(text) {}
+  /// The transport's own text, unredacted.
   const char* what() const noexcept override { return ConnectionError::what(); }
 };
 

@@ -12,7 +12,7 @@
 namespace engines::http::detail {
 namespace {
 
-constexpr auto NUMBERED_ESCAPES = [] {
+constexpr auto NUMBERED_ESCAPES = []() {
   std::array<std::array<char, 6>, 0x20> escapes{};
   for (std::size_t c = 0; c < escapes.size(); ++c) {
     escapes[c] = {'\\', 'u', '0', '0', static_cast<char>('0' + c / 16), "0123456789abcdef"[c % 16]};

@@ -1,5 +1,5 @@
-// A field of a parameter struct that must be given: it has no default, so leaving it out of the
-// designated initialisers does not compile.
+// A field of a parameter struct that must be given: leaving it out of the designated initialisers
+// does not compile, and says so.
 #pragma once
 
 #include <concepts>
@@ -10,6 +10,9 @@ namespace engines::http {
 template <class T>
 class required {
  public:
+  template <class Given = void>
+  required() : value_(missing<Given>()) {}
+
   template <class U>
   requires(!std::same_as<std::remove_cvref_t<U>, required> &&
            std::convertible_to<U, T>) constexpr required(U&& value)
@@ -20,6 +23,11 @@ class required {
   constexpr const T* operator->() const noexcept { return &value_; }
 
  private:
+  template <class Given>
+  static T missing() {
+    static_assert(!std::same_as<Given, void>, "a field that must be given is missing");
+  }
+
   T value_;
 };
 

@@ -10,10 +10,12 @@ namespace engines::http {
 /// `double`.
 class Seconds {
  public:
+  /// So many seconds.
   template <class Number>
   requires std::is_arithmetic_v<Number>
   constexpr Seconds(Number seconds) noexcept : seconds_(static_cast<double>(seconds)) {}
 
+  /// As long as this duration.
   template <class Duration>
   requires requires {
     typename Duration::rep;
@@ -23,6 +25,7 @@ class Seconds {
       : seconds_(static_cast<double>(span.count()) * Duration::period::num /
                  Duration::period::den) {}
 
+  /// The number of seconds.
   constexpr operator double() const noexcept { return seconds_; }
 
  private:

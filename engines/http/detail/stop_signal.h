@@ -12,11 +12,13 @@ namespace engines::http {
 /// `std::stop_token` or `std::stop_source`: asked, it says what `stop_requested` says.
 class StopSignal : public std::function<bool()> {
  public:
+  /// Asks this function.
   template <class Ask>
   requires(!std::same_as<std::remove_cvref_t<Ask>, StopSignal> &&
            std::convertible_to<Ask, std::function<bool()>>) StopSignal(Ask&& ask)
       : function(std::forward<Ask>(ask)) {}
 
+  /// Asks this token whether a stop was requested.
   template <class Token>
   requires requires(const Token& token) {
     { token.stop_requested() } -> std::same_as<bool>;

@@ -1,0 +1,94 @@
+// A user's program. Failures cross the library's boundary both ways: those thrown here are judged
+// in there, those thrown in there are caught here. Exits with 0 when each was known for what it is.
+#include <engines/http/http.h>
+#include <engines/http/testing.h>
+#include <engines/http/version.h>
+
+#include <cstdio>
+#include <map>
+#include <string>
+#include <variant>
+#include <vector>
+
+using namespace engines::http;
+
+namespace {
+
+int faults = 0;
+
+void expect(bool held, const char* what) {
+  if (held) return;
+  std::fprintf(stderr, "not so: %s\n", what);
+  ++faults;
+}
+
+struct ServiceTimeout : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+/// Whether the call ends in this very kind, seen also through its bases.
+template <class Kind, class Call>
+bool ends_in(const Call& call) {
+  try {
+    call();
+  } catch (const HttpFailure& failure) {
+    return dynamic_cast<const Kind*>(&failure) && typeid(failure) == typeid(Kind);
+  }
+  return false;
+}
+
+}  // namespace
+
+int main() {
+  testing::ManualTime time;
+  testing::ScriptedTransport transport;
+  const RetryPolicy policy{.attempts = 2, .clock = time.clock(), .wait = time.wait()};
+  const auto post = [&](const Body& body) {
+    return post_json("http://host/", body,
+                     {.policy = policy, .label = "call", .transport = transport});
+  };
+
+  transport.fail(TimeoutError("slow")).reply(R"({"answer": 42})");
+  const std::map<std::string, std::vector<std::variant<int, double, std::string>>> body{
+      {"mixed", {1, 0.5, "text"}}};
+  expect(post(body)["answer"] == 42, "the second attempt is answered");
+  expect(transport.sent().back().json()["mixed"][2] == "text", "the body arrives");
+
+  transport.fail(DroppedConnection("gone")).fail(ConnectionError("gone"));
+  expect(ends_in<Exhausted>([&] { post(nullptr); }), "Exhausted");
+  transport.reply("not JSON");
+  expect(ends_in<BadReply>([&] { post(nullptr); }), "BadReply");
+  transport.reply("no", 404);
+  expect(ends_in<HttpFailure>([&] { post(nullptr); }), "HttpFailure");
+  transport.reply("not JSON");
+  expect(ends_in<Retryable>([&] {
+           send<int>("http://host/", {.policy = policy,
+                                      .timeout = 1,
+                                      .read = [](Response&) -> int { throw gaierror("gone"); },
+                                      .transport = transport});
+         }),
+         "Retryable");
+  expect(ends_in<Stopped>([&] {
+           retry(policy.with({.should_stop = [] { return true; }}), [](double) { return 1; },
+                 {.label = "call"});
+         }),
+         "Stopped");
+  expect(is_transient(ServiceTimeout("slow")), "a foreign timeout is transient");
+
+  try {
+    urlopen_transport(Request("http://127.0.0.1:1/"), {.timeout = 5.0});
+    expect(false, "nothing listens");
+  } catch (const OSError& error) {  // thrown by the library, through a virtual base
+    expect(dynamic_cast<const URLError*>(&error) != nullptr, "a refused connection is a URLError");
+    expect(dynamic_cast<const std::exception*>(&error) != nullptr, "and a std::exception");
+  }
+  try {
+    static_cast<void>(RetryPolicy{.attempts = 0});
+    expect(false, "a policy without an attempt");
+  } catch (const ValueError&) {
+  }
+  static_cast<void>(PooledTransport());
+  std::printf("engines_http %d.%d.%d: %d faults\n", ENGINES_HTTP_VERSION_MAJOR,
+              ENGINES_HTTP_VERSION_MINOR, ENGINES_HTTP_VERSION_PATCH, faults);
+  return faults == 0 ? 0 : 1;
+}
