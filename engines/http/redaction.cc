@@ -52,12 +52,12 @@ class Echo {
     if (context_) pcre2_set_match_limit(context_.get(), UINT32_MAX);
   }
 
-  /// The text, which is valid UTF-8, with each credential replaced; none when the engine failed.
-  std::optional<std::string> redact(std::string_view text) const {
-    if (!code_ || !context_) return std::nullopt;
+  /// Replaces each credential in the text, which is valid UTF-8. False when the engine failed.
+  bool redact(std::string& text) const {
+    if (!code_ || !context_) return false;
     const std::unique_ptr<pcre2_match_data, decltype(&pcre2_match_data_free)> match(
         pcre2_match_data_create_from_pattern(code_.get(), nullptr), &pcre2_match_data_free);
-    if (!match) return std::nullopt;
+    if (!match) return false;
     const PCRE2_SIZE* const ends = pcre2_get_ovector_pointer(match.get());
     std::string redacted;
     std::size_t position = 0;
@@ -66,14 +66,15 @@ class Echo {
           pcre2_match(code_.get(), reinterpret_cast<PCRE2_SPTR>(text.data()), text.size(), position,
                       PCRE2_NO_UTF_CHECK, match.get(), context_.get());
       if (groups == PCRE2_ERROR_NOMATCH) break;
-      if (groups < 0) return std::nullopt;
+      if (groups < 0) return false;
       const std::size_t match_end = ends[1];
       const std::size_t kept_end = ends[3];  // of group 1
-      redacted += text.substr(position, kept_end - position);
+      redacted.append(text, position, kept_end - position);
       redacted += REDACTED;
       position = match_end;  // a match is never empty
     }
-    return redacted += text.substr(position);
+    if (position > 0) text = redacted.append(text, position);
+    return true;
   }
 
  private:
@@ -239,9 +240,7 @@ std::string redact(std::string_view text, const Secrets& secrets) {
   redacted = detail::decode_utf8(std::move(redacted));
   remove_secrets(redacted, decoded);
   for (const Echo& echo : echoes()) {
-    std::optional<std::string> without = echo.redact(redacted);
-    if (!without) return std::string(REDACTED);  // better nothing than a secret
-    redacted = std::move(*without);
+    if (!echo.redact(redacted)) return std::string(REDACTED);  // better nothing than a secret
   }
   return redacted;
 }
