@@ -69,6 +69,7 @@ class Echo {
       if (groups < 0) return false;
       const std::size_t match_end = ends[1];
       const std::size_t kept_end = ends[3];  // of group 1
+      if (position == 0) redacted.reserve(text.size() + REDACTED.size());
       redacted.append(text, position, kept_end - position);
       redacted += REDACTED;
       position = match_end;  // a match is never empty
@@ -98,6 +99,7 @@ void replace_all(std::string& text, std::string_view secret) {
   std::string_view rest = text;
   while (const void* found = memmem(rest.data(), rest.size(), secret.data(), secret.size())) {
     const auto before = static_cast<std::size_t>(static_cast<const char*>(found) - rest.data());
+    if (replaced.empty()) replaced.reserve(text.size() + REDACTED.size());
     replaced += rest.substr(0, before);
     replaced += REDACTED;
     rest.remove_prefix(before + secret.size());
