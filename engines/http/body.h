@@ -201,7 +201,11 @@ void write_tree(JsonWriter& out, const Value& value) {
       out.open('[');
       for (const auto& item : items) {
         out.item();
-        write_tree(out, item);
+        if (const auto* number = item.template get_ptr<const typename Value::number_float_t*>()) {
+          out.number(static_cast<double>(*number));  // embeddings are long rows of these
+        } else {
+          write_tree(out, item);
+        }
       }
       return out.close(']');
     }

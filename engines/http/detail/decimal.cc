@@ -263,7 +263,7 @@ char* write_decimal(double value, char* to) noexcept {
     return to + 2;
   }
   if (exponent < 0) {
-    copy("0.000000", to);
+    std::memcpy(to, "0.000000", 8);
     characters.write(to + 1 - exponent);
     return to + 1 - exponent + count;
   }

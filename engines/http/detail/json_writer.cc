@@ -68,14 +68,14 @@ void JsonWriter::natural(std::uint64_t value) {
 
 void JsonWriter::number(double value) {
   if (std::isnan(value)) return append("NaN");
-  char* const to = room(1 + MAX_DECIMAL);
-  *to = '-';
-  const bool negative = std::signbit(value);
-  staged_ += negative;
+  char* const begin = room(1 + MAX_DECIMAL);
+  *begin = '-';
+  char* const to = begin + std::signbit(value);
   value = std::fabs(value);
-  if (value == 0) return append("0.0");
-  if (std::isinf(value)) return append("Infinity");
-  staged_ += static_cast<std::size_t>(write_decimal(value, to + negative) - (to + negative));
+  const bool is_plain = value != 0 && !std::isinf(value);
+  const char* const end = is_plain ? write_decimal(value, to) : to;
+  staged_ += static_cast<std::size_t>(end - begin);
+  if (!is_plain) append(value == 0 ? "0.0" : "Infinity");
 }
 
 void JsonWriter::text(std::string_view value) {

@@ -60,7 +60,10 @@ class JsonWriter {
   };
 
   void item() {
-    if (!first_) append(", ");
+    char* const to = room(2);
+    to[0] = ',';
+    to[1] = ' ';
+    staged_ += first_ ? 0 : 2;
     first_ = false;
   }
   void name(std::string_view name) {
