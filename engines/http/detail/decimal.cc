@@ -188,11 +188,12 @@ class Characters {
     const std::uint64_t rest = digits % SIXTEEN_DIGITS;
     const std::uint64_t first = eight_digits(rest / EIGHT_DIGITS);
     const std::uint64_t second = eight_digits(rest % EIGHT_DIGITS);
+    constexpr std::uint64_t LAST_DIGIT = std::uint64_t{1} << 56;
     has_top_ = top != 0;
     top_ = static_cast<char>('0' + top);
     const int leading = has_top_     ? 0
                         : first != 0 ? std::countr_zero(first) / 8
-                                     : 8 + std::countr_zero(second) / 8;
+                                     : 8 + std::countr_zero(second | LAST_DIGIT) / 8;
     const int trailing =
         second != 0 ? std::countl_zero(second) / 8 : 8 + std::countl_zero(first) / 8;
     size_ = 16 + has_top_ - leading;
@@ -263,7 +264,7 @@ char* write_decimal(double value, char* to) noexcept {
     return to + 2;
   }
   if (exponent < 0) {
-    std::memcpy(to, "0.000000", 8);
+    copy("0.000000", to);
     characters.write(to + 1 - exponent);
     return to + 1 - exponent + count;
   }
