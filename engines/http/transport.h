@@ -48,7 +48,7 @@ class Headers {
   /// @{
   Headers(std::nullopt_t) noexcept {}
   Headers(std::initializer_list<Entry> entries) : entries_(entries) {}
-  explicit Headers(std::vector<Entry> entries) noexcept : entries_(std::move(entries)) {}
+  explicit Headers(std::vector<Entry>&& entries) noexcept : entries_(std::move(entries)) {}
 
   template <std::ranges::input_range Range>
   requires(!std::same_as<std::remove_cvref_t<Range>, Headers> &&

@@ -18,6 +18,9 @@ void initialise_libcurl() {
 
 constexpr double LONGEST_S = 1e6;
 
+std::atomic<unsigned> forks = 0;  // between the first process and this one
+const int no_forks_seen = pthread_atfork(nullptr, nullptr, [] { ++forks; });
+
 }  // namespace
 
 Clock::duration duration_of(double seconds) {
@@ -26,14 +29,10 @@ Clock::duration duration_of(double seconds) {
       std::chrono::duration<double>(std::min(seconds, LONGEST_S)));
 }
 
-unsigned process_number() {
-  static std::atomic<unsigned> forks = 0;
-  static const int error = pthread_atfork(nullptr, nullptr, [] { ++forks; });
-  if (error != 0) throw std::bad_alloc();
-  return forks;
-}
+unsigned process_number() noexcept { return forks; }
 
 Slot::Slot() {
+  if (no_forks_seen != 0) throw std::bad_alloc();
   initialise_libcurl();
   multi_ = curl_multi_init();
   easy_ = curl_easy_init();

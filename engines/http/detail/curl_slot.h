@@ -18,7 +18,7 @@ Clock::duration duration_of(double seconds);
 
 /// Which process this is: another number in the child of a fork than in its parent. It asks no
 /// kernel, for it is asked several times in each call.
-unsigned process_number();
+unsigned process_number() noexcept;
 
 /// A multi handle, which holds the connection between two exchanges, and an easy handle for the one
 /// exchange that owns the slot at a time.
