@@ -11,6 +11,8 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -26,6 +28,7 @@
 #include "bench/documents.h"
 #include "bench/json_peers.h"
 #include "bench/servers.h"
+#include "engines/http/detail/decimal.h"
 #include "engines/http/http.h"
 #include "engines/http/testing.h"
 
@@ -126,6 +129,17 @@ Row encode_row(const std::string& name, const Json& value) {
           .peers = {on("nlohmann_dump", [=] { benchmark::DoNotOptimize(kept->dump()); })}};
 }
 
+/// Writes numbers, each to where the one before stood.
+template <class Write>
+auto write_all(Write write) {
+  return [write, values = numbers(100'000)] {
+    std::array<char, detail::MAX_DECIMAL> text;
+    for (const float value : values) {
+      benchmark::DoNotOptimize(write(std::fabs(static_cast<double>(value)), text.data()));
+    }
+  };
+}
+
 std::vector<Row> json_rows() {
   const auto members = [](std::size_t count) {
     return on("decode_" + std::to_string(count),
@@ -138,7 +152,12 @@ std::vector<Row> json_rows() {
            .peers = {members(500'000)},
            .ours_over_peer = true},
           encode_row("chat_request", chat_request()),
-          encode_row("1500000_floats", Json(numbers(1'500'000)))};
+          encode_row("1500000_floats", Json(numbers(1'500'000))),
+          {.name = "number_to_text",
+           .ours = on("write_decimal", write_all(detail::write_decimal)),
+           .peers = {on("std_to_chars", write_all([](double number, char* to) {
+                          return std::to_chars(to, to + detail::MAX_DECIMAL, number).ptr;
+                        }))}}};
 }
 
 std::vector<Row> text_rows() {

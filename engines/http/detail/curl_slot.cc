@@ -19,7 +19,7 @@ void initialise_libcurl() {
 constexpr double LONGEST_S = 1e6;
 
 std::atomic<unsigned> forks = 0;  // between the first process and this one
-const int no_forks_seen = pthread_atfork(nullptr, nullptr, [] { ++forks; });
+const int atfork_error = pthread_atfork(nullptr, nullptr, [] { ++forks; });
 
 }  // namespace
 
@@ -32,7 +32,7 @@ Clock::duration duration_of(double seconds) {
 unsigned process_number() noexcept { return forks; }
 
 Slot::Slot() {
-  if (no_forks_seen != 0) throw std::bad_alloc();
+  if (atfork_error != 0) throw std::bad_alloc();
   initialise_libcurl();
   multi_ = curl_multi_init();
   easy_ = curl_easy_init();

@@ -1,5 +1,5 @@
 // Numbers as decimal text, and back. Written by hand because embeddings are long rows of numbers:
-// docs/performance.md says what std::to_chars and std::from_chars take instead.
+// docs/performance.md compares with std::to_chars.
 #pragma once
 
 #include <cstddef>
