@@ -122,7 +122,7 @@ Servers::Servers(const std::string& self)
   const std::string hashed = hashed_directory();
   engines::http::test::run("cat /etc/ssl/certs/ca-certificates.crt " + ca_file() + " > " +
                            bundle_file() + " && mkdir " + hashed +
-                           " && cp -P /etc/ssl/certs/*.[0-9] " + hashed + " && cp " + ca_file() +
+                           " && cp -L /etc/ssl/certs/*.[0-9] " + hashed + " && cp " + ca_file() +
                            " " + hashed + "/$(openssl x509 -hash -noout -in " + ca_file() + ").0");
 }
 
