@@ -324,6 +324,7 @@ std::exception_ptr Exchange::failure() const {
 
 void Exchange::await_headers(Patience& patience) {
   CURL* easy = slot_->easy();
+  check_stop();
   set(easy, CURLOPT_CONNECTTIMEOUT_MS, whole_milliseconds(patience.connecting));
   if (curl_multi_add_handle(slot_->multi(), easy) != CURLM_OK) throw std::bad_alloc();
 
@@ -398,6 +399,7 @@ std::size_t Exchange::take_spilled(std::string& out, std::size_t amt) {
 std::size_t Exchange::read(std::string& out, std::size_t amt, bool fill) {
   if (amt == 0) return 0;
   if (!slot_->is_ours()) throw OSError("the reply belongs to the process that opened it");
+  check_stop();
   const std::size_t begin = out.size();
   amt = std::min(amt, out.max_size() - begin);
   const std::size_t spilled = take_spilled(out, amt);
@@ -408,7 +410,6 @@ std::size_t Exchange::read(std::string& out, std::size_t amt, bool fill) {
   try {
     out_ = &out;
     full_ = begin + amt;
-    check_stop();
     // The first read shares what connecting and the headers have left over, so that a peer which is
     // slow at everything holds an attempt no longer than twice the timeout.
     const auto patient_for = std::clamp(patience_.connecting + patience_.replying,
@@ -437,7 +438,11 @@ std::size_t Exchange::read(std::string& out, std::size_t amt, bool fill) {
         if (out.size() > begin) break;
         std::rethrow_exception(timeout_failure(patience_.timeout_s, while_doing(), true));
       }
-      wait(left);
+      if (paused_) {  // more may be here already, for which no socket would wake us
+        check_stop();
+      } else {
+        wait(left);
+      }
     }
   } catch (...) {
     read_failure_ = std::current_exception();

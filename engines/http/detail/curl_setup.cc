@@ -131,7 +131,8 @@ bool announces_body(const Hop& hop) {
 
 HeaderLists set_request(CURL* easy, const Hop& hop, const PoolOptions& options) {
   set(easy, CURLOPT_URL, hop.url->text.c_str());
-  set(easy, CURLOPT_CURLU, hop.url->parsed.get());
+  // A copy that libcurl 7.88 makes of a parsed URL has lost the zone.
+  set(easy, CURLOPT_CURLU, hop.url->origin.zone.empty() ? hop.url->parsed.get() : nullptr);
   set_method(easy, hop);
   HeaderLists lists = header_lists(hop, options);
   set(easy, CURLOPT_HTTPHEADER, lists.to_server.get());

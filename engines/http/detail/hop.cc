@@ -38,8 +38,9 @@ Headers without(const Headers& headers, const std::array<const char*, n>& names)
 bool names_origin(const std::string& host, const Origin& origin) {
   try {
     const auto url = parse_url(origin.scheme + "://" + host);
-    return url->origin == origin && !url->credentials &&
-           host.find_first_of("/?#") == std::string::npos;
+    Origin named = url->origin;
+    named.zone = origin.zone;  // which is no part of a Host
+    return named == origin && !url->credentials && host.find_first_of("/?#") == std::string::npos;
   } catch (const std::invalid_argument&) {
     return false;
   }

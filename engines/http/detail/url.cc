@@ -99,6 +99,7 @@ std::shared_ptr<const Url> parse_url(std::string_view text) {
   url.origin.host = part_of(handle, CURLUPART_HOST).value_or("");
   if (url.origin.host.empty()) refuse("has no host");
   std::ranges::transform(url.origin.host, url.origin.host.begin(), lower_ascii);
+  url.origin.zone = part_of(handle, CURLUPART_ZONEID).value_or("");
   url.origin.port = part_of(handle, CURLUPART_PORT, CURLU_DEFAULT_PORT).value_or("");
   if (url.origin.port == "0") refuse("has a port that is no number from 1 to 65535");
   url.parsed = std::move(handle);

@@ -14,6 +14,7 @@ namespace engines::http::detail {
 struct Origin {
   std::string scheme;  // "http" or "https"
   std::string host;    // in lower case
+  std::string zone;    // of a link-local IPv6 address; empty: none (RFC 6874)
   std::string port;    // the scheme's own where the URL names none
 
   bool operator==(const Origin&) const = default;
