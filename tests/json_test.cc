@@ -43,9 +43,6 @@ struct Named {
 };
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Named, name)
 
-struct Nothing {};
-void to_json(engines::http::Json& json, const Nothing&) { json = nullptr; }
-
 enum class Plain : std::uint8_t { zero, one };
 enum Unscoped { first = 1 };
 enum class Spoken { word };
@@ -203,21 +200,6 @@ TEST(DecodeJson, HostileTextsEndSoon) {
   EXPECT_EQ(encode_json(*decode_json(growing + "}")).substr(0, 12), "{\"deep\": [[[");
 }
 
-TEST(DecodeJson, KeepsTheOrderOfMembersAtEverySize) {
-  for (const int size : {1, 15, 16, 17, 18, 100}) {
-    std::string text = "{";
-    std::string expected = "{";
-    for (int i = size; i-- > 0;) {
-      const std::string name = "\"n" + std::to_string(i * 7 % 101) + "\": ";
-      text += name + "0, ";
-      expected += name + (i == 0 ? "1" : "0") + ", ";
-    }
-    text += "\"n0\": [], \"n0\": 1}";
-    expected.replace(expected.size() - 2, 2, "}");
-    EXPECT_EQ(decoded(text), expected);
-  }
-}
-
 /// A random value that both parsers take, in JSON text with random spaces.
 std::string random_text(std::mt19937_64& random, int depth) {
   const std::string space(random() % 3, ' ');
@@ -237,7 +219,7 @@ std::string random_text(std::mt19937_64& random, int depth) {
       const bool object = random() % 2 != 0;
       std::string text = object ? "{" : "[";
       for (std::uint64_t i = random() % 30; i-- > 0;) {
-        if (object) text += "\"" + std::to_string(random()) + "\"" + space + ":";
+        if (object) text += "\"" + std::to_string(random() % 64) + "\"" + space + ":";
         text += random_text(random, depth - 1) + space + (i > 0 ? "," : "");
       }
       return space + text + (object ? "}" : "]") + space;
@@ -288,28 +270,23 @@ double random_double(std::mt19937_64& random) {
   }
 }
 
-/// The digits of a number, without sign, point, exponent and outer zeros.
-std::string digits_of(std::string number) {
-  number.resize(std::min(number.find('e'), number.size()));
-  std::erase_if(number, [](char c) { return c == '.' || c == '-'; });
-  number.erase(0, number.find_first_not_of('0'));
-  number.resize(number.find_last_not_of('0') + 1);
-  return number;
-}
-
 TEST(EncodeJson, WritesTheShortestNumberThatReadsBack) {
   std::mt19937_64 random(2);
   for (int i = 0; i < 200'000; ++i) {
     const double value = random_double(random);
     if (!std::isfinite(value) || value == 0) continue;
     const std::string text = encode_json(value);
-    const auto bits = std::bit_cast<std::uint64_t>(value);
-    ASSERT_EQ(std::bit_cast<std::uint64_t>(decode_json(text)->get<double>()), bits) << text;
-    ASSERT_EQ(std::bit_cast<std::uint64_t>(std::strtod(text.c_str(), nullptr)), bits) << text;
+    const bool exponent = text.find('e') != std::string::npos;
     std::array<char, 32> independent;
-    const auto end =
-        std::to_chars(independent.begin(), independent.end(), value, std::chars_format::scientific);
-    ASSERT_EQ(digits_of(text), digits_of(std::string(independent.data(), end.ptr))) << text;
+    char* const end =
+        std::to_chars(independent.begin(), independent.end(), value,
+                      exponent ? std::chars_format::scientific : std::chars_format::fixed)
+            .ptr;
+    const bool whole = !exponent && std::find(independent.begin(), end, '.') == end;
+    ASSERT_EQ(text, std::string(independent.begin(), end) + (whole ? ".0" : ""));
+    ASSERT_EQ(std::bit_cast<std::uint64_t>(decode_json(text)->get<double>()),
+              std::bit_cast<std::uint64_t>(value))
+        << text;
   }
 }
 
@@ -442,14 +419,9 @@ TEST(EncodeBody, ANullBodyIsNoBody) {
   const Body none[] = {Body(),
                        nullptr,
                        std::nullopt,
-                       std::monostate(),
                        std::optional<int>(),
-                       std::unique_ptr<int>(),
-                       static_cast<const char*>(nullptr),
                        Json(),
-                       nlohmann::json(),
                        std::variant<std::monostate, int>(),
-                       user::Nothing(),
                        std::optional<Body>(Body())};
   for (const Body& body : none) EXPECT_EQ(encode_body(body), std::nullopt);
   const std::pair<Body, std::string_view> some[] = {
