@@ -352,13 +352,13 @@ INSTANTIATE_TEST_SUITE_P(Transports, EveryFault,
 
 /// Answers each request on its path: "/200" and the like with that status, and with a Location when
 /// there is one for the path.
-Play redirecting(std::map<std::string, std::string> locations, std::string body = "body") {
-  return [locations = std::move(locations), body = std::move(body)](Peer& peer) {
+Play redirecting(std::map<std::string, std::string> locations) {
+  return [locations = std::move(locations)](Peer& peer) {
     for (std::string request; !(request = peer.request()).empty();) {
       const std::string path = request.substr(request.find('/'), 4);
-      std::string headers = "content-type: a/b\r\n";
-      if (locations.contains(path)) headers += "Location: " + locations.at(path) + "\r\n";
-      peer.send(whole(path.substr(1) + " S", body, headers));
+      const auto found = locations.find(path);
+      peer.send(whole(path.substr(1) + " S", "body",
+                      found == locations.end() ? "" : "Location: " + found->second + "\r\n"));
     }
   };
 }
@@ -572,56 +572,24 @@ TEST(Reading, ASlowReaderNeitherTimesOutNorBuffers) {
 
 // ---- What every transport promises --------------------------------------------------------------
 
-constexpr const char* LINES = "one\r\ntwo\n\nthree";
-
 std::shared_ptr<Response> scripted(const Request& request, TransportOptions options) {
   testing::ScriptedTransport one;
-  one.reply(LINES, std::stoi(request.url.substr(request.url.rfind('/') + 1)),
-            {{"content-type", "a/b"}});
+  one.reply("body", std::stoi(request.url.substr(request.url.rfind('/') + 1)));
   return one(request, options);
 }
 
-class Conformance : public ::testing::TestWithParam<Transport> {};
+class EveryTransport : public ::testing::TestWithParam<Transport> {};
 
-TEST_P(Conformance, AnAnswerIsReturnedAndAnErrorStatusRaisedBothReadable) {
-  const auto read = [](Response& reply, StatusCode status, int way) {
-    EXPECT_EQ(reply.status(), status);
-    ASSERT_NE(reply.headers(), nullptr);
-    EXPECT_EQ(reply.headers()->get("Content-Type"), "a/b");
-    std::vector<std::string> pieces;
-    if (way == 0) {
-      for (const std::string& line : reply) pieces.push_back(line);
-      EXPECT_EQ(pieces, (std::vector<std::string>{"one\r\n", "two\n", "\n", "three"}));
-    } else {
-      for (std::string piece = "?"; !piece.empty(); pieces.push_back(piece)) {
-        piece = way == 1 ? reply.read(4) : reply.read1(4);
-        EXPECT_LE(piece.size(), 4U);
-      }
-      EXPECT_EQ(std::accumulate(pieces.begin(), pieces.end(), std::string()), LINES);
-    }
-    EXPECT_EQ(reply.read(9), "");
-    reply.close();
-    reply.close();
-    EXPECT_THROW(reply.read(9), std::invalid_argument);
-  };
-  FaultServer server(redirecting({}, LINES));
-  for (const int way : {0, 1, 2}) {
-    for (const StatusCode status : {200, 201, 299, 300, 404, 429, 503}) {
-      try {
-        const Request request(server.url("/" + std::to_string(status)));
-        const auto reply = GetParam()(request, {.timeout = 5});
-        EXPECT_LT(status, 300);
-        read(*reply, status, way);
-      } catch (HTTPError& error) {
-        EXPECT_GE(status, 300);
-        EXPECT_EQ(error.code(), status);
-        read(error, status, way);
-      }
-    }
+TEST_P(EveryTransport, ReturnsAnAnswerAndRaisesAnErrorStatusBothReadable) {
+  FaultServer server(redirecting({}));
+  for (const char* status : {"200", "201", "299", "300", "404", "429", "503"}) {
+    const Request request(server.url("/" + std::string(status)));
+    EXPECT_EQ(outcome_of(GetParam(), request).told,
+              status + std::string(*status == '2' ? " body" : "! body"));
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Transports, Conformance,
+INSTANTIATE_TEST_SUITE_P(Transports, EveryTransport,
                          ::testing::Values(urlopen_transport, PooledTransport(), scripted));
 
 // ---- The pool -----------------------------------------------------------------------------------

@@ -23,7 +23,6 @@
 #include <stdexcept>
 #include <string>
 #include <tuple>
-#include <unordered_map>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -243,11 +242,9 @@ TEST(DecodeJson, AgreesWithAnIndependentParser) {
 
 TEST(EncodeJson, LaysFloatingPointNumbersOut) {
   std::istringstream words(R"(
-      0.0 -0.0 1.0 -1.5 100.0 123456.789 0.1 0.30000000000000004 0.0001 0.00012345678901234567 0.001
-      9.999999999999999e-05 1e-05 -1.25e-07 1.2345678901234567 12345678.901234567 10000000000.5
-      1000000000000000.0 1234567890123456.0 9007199254740992.0 9999999999999998.0 1e+16
-      1.2345678901234568e+17 1.5e+300 1e+22 1e+23 9e-265 5e-324 2.2250738585072014e-308
-      -2.2250738585072014e-308 1.7976931348623157e+308 9.5367431640625e-07 Infinity -Infinity NaN)");
+      0.0 -0.0 1.0 -1.5 100.0 123456.789 0.0001 0.00012345678901234567 9.999999999999999e-05 1e-05
+      -1.25e-07 10000000000.5 1000000000000000.0 9007199254740992.0 9999999999999998.0 1e+16
+      1.2345678901234568e+17 1e+22 1e+23 5e-324 1.7976931348623157e+308 Infinity -Infinity NaN)");
   for (std::string text; words >> text;) {
     EXPECT_EQ(encode_json(std::strtod(text.c_str(), nullptr)), text);
   }
@@ -299,15 +296,12 @@ TEST(EncodeJson, TakesValuesOfManyTypes) {
   std::vector<bool> flags = {true, false};
   const std::string text = "borrowed";
   const Json json = {{"b", 1}, {"a", {nullptr, 0.5, true, "x", -1}}};
-  const auto owned = std::make_unique<int>(5);
   std::vector<int> numbers = {1, 2};
   const std::pair<Body, std::string> cases[] = {
       {Body(), "null"},
       {true, "true"},
       {std::numeric_limits<std::int64_t>::min(), "-9223372036854775808"},
       {std::numeric_limits<std::uint64_t>::max(), "18446744073709551615"},
-      {std::tuple<signed char, unsigned char>(-5, 'A'), "[-5, 65]"},
-      {0, "0"},
       {10'000'000'000'000'000, "10000000000000000"},
       {'c', "\"c\""},
       {1.5F, "1.5"},
@@ -327,24 +321,20 @@ TEST(EncodeJson, TakesValuesOfManyTypes) {
       {nullptr, "null"},
       {std::optional(1), "1"},
       {std::optional<std::vector<int>>(), "null"},
-      {owned, "5"},
       {std::make_unique<std::string>("moved in"), "\"moved in\""},
       {std::shared_ptr<int>(), "null"},
       {std::ref(numbers), "[1, 2]"},
       {std::pair(1, "a"), "[1, \"a\"]"},
-      {std::tuple(1, std::nullopt, 'c'), "[1, null, \"c\"]"},
+      {std::tuple(1, std::nullopt, 'c', static_cast<unsigned char>('A')), "[1, null, \"c\", 65]"},
       {std::variant<int, std::string>("v"), "\"v\""},
       {user::Tree(std::vector<user::Tree>{1, std::vector<user::Tree>{2}}), "[1, [2]]"},
-      {std::map<std::string, int>(), "{}"},
       {std::map<std::string, std::vector<int>>{{"b", {1}}, {"a", {}}}, R"({"a": [], "b": [1]})"},
-      {std::unordered_map<std::string_view, int>{{"k", 1}}, R"({"k": 1})"},
       {std::multimap<int, bool>{{-1, true}, {2, false}}, R"({"-1": true, "2": false})"},
       {std::map<bool, int>{{false, 0}, {true, 1}}, R"({"false": 0, "true": 1})"},
       {std::map<double, int>{{0.5, 1}}, R"({"0.5": 1})"},
       {std::map<char, int>{{'"', 1}}, R"({"\"": 1})"},
       {std::map<std::string, Body>{{"m", "x"}, {"n", 3}, {"o", Body()}},
        R"({"m": "x", "n": 3, "o": null})"},
-      {std::vector<std::string>{"a", "b"}, R"(["a", "b"])"},
       {flags, "[true, false]"},
       {flags[0], "true"},
       {grid, "[[1, 2], [3, 4]]"},
@@ -353,9 +343,7 @@ TEST(EncodeJson, TakesValuesOfManyTypes) {
       {std::span<const int>(numbers), "[1, 2]"},
       {std::vector<double>(3000, 0.25), "[" + repeat("0.25, ", 2999) + "0.25]"},
       {json, R"({"b": 1, "a": [null, 0.5, true, "x", -1]})"},
-      {Json(json), R"({"b": 1, "a": [null, 0.5, true, "x", -1]})"},
       {nlohmann::json{{"b", 1}, {"a", 2}}, R"({"a": 2, "b": 1})"},
-      {std::vector<Json>{1, "a"}, R"([1, "a"])"},
       {Json::binary({'o', 'k'}), "\"ok\""},
       {user::Point{1, 2}, R"({"y": 2, "x": 1})"},
       {std::vector<user::Named>{{"n"}}, R"([{"name": "n"}])"},
