@@ -71,7 +71,7 @@ TEST(Policy, NeedsAnAttempt) {
     const auto made = [&] { return std::to_string(RetryPolicy{.attempts = attempts}.attempts); };
     EXPECT_EQ(test::outcome(made), "invalid_argument: a retry policy makes at least one attempt");
     EXPECT_THROW(RetryPolicy{}.with({.attempts = attempts}), ValueError);
-    EXPECT_THROW(RetryPolicy{attempts}, ValueError);
+    EXPECT_THROW(static_cast<void>(RetryPolicy{attempts}), ValueError);
   }
   EXPECT_EQ(RetryPolicy{.attempts = 1}.attempts, 1);
   EXPECT_EQ(RetryPolicy{.attempts = 0x100000000LL}.attempts, INT_MAX);
