@@ -222,6 +222,13 @@ TEST(Send, SortsWhatTheTransportThrows) {
   EXPECT_EQ(sent(std::logic_error("bug")), "logic_error: bug");
   EXPECT_EQ(sent(Stopped("asked to")), "Stopped: asked to");
 
+  const auto page = ScriptedTransport().reply("x", 500, {{"Content-Type", "text/html"}});
+  const auto call = [&] {
+    return attempt(page, [](Response&) { return std::string("read"); },
+                   {.refusal_reason = html_page});
+  };
+  EXPECT_EQ(outcome(call), "Refused: HTTP 500, an HTML page | 500 | x");
+
   const auto body = reply_of({"{\"error\": ", "\"pending\"}"}, {.status = 400});
   const auto read = [&](Response& reply) { return read_json(reply, policy); };
   EXPECT_EQ(attempt(ScriptedTransport().reply(body), read, policy)["error"], "pending");
