@@ -5,33 +5,42 @@
 #include <chrono>
 #include <climits>
 #include <functional>
+#include <numeric>
 #include <stdexcept>
 #include <stop_token>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "engines/http/curl_transport.h"
+#include "tests/support/told.h"
 
 namespace engines::http {
 namespace {
 
 const RetryPolicy made_before_main;
 
+using Fields = std::tuple<int, double, double, StatusSet, StatusSet, StatusSet, bool,
+                          std::optional<double>, std::size_t, std::size_t>;
+
+/// All but the clock, the stop signal and the wait.
+Fields fields(const RetryPolicy& p) {
+  return Fields(p.attempts, p.backoff_s, p.timeout_s, p.retry_statuses, p.refusal_statuses,
+                p.error_replies, static_cast<bool>(p.refusal_reason), p.deadline, p.detail_chars,
+                p.max_body_bytes);
+}
+
+std::tuple<double, bool, bool> answers(const RetryPolicy& p) {
+  return {p.clock(), p.should_stop(), p.wait(0, _never)};
+}
+
 TEST(Policy, Defaults) {
   for (const RetryPolicy& policy : {RetryPolicy{}, made_before_main}) {
-    EXPECT_EQ(policy.attempts, 3);
-    EXPECT_EQ(policy.backoff_s, 1.0);
-    EXPECT_EQ(policy.timeout_s, 30.0);
-    EXPECT_EQ(policy.retry_statuses, TRANSIENT_STATUSES);
-    EXPECT_TRUE(policy.refusal_statuses.empty());
-    EXPECT_FALSE(policy.refusal_reason);
-    EXPECT_TRUE(policy.error_replies.empty());
-    EXPECT_EQ(policy.deadline, std::nullopt);
+    EXPECT_EQ(fields(policy),
+              Fields(3, 1, 30, TRANSIENT_STATUSES, {}, {}, false, std::nullopt, 300, 16777216));
     EXPECT_EQ(*policy.clock.target<double (*)()>(), &monotonic);
     EXPECT_EQ(*policy.should_stop.target<bool (*)()>(), &_never);
     EXPECT_NE(policy.wait.target<detail::WaitUnlessStopped>(), nullptr);
-    EXPECT_EQ(policy.detail_chars, 300U);
-    EXPECT_EQ(policy.max_body_bytes, 16777216U);
   }
 }
 
@@ -59,14 +68,10 @@ TEST(Policy, StatusSetsAreBuiltFromWhateverHoldsStatuses) {
 
 TEST(Policy, NeedsAnAttempt) {
   for (const int attempts : {0, -1}) {
-    try {
-      static_cast<void>(RetryPolicy{.attempts = attempts});
-      FAIL() << attempts;
-    } catch (const std::invalid_argument& error) {
-      EXPECT_STREQ(error.what(), "a retry policy makes at least one attempt");
-    }
+    const auto made = [&] { return std::to_string(RetryPolicy{.attempts = attempts}.attempts); };
+    EXPECT_EQ(test::outcome(made), "invalid_argument: a retry policy makes at least one attempt");
     EXPECT_THROW(RetryPolicy{}.with({.attempts = attempts}), ValueError);
-    EXPECT_THROW(RetryPolicy{attempts}, ValueError);
+    EXPECT_THROW(static_cast<void>(RetryPolicy{attempts}), ValueError);
   }
   EXPECT_EQ(RetryPolicy{.attempts = 1}.attempts, 1);
   EXPECT_EQ(RetryPolicy{.attempts = 0x100000000LL}.attempts, INT_MAX);
@@ -132,22 +137,12 @@ TEST(Policy, ACopyReplacesWhatIsNamedAndKeepsTheRest) {
                              .wait = [](double, const StopSignal&) { return true; },
                              .detail_chars = 5,
                              .max_body_bytes = 6};
-  const RetryPolicy same = original.with({});
-  const auto fields = [](const RetryPolicy& p) {
-    return std::tuple(int{p.attempts}, p.backoff_s, p.timeout_s, p.retry_statuses.contains(500),
-                      p.refusal_statuses.contains(403), p.error_replies.contains(400),
-                      static_cast<bool>(p.refusal_reason), p.deadline, p.clock(), p.should_stop(),
-                      p.wait(0, _never), p.detail_chars, p.max_body_bytes);
-  };
-  EXPECT_EQ(fields(same), fields(original));
+  EXPECT_EQ(fields(original.with({})), Fields(7, 2, 3, {500}, {403}, {400}, true, 9, 5, 6));
+  EXPECT_EQ(answers(original.with({})), std::tuple(4, true, true));
 
   const RetryPolicy cleared =
       original.with({.refusal_statuses = {}, .refusal_reason = nullptr, .deadline = std::nullopt});
-  EXPECT_TRUE(cleared.refusal_statuses.empty());
-  EXPECT_FALSE(cleared.refusal_reason);
-  EXPECT_EQ(cleared.deadline, std::nullopt);
-  EXPECT_EQ(cleared.attempts, 7);
-  EXPECT_EQ(original.deadline, 9.0);
+  EXPECT_EQ(fields(cleared), Fields(7, 2, 3, {500}, {}, {400}, false, std::nullopt, 5, 6));
 
   const RetryPolicy changed = original.with({.attempts = 1,
                                              .backoff_s = 0,
@@ -159,8 +154,8 @@ TEST(Policy, ACopyReplacesWhatIsNamedAndKeepsTheRest) {
                                              .wait = wait_unless_stopped,
                                              .detail_chars = 1,
                                              .max_body_bytes = 2});
-  EXPECT_EQ(fields(changed), std::tuple(1, 0.0, 1.0, false, true, false, true, std::optional(9.0),
-                                        1.5, false, false, std::size_t{1}, std::size_t{2}));
+  EXPECT_EQ(fields(changed), Fields(1, 0, 1, {1, 2}, {403}, {3}, true, 9, 1, 2));
+  EXPECT_EQ(answers(changed), std::tuple(1.5, false, false));
 }
 
 TEST(Policy, BackoffDoubles) {
@@ -193,22 +188,19 @@ TEST(WaitUnlessStopped, SleepsInStepsAndAsksBetween) {
       {0.5, 2.0, 0, 1, 2, false},    // one step is enough
   };
   for (const WaitCase& c : table) {
+    SCOPED_TRACE(c.seconds);
     std::vector<double> sleeps;
     int asks = 0;
     const bool stopped = wait_unless_stopped(
         c.seconds, [&] { return ++asks == c.stop_at_ask; },
         {.sleep = [&](double step) { sleeps.push_back(step); }, .poll_s = c.poll_s});
-    EXPECT_EQ(sleeps.size(), c.sleeps) << c.seconds;
-    EXPECT_EQ(asks, c.asks) << c.seconds;
-    EXPECT_EQ(stopped, c.stopped) << c.seconds;
-    if (c.sleeps > 1 && !c.stopped) {
-      EXPECT_EQ(sleeps[0], 0.1);
-      EXPECT_LT(sleeps.back(), 0.051);
-    }
+    EXPECT_EQ(sleeps.size(), c.sleeps);
+    EXPECT_EQ(asks, c.asks);
+    EXPECT_EQ(stopped, c.stopped);
+    for (const double step : sleeps) EXPECT_LE(step, c.poll_s);
+    const double in_all = std::accumulate(sleeps.begin(), sleeps.end(), 0.0);
+    EXPECT_NEAR(in_all, stopped ? in_all : c.seconds, 1e-9);
   }
-  std::vector<double> longest;
-  wait_unless_stopped(0.5, _never, {.sleep = [&](double s) { longest.push_back(s); }, .poll_s = 2});
-  EXPECT_EQ(longest, std::vector{0.5});
 }
 
 TEST(WaitUnlessStopped, ReallySleepsAndLetsErrorsThrough) {

@@ -1,35 +1,16 @@
 #include "tests/support/fault_server.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <openssl/ssl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <stdexcept>
 
 namespace engines::http::test {
 namespace {
-
-int listen_on_loopback(int& port) {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  if (bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 || listen(fd, 64) != 0 ||
-      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
-    throw std::runtime_error("no loopback port");
-  }
-  port = ntohs(address.sin_port);
-  return fd;
-}
 
 int select_alpn(SSL*, const unsigned char** out, unsigned char* out_size, const unsigned char* in,
                 unsigned in_size, void* wanted) {
@@ -43,32 +24,34 @@ int select_alpn(SSL*, const unsigned char** out, unsigned char* out_size, const 
   return SSL_TLSEXT_ERR_NOACK;
 }
 
-std::shared_ptr<void> tls_context(const Identity& identity, std::string* alpn) {
+std::shared_ptr<SSL_CTX> tls_context(const Identity& identity, std::string* alpn) {
   std::shared_ptr<SSL_CTX> context(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
   if (SSL_CTX_use_certificate_chain_file(context.get(), identity.certificate.c_str()) != 1 ||
       SSL_CTX_use_PrivateKey_file(context.get(), identity.key.c_str(), SSL_FILETYPE_PEM) != 1) {
     throw std::runtime_error("no certificate for the fault server");
   }
+  SSL_CTX_set_quiet_shutdown(context.get(), 1);  // the end of a play is a cut
   if (!alpn->empty()) SSL_CTX_set_alpn_select_cb(context.get(), select_alpn, alpn);
   return context;
 }
+
+BIO* listen_on_loopback() {
+  BIO* const listener = BIO_new_accept("127.0.0.1:0");
+  if (BIO_do_accept(listener) != 1) throw std::runtime_error("no loopback port");
+  return listener;
+}
+
+int fd_of(BIO* io) { return static_cast<int>(BIO_get_fd(io, nullptr)); }
+
+int port_of(BIO* listener) { return std::atoi(BIO_get_accept_port(listener)); }
 
 }  // namespace
 
 // ---- Peer ---------------------------------------------------------------------------------------
 
-bool Peer::readable(int timeout_ms) {
-  if (tls_ != nullptr && SSL_pending(static_cast<SSL*>(tls_)) > 0) return true;
-  pollfd fds[] = {{fd_, POLLIN, 0}, {server_.stop_[0], POLLIN, 0}};
-  return poll(fds, 2, timeout_ms) > 0 && fds[1].revents == 0;
-}
-
 std::string Peer::receive(std::size_t amt) {
   std::string bytes(amt, '\0');
-  if (!readable(-1)) return {};
-  const auto got = tls_ != nullptr
-                       ? SSL_read(static_cast<SSL*>(tls_), bytes.data(), static_cast<int>(amt))
-                       : recv(fd_, bytes.data(), amt, 0);
+  const int got = BIO_read(io_, bytes.data(), static_cast<int>(amt));
   bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
   return bytes;
 }
@@ -96,12 +79,8 @@ std::string Peer::request() {
 
 bool Peer::send(std::string_view bytes) {
   while (!bytes.empty()) {
-    pollfd fds[] = {{fd_, POLLOUT, 0}, {server_.stop_[0], POLLIN, 0}};
-    if (poll(fds, 2, -1) < 0 || fds[1].revents != 0) return false;
     const auto piece = bytes.substr(0, 65536);
-    const auto sent = tls_ != nullptr ? SSL_write(static_cast<SSL*>(tls_), piece.data(),
-                                                  static_cast<int>(piece.size()))
-                                      : ::send(fd_, piece.data(), piece.size(), MSG_NOSIGNAL);
+    const int sent = BIO_write(io_, piece.data(), static_cast<int>(piece.size()));
     if (sent <= 0) return false;
     bytes.remove_prefix(static_cast<std::size_t>(sent));
   }
@@ -116,13 +95,13 @@ void Peer::drip(std::string_view bytes, int pause_ms) {
 }
 
 void Peer::sleep(int ms) {
-  pollfd stop{server_.stop_[0], POLLIN, 0};
-  poll(&stop, 1, ms);
+  std::unique_lock lock(server_.mutex_);
+  server_.stopped_.wait_for(lock, std::chrono::milliseconds(ms), [this] { return server_.stop_; });
 }
 
 void Peer::stall() {
-  pollfd fds[] = {{fd_, POLLRDHUP, 0}, {server_.stop_[0], POLLIN, 0}};
-  poll(fds, 2, -1);
+  pollfd gone{fd_, POLLRDHUP, 0};
+  poll(&gone, 1, -1);
 }
 
 void Peer::reset() {
@@ -130,23 +109,36 @@ void Peer::reset() {
   setsockopt(fd_, SOL_SOCKET, SO_LINGER, &now, sizeof now);
 }
 
-void Peer::say_goodbye() { SSL_shutdown(static_cast<SSL*>(tls_)); }
+void Peer::say_goodbye() {
+  SSL* tls = nullptr;
+  BIO_get_ssl(io_, &tls);
+  SSL_set_quiet_shutdown(tls, 0);
+  SSL_shutdown(tls);
+  SSL_set_quiet_shutdown(tls, 1);
+}
 
 // ---- FaultServer --------------------------------------------------------------------------------
 
 FaultServer::FaultServer(Play play, const Identity* identity, std::string alpn)
-    : play_(std::move(play)), alpn_(std::move(alpn)), listener_(listen_on_loopback(port_)) {
+    : play_(std::move(play)),
+      alpn_(std::move(alpn)),
+      listener_(listen_on_loopback()),
+      port_(port_of(listener_)) {
   if (identity != nullptr) tls_context_ = tls_context(*identity, &alpn_);
-  if (pipe(stop_) != 0) throw std::runtime_error("no pipe");
   acceptor_ = std::thread([this] { accept_all(); });
 }
 
 FaultServer::~FaultServer() {
-  close(stop_[1]);
+  {
+    const std::lock_guard lock(mutex_);
+    stop_ = true;
+    for (const int fd : open_) shutdown(fd, SHUT_RDWR);
+  }
+  stopped_.notify_all();
+  shutdown(fd_of(listener_), SHUT_RDWR);
   acceptor_.join();
   for (auto& thread : connection_threads_) thread.join();
-  close(stop_[0]);
-  close(listener_);
+  BIO_free_all(listener_);
 }
 
 std::string FaultServer::url(std::string_view path) const {
@@ -160,39 +152,36 @@ std::vector<std::string> FaultServer::requests() const {
 }
 
 void FaultServer::accept_all() {
-  for (;;) {
-    pollfd fds[] = {{listener_, POLLIN, 0}, {stop_[0], POLLIN, 0}};
-    if (poll(fds, 2, -1) < 0 || fds[1].revents != 0) return;
-    const int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0) continue;
-    const int at_once = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &at_once, sizeof at_once);
+  while (BIO_do_accept(listener_) == 1) {
     ++connections_;
-    connection_threads_.emplace_back([this, fd] { serve(fd); });
+    connection_threads_.emplace_back([this, io = BIO_pop(listener_)] { serve(io); });
   }
 }
 
-void FaultServer::serve(int fd) {
+void FaultServer::serve(BIO* io) {
   sigset_t broken_pipe;  // OpenSSL's writes raise it; the library under test must not
   sigemptyset(&broken_pipe);
   sigaddset(&broken_pipe, SIGPIPE);
   pthread_sigmask(SIG_BLOCK, &broken_pipe, nullptr);
-  Peer peer(fd, *this);
-  std::unique_ptr<SSL, decltype(&SSL_free)> tls(nullptr, SSL_free);
-  bool ready = true;
-  if (tls_context_) {
-    tls.reset(SSL_new(static_cast<SSL_CTX*>(tls_context_.get())));
-    SSL_set_fd(tls.get(), fd);
-    ready = SSL_accept(tls.get()) == 1;
-    peer.tls_ = tls.get();
+  const int fd = fd_of(io);
+  BIO_set_tcp_ndelay(fd, 1);
+  {
+    const std::lock_guard lock(mutex_);
+    open_.insert(fd);
+    if (stop_) shutdown(fd, SHUT_RDWR);
   }
-  if (ready) play_(peer);
-  close(fd);
+  if (tls_context_) io = BIO_push(BIO_new_ssl(tls_context_.get(), 0), io);
+  Peer peer(io, fd, *this);
+  if (!tls_context_ || BIO_do_handshake(io) == 1) play_(peer);
+  const std::lock_guard lock(mutex_);
+  open_.erase(fd);
+  BIO_free_all(io);
 }
 
 int closed_port() {
-  int port = 0;
-  close(listen_on_loopback(port));
+  BIO* const listener = listen_on_loopback();
+  const int port = port_of(listener);
+  BIO_free_all(listener);
   return port;
 }
 

@@ -2,10 +2,14 @@
 // thread of its own, over plain TCP or TLS, on a free loopback port.
 #pragma once
 
+#include <openssl/bio.h>
+
 #include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -36,12 +40,11 @@ class Peer {
 
  private:
   friend class FaultServer;
-  Peer(int fd, class FaultServer& server) : fd_(fd), server_(server) {}
-  bool readable(int timeout_ms);
+  Peer(BIO* io, int fd, class FaultServer& server) : io_(io), fd_(fd), server_(server) {}
 
+  BIO* io_;
   int fd_;
   class FaultServer& server_;
-  void* tls_ = nullptr;
 };
 
 class FaultServer {
@@ -63,16 +66,18 @@ class FaultServer {
  private:
   friend class Peer;
   void accept_all();
-  void serve(int fd);
+  void serve(BIO* io);
 
   Play play_;
   std::string alpn_;
-  std::shared_ptr<void> tls_context_;
-  int port_ = 0;
-  int listener_;
-  int stop_[2];  // a pipe whose other end is closed to stop every wait
+  std::shared_ptr<SSL_CTX> tls_context_;
+  BIO* listener_;
+  int port_;
   std::atomic<int> connections_ = 0;
   mutable std::mutex mutex_;
+  std::condition_variable stopped_;
+  bool stop_ = false;
+  std::set<int> open_;  // the connections' sockets
   std::vector<std::string> requests_;
   std::vector<std::thread> connection_threads_;
   std::thread acceptor_;

@@ -1,16 +1,15 @@
 #include "tests/support/real_peers.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
+#include <openssl/bio.h>
 #include <signal.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <fstream>
+#include <memory>
 #include <stdexcept>
 #include <thread>
 
@@ -20,14 +19,9 @@ namespace engines::http::test {
 namespace {
 
 bool listens(int port) {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<std::uint16_t>(port));
-  const bool connected = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-  close(fd);
-  return connected;
+  const std::unique_ptr<BIO, decltype(&BIO_free_all)> connection(
+      BIO_new_connect(("127.0.0.1:" + std::to_string(port)).c_str()), BIO_free_all);
+  return BIO_do_connect(connection.get()) == 1;
 }
 
 std::string write(const TemporaryDirectory& directory, const std::string& name,
@@ -43,26 +37,37 @@ std::vector<std::string> lines_of(const std::string& file) {
   return lines;
 }
 
-std::string nginx_configuration(const TemporaryDirectory& directory, int port, int tls_port,
-                                const Identity& identity) {
+/// What "site" leaves to be said. Paths are relative to the directory that nginx is given.
+constexpr const char* NGINX = R"(
+  daemon off; master_process off; error_log error.log; pid pid;
+  events {}
+  http {
+    client_max_body_size 0; keepalive_requests 50;
+    log_format told '$connection $server_protocol $request_method $request_uri $request_length';
+    access_log access.log told;
+    client_body_temp_path c; proxy_temp_path p; fastcgi_temp_path f; uwsgi_temp_path u;
+    scgi_temp_path s;
+    server {
+      include site; root .;
+      location = /hello { return 200 hello; }
+      location = /chunked { ssi on; default_type text/html; try_files /page.html =500; }
+      location = /sink { access_log off; return 200 taken; }
+      location = /upload { proxy_pass $sink; }
+    }
+  })";
+
+/// Writes nginx's files and returns the directory that they are in.
+std::string nginx_files(const TemporaryDirectory& directory, int port, int tls_port,
+                        const Identity& identity) {
   const std::string address = "127.0.0.1:" + std::to_string(port);
   write(directory, "page.html", "<p><!--# echo var=\"request_method\" --></p>");
   write(directory, "big", std::string(20'000'000, 'x'));
-  return "daemon off; master_process off; error_log " + directory.file("error.log") + ";\n pid " +
-         directory.file("pid") +
-         ";\n events {}\n http { client_max_body_size 0; keepalive_requests 50; log_format told "
-         "'$connection $server_protocol $request_method $request_uri $request_length';\n "
-         "access_log " +
-         directory.file("access.log") + " told;\n client_body_temp_path " + directory.file("c") +
-         "; proxy_temp_path " + directory.file("p") + "; fastcgi_temp_path " + directory.file("f") +
-         "; uwsgi_temp_path " + directory.file("u") + "; scgi_temp_path " + directory.file("s") +
-         ";\n server { listen " + address + "; listen 127.0.0.1:" + std::to_string(tls_port) +
-         " ssl http2; ssl_certificate " + identity.certificate + "; ssl_certificate_key " +
-         identity.key + "; root " + directory.file("") +
-         ";\n location = /hello { return 200 hello; }\n location = /chunked { ssi on; default_type "
-         "text/html; try_files /page.html =500; }\n location = /sink { access_log off; return 200 "
-         "taken; }\n location = /upload { proxy_pass http://" +
-         address + "/sink; } } }\n";
+  write(directory, "nginx.conf", NGINX);
+  write(directory, "site",
+        "listen " + address + "; set $sink http://" + address +
+            "/sink; listen 127.0.0.1:" + std::to_string(tls_port) + " ssl http2; ssl_certificate " +
+            identity.certificate + "; ssl_certificate_key " + identity.key + ";");
+  return directory.file("");
 }
 
 }  // namespace
@@ -97,8 +102,7 @@ Nginx::Nginx(const Identity& identity)
     : port_(closed_port()),
       tls_port_(closed_port()),
       program_("/usr/sbin/nginx",
-               {"-c", write(directory_, "nginx.conf",
-                            nginx_configuration(directory_, port_, tls_port_, identity))},
+               {"-p", nginx_files(directory_, port_, tls_port_, identity), "-c", "nginx.conf"},
                port_) {}
 
 std::string Nginx::url(const std::string& path) const {

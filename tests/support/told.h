@@ -1,6 +1,7 @@
-// A failure told in one line, for tables.
+// How a call ended, in one line, for tables.
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "engines/http/classification.h"
@@ -8,11 +9,21 @@
 namespace engines::http::test {
 
 /// "Kind: message | status | detail", the last two where there are any.
-inline std::string told(const HttpFailure& failure) {
-  std::string line = ErrorRef(failure).type_name() + ": " + failure.message();
-  if (failure.status()) line += " | " + std::to_string(*failure.status());
-  if (!failure.detail().empty()) line += " | " + failure.detail();
+inline std::string told(const std::exception& error) {
+  std::string line = ErrorRef(error).type_name() + ": " + error.what();
+  const auto* const failure = dynamic_cast<const HttpFailure*>(&error);
+  if (failure && failure->status()) line += " | " + std::to_string(*failure->status());
+  if (failure && !failure->detail().empty()) line += " | " + failure->detail();
   return line;
+}
+
+/// What the call returns, or what it throws, told.
+inline std::string outcome(const std::function<std::string()>& call) {
+  try {
+    return call();
+  } catch (const std::exception& error) {
+    return told(error);
+  }
 }
 
 }  // namespace engines::http::test
