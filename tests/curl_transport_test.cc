@@ -298,6 +298,11 @@ TEST_P(EveryFault, BeforeTheRequestIsSentIsAURLError) {
   const Outcome unknown = outcome_of(transport, Request("http://" + times(64, "x") + ".invalid/"));
   EXPECT_EQ(unknown.told, "URLError(gaierror)");
 
+  // An address within a zone keeps it: without one, it is no address that can be connected to.
+  const Outcome zoned = outcome_of(transport, Request("http://[fe80::1%25lo]:9/"));
+  EXPECT_TRUE(zoned.told.starts_with("URLError(")) << zoned.told;
+  EXPECT_EQ(zoned.text.find("Invalid argument"), std::string::npos) << zoned.text;
+
   // An answer that comes before the body has been taken counts.
   const auto early = [](const std::string& reply) {
     return [reply](Peer& peer) { peer.receive(1000), peer.send(reply), peer.stall(); };
@@ -509,6 +514,25 @@ TEST(Reading, ReadFillsAndRead1TakesWhatHasCome) {
   for (const char* expected : {"b", "cdef", "gh", ""}) EXPECT_EQ(read1->read1(9), expected);
 }
 
+TEST(Reading, AFillingReadDoesNotWaitForWhatHasCome) {
+  const std::string chunks = times(9, "3\r\nabc\r\n") + "0\r\n\r\n";
+  FaultServer server([&chunks](Peer& peer) {
+    while (!peer.request().empty()) {
+      peer.send(OK + "Transfer-Encoding: chunked\r\n\r\n");
+      peer.sleep(20);
+      peer.send(chunks);
+    }
+  });
+  const PooledTransport pool;
+  // A new connection has timers, which would hide a wait too many: else it lasts for ever.
+  for (int i = 0; i < 3; ++i) {
+    const auto reply = pool(Request(server.url()), {.timeout = 10'000});
+    EXPECT_EQ(reply->read(65536), times(9, "abc"));
+    reply->close();
+  }
+  EXPECT_EQ(server.connections(), 1);
+}
+
 TEST(Reading, AFailureIsRepeated) {
   FaultServer server(answer("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nab"));
   const auto reply = urlopen_transport(Request(server.url()), {.timeout = 5});
@@ -701,6 +725,13 @@ TEST(Pool, AStopSignalEndsEveryWait) {
       stopper.join();
     }
   }
+  FaultServer quick(answer(HI));
+  stop = false;
+  const auto whole_reply = pool(Request(quick.url()), {.timeout = TIMEOUT_S});
+  stop = true;
+  EXPECT_THROW(whole_reply->read1(9), Stopped) << "though there is nothing to wait for";
+  EXPECT_EQ(outcome_of(pool, Request(quick.url())).told, "Stopped");
+  EXPECT_EQ(quick.connections(), 1) << "a call that was stopped before it began";
 }
 
 TEST(Pool, ServesTheChildOfAForkWithConnectionsOfItsOwn) {
