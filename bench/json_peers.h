@@ -1,9 +1,7 @@
 // JSON read and written by others.
 #pragma once
 
-#include <optional>
 #include <string>
-#include <string_view>
 
 #include "engines/http/json.h"
 

@@ -21,8 +21,6 @@ class Servers {
   std::string get_url(const std::string& path) const;
   std::string tls_url(const std::string& path) const;
   std::string echo_url() const;
-  int get_port() const { return get_port_; }
-  int echo_port() const { return echo_port_; }
   std::string ca_file() const { return authority_.file(); }
   /// The platform's certificates and the one that the server is trusted by: as one file, and as a
   /// directory by hash.
