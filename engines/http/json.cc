@@ -36,6 +36,28 @@ std::uint64_t start_of(std::string_view text) noexcept {
   return start;
 }
 
+/// Takes everything out of a value, from its leaves on.
+void clear(Json& value) noexcept {
+  if (auto* const items = value.get_ptr<Json::array_t*>()) {
+    for (Json& item : *items) clear(item);
+    items->clear();
+  } else if (auto* const members = value.get_ptr<Json::object_t*>()) {
+    for (auto& [name, member] : *members) clear(member);
+    members->clear();
+  }
+}
+
+/// An array or object, complete or not. The destructor of one that is not empty allocates, and so
+/// would end the process where what is built is given up for want of memory.
+struct Container {
+  explicit Container(Json::value_t kind) : value(kind) {}
+  Container(Container&&) noexcept = default;
+  Container& operator=(Container&&) noexcept = default;
+  ~Container() { clear(value); }
+
+  Json value;
+};
+
 /// Reads one text. Values go onto a stack as they are met; the end of an array or object takes its
 /// items off it and makes the Json value, which thus has its final size at once.
 class Decoder {
@@ -114,8 +136,8 @@ class Decoder {
   const char* end_;
   std::vector<Slot> slots_;
   std::vector<Open> open_;
-  std::vector<Json> containers_;  // complete, not yet moved into the one around them
-  std::string unescaped_;         // texts that held escapes; reserved once, so it never moves
+  std::vector<Container> containers_;  // complete, not yet moved into the one around them
+  std::string unescaped_;              // texts that held escapes; reserved once, so it never moves
 };
 
 std::optional<Json> Decoder::decode() {
@@ -334,16 +356,16 @@ void Decoder::close() {
   const Open ended = open_.back();
   open_.pop_back();
   const std::span<Slot> slots = std::span(slots_).subspan(ended.first_slot);
-  Json value(ended.closer == ']' ? Json::value_t::array : Json::value_t::object);
+  Container built(ended.closer == ']' ? Json::value_t::array : Json::value_t::object);
   if (ended.closer == ']') {
-    auto& items = value.get_ref<Json::array_t&>();
+    auto& items = built.value.get_ref<Json::array_t&>();
     items.reserve(slots.size());
     for (const Slot& slot : slots) {
       give(slot, [&]<class T>(T&& held) { items.emplace_back(std::forward<T>(held)); });
     }
   } else {
     // Growing an ordered_map copies the members, deeply, and its own insertion looks through all.
-    auto& members = static_cast<Json::object_t::Container&>(value.get_ref<Json::object_t&>());
+    auto& members = static_cast<Json::object_t::Container&>(built.value.get_ref<Json::object_t&>());
     members.reserve(settle_names(slots));
     for (std::size_t i = 0; i < slots.size(); i += 2) {
       if (slots[i].kind() == Kind::dropped) continue;
@@ -356,7 +378,7 @@ void Decoder::close() {
   containers_.erase(containers_.begin() + static_cast<std::ptrdiff_t>(ended.first_container),
                     containers_.end());
   push(Kind::container, {.container = containers_.size()});
-  containers_.push_back(std::move(value));
+  containers_.push_back(std::move(built));
 }
 
 /// Gives the first member of each name the value of the last one and drops the others. Returns how
@@ -423,7 +445,7 @@ void Decoder::give(const Slot& slot, const Sink& sink) {
     case Kind::text:
       return sink(std::string(slot.text()));
     case Kind::container:
-      return sink(std::move(containers_[slot.value.container]));
+      return sink(std::move(containers_[slot.value.container].value));
     case Kind::null:
     case Kind::dropped:
       break;

@@ -8,6 +8,7 @@
 #include <bit>
 #include <cstdint>
 #include <memory>
+#include <new>
 
 #include "engines/http/detail/scan.h"
 
@@ -143,11 +144,13 @@ std::string lower(std::string_view text) {
   UErrorCode error = U_ZERO_ERROR;
   const std::unique_ptr<UCaseMap, decltype(&ucasemap_close)> root(
       ucasemap_open("", U_FOLD_CASE_DEFAULT, &error), &ucasemap_close);
+  if (!root) throw std::bad_alloc();  // ICU's functions do not look
   // Lower-casing at most triples a character's bytes.
   std::string lowered(3 * text.size(), '\0');
   const std::int32_t size =
       ucasemap_utf8ToLower(root.get(), lowered.data(), static_cast<std::int32_t>(lowered.size()),
                            text.data(), static_cast<std::int32_t>(text.size()), &error);
+  if (error == U_MEMORY_ALLOCATION_ERROR) throw std::bad_alloc();
   lowered.resize(U_FAILURE(error) ? 0 : static_cast<std::size_t>(size));
   return lowered;
 }

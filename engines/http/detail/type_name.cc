@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <memory>
+#include <new>
 #include <string_view>
 
 namespace engines::http::detail {
@@ -16,7 +17,7 @@ constexpr bool is_identifier(char c) noexcept {
 
 /// The position behind the group that opens at `open`. Angle brackets count only outside round
 /// ones, since an argument such as `(1>2)` is printed in round ones.
-std::size_t skip_group(std::string_view name, std::size_t open) noexcept {
+std::size_t skip_group(std::string_view name, std::size_t open) {
   std::string closers;
   std::size_t i = open;
   do {
@@ -53,8 +54,11 @@ std::size_t skip_operator(std::string_view name, std::size_t i) noexcept {
 }  // namespace
 
 std::string type_name(const std::type_info& type) {
+  constexpr int NO_MEMORY = -1;
+  int status = 0;
   const std::unique_ptr<char, decltype(&std::free)> demangled(
-      abi::__cxa_demangle(type.name(), nullptr, nullptr, nullptr), &std::free);
+      abi::__cxa_demangle(type.name(), nullptr, nullptr, &status), &std::free);
+  if (status == NO_MEMORY) throw std::bad_alloc();
   const std::string_view name = demangled ? demangled.get() : type.name();
 
   // The last component of the qualified name begins behind the last `::` that is in no group, and

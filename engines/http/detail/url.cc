@@ -121,10 +121,10 @@ std::shared_ptr<const Url> resolve(const Url& base, std::string_view location) {
   if (reference.empty()) return nullptr;
   const Handle handle = new_handle();
   set_url(handle, base.text);
-  if (curl_url_set(handle.get(), CURLUPART_URL, reference.c_str(), CURLU_NON_SUPPORT_SCHEME) !=
-      CURLUE_OK) {
-    return nullptr;
-  }
+  const CURLUcode code =
+      curl_url_set(handle.get(), CURLUPART_URL, reference.c_str(), CURLU_NON_SUPPORT_SCHEME);
+  if (code == CURLUE_OUT_OF_MEMORY) throw std::bad_alloc();
+  if (code != CURLUE_OK) return nullptr;
   const auto target = part_of(handle, CURLUPART_URL);
   if (!target) return nullptr;
   try {
