@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <iterator>
 #include <sstream>
 #include <string>
@@ -30,6 +32,22 @@ TEST(SecretsOf, CollectsValuesAndTheCredentialsInThem) {
   for (const auto& [headers, expected] : table) EXPECT_EQ(items(secrets_of(headers)), expected);
 }
 
+TEST(SecretsOfUrl, ThePasswordAndWhatIsSentOfIt) {
+  const std::vector<std::array<std::string, 4>> table{
+      {"a", "%fB%Ff%aA", "\xfb\xff\xaa", "YTr7/6o="},
+      {"us", "p%40%gg%4g@s%4", "p@%gg%4g@s%4", "dXM6cEAlZ2clNGdAcyU0"},
+      {"us%65r", "p%0A%39:", "p\n9:", "dXNlcjpwCjk6"}};
+  for (const auto& [user, given, password, sent] : table) {
+    for (const char* rest : {"/x@y", "?@", "#@", ""}) {
+      const auto found = items(secrets_of_url("http://" + user + ":" + given + "@h" + rest));
+      for (const std::string& secret : {given, password, sent}) {
+        EXPECT_NE(std::ranges::find(found, secret), found.end()) << secret;
+      }
+    }
+  }
+  for (const char* url : {"http://h/a:b@c", "a:b@c"}) EXPECT_TRUE(secrets_of_url(url).empty());
+}
+
 TEST(Secrets, AnyRangeIsReadOnce) {
   struct OnePass {
     std::istringstream words;
@@ -39,17 +57,14 @@ TEST(Secrets, AnyRangeIsReadOnce) {
   EXPECT_EQ(items(OnePass{std::istringstream("first-secret second-secret")}),
             (std::vector<std::string>{"first-secret", "second-secret"}));
   const char* const array[] = {"a", "b"};
-  EXPECT_EQ(items(Secrets(array).followed_by({"c"})), (std::vector<std::string>{"a", "b", "c"}));
+  EXPECT_EQ(Secrets(array).size(), 2U);
+  EXPECT_EQ(Secrets(array)[1], "b");
+  EXPECT_EQ(items(Secrets().followed_by(Secrets(array)).followed_by({"c"})),
+            (std::vector<std::string>{"a", "b", "c"}));
 }
 
-struct RedactCase {
-  std::string text;
-  std::vector<std::string> secrets;
-  std::string expected;
-};
-
 TEST(Redact, KnownSecretsAndTheirCutStarts) {
-  const std::vector<RedactCase> table{
+  const std::vector<std::tuple<std::string, std::vector<std::string>, std::string>> table{
       {"a 1234567 b", {"1234567"}, "a 1234567 b"},
       {"a 12345678 b 12345678", {"12345678"}, "a [redacted] b [redacted]"},
       {"xx abcdefgh12 yy abcdefgh zz",
@@ -75,8 +90,12 @@ TEST(Redact, KnownSecretsAndTheirCutStarts) {
       {"quote \"pa$$w\\0rd.*\" end", {"pa$$w\\0rd.*"}, "quote \"[redacted]\" end"},
       // Not UTF-8: as its own bytes, or as a reader has decoded them.
       {"a caf\xe9-secret b", {"caf\xe9-secret"}, "a [redacted] b"},
+      {"\xc3\xa9-secret", {"\xa9-secret"}, "\uFFFD[redacted]"},
       {"a caf\uFFFD-secret b", {"caf\xe9-secret"}, "a [redacted] b"},
+      {"a caf\xe9-secret b", {"caf\uFFFD-secret"}, "a [redacted] b"},
       {"\xff ok-secret \xff", {"ok-secret"}, "\uFFFD [redacted] \uFFFD"},
+      {"one\uFFFD-two-three", {"one\xff-two-three-four-five", "-two-three-\xff"}, "[redacted]"},
+      {"k=1234567\u00e9\xc3", {"1234567\u00e9\u00e9\u00e9"}, "k=[redacted]"},
   };
   for (const auto& [text, secrets, expected] : table) {
     EXPECT_EQ(redact(text, secrets), expected) << text;
@@ -105,7 +124,7 @@ TEST(Redact, EchoedCredentials) {
       {"bearer ab\u180ecd ef", "bearer [redacted] ef"},  // so it ends no credential either
       {"forbearer x BEARER y}", "forbearer x BEARER [redacted]}"},
       {"bearer \xff\xfe tail", "bearer [redacted] tail"},
-      {"Bearer one bearer two", "Bearer [redacted] bearer [redacted]"},
+      {"Bearer [o]n!e bearer two", "Bearer [redacted] bearer [redacted]"},
   };
   for (const auto& [text, expected] : table) EXPECT_EQ(redact(text), expected) << text;
   EXPECT_EQ(redact("Authorization: Bearer 0123456789", {"0123456789"}),
@@ -139,10 +158,11 @@ TEST(Excerpt, IsRedactedBeforeItIsCut) {
   EXPECT_EQ(excerpt(a.substr(0, 280) + " Authorization: Bearer abcdefghijklmnop"),
             a.substr(0, 280) + " Authorization: [red");
   EXPECT_EQ(excerpt("abc x", {"", "abc"}), "abc x");
-  // 64 characters and the longest secret beyond the limit are redacted, and no more: the start
-  // of the secret that ends this stretch is removed there, and its rest is never seen.
-  const std::string far = std::string(64 + 20, 'b') + secret;
-  EXPECT_EQ(excerpt(far, {secret}, 12), std::string(12, 'b'));
+  // 64 characters and the longest secret beyond the limit are looked at, and no more.
+  const std::string credential = "bearer " + a.substr(0, 20 + 64 - 7);
+  EXPECT_EQ(excerpt(credential + ";", {}, 20), "bearer [redacted]");
+  EXPECT_EQ(excerpt(credential + a.substr(0, 20) + ";", {secret}, 20), "bearer [redacted]");
+  EXPECT_EQ(excerpt(credential.substr(0, 77) + " " + secret, {secret}, 20), "bearer [redacted] [r");
   EXPECT_EQ(excerpt("\u00e9\u00e9\u00e9\xff"
                     "abc",
                     {}, 5),

@@ -1,6 +1,7 @@
 #include "engines/http/attempt.h"
 
 #include <algorithm>
+#include <new>
 
 #include "engines/http/classification.h"
 #include "engines/http/curl_transport.h"
@@ -44,8 +45,7 @@ void detail::send(std::string_view url, const AttemptFields& fields,
                   const std::function<void(Response&)>& read) {
   std::optional<std::string> data = encode_body(fields.body);
   Headers headers = data ? with_content_type(fields.headers) : fields.headers;
-  const Secrets hidden =
-      fields.secrets.followed_by(secrets_of(headers)).followed_by(secrets_of_url(url));
+  const Secrets hidden = _secrets_of_call(fields.secrets, headers, url);
   const Request request(
       std::string(url),
       {.data = std::move(data), .headers = std::move(headers), .method = fields.method});
@@ -72,8 +72,13 @@ ReplyOrFailure _reply_or_failure(const Transport& transport, const Request& requ
   } catch (HTTPError& error) {
     if (!policy.error_replies.contains(error.code())) return classify(error, policy, secrets);
     // The error is the reply, kept alive by its own handle.
-    return std::shared_ptr<Response>(std::make_shared<std::exception_ptr>(std::current_exception()),
-                                     &error);
+    try {
+      return std::shared_ptr<Response>(
+          std::make_shared<std::exception_ptr>(std::current_exception()), &error);
+    } catch (const std::bad_alloc&) {
+      error.close();
+      throw;
+    }
   } catch (const OSError& error) {
     return classify(error, policy, secrets);
   } catch (const HTTPException& error) {

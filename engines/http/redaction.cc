@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <new>
 
 #include "engines/http/detail/text.h"
 
@@ -47,14 +48,16 @@ class Echo {
     PCRE2_SIZE offset = 0;
     code_.reset(pcre2_compile(reinterpret_cast<PCRE2_SPTR>(spelled.data()), spelled.size(),
                               PCRE2_UTF | PCRE2_UCP, &error, &offset, nullptr));
+    if (error == PCRE2_ERROR_HEAP_FAILED) throw std::bad_alloc();   // the next call tries again
     if (code_) pcre2_jit_compile(code_.get(), PCRE2_JIT_COMPLETE);  // without it: slower, the same
     context_.reset(pcre2_match_context_create(nullptr));
-    if (context_) pcre2_set_match_limit(context_.get(), UINT32_MAX);
+    if (!context_) throw std::bad_alloc();
+    pcre2_set_match_limit(context_.get(), UINT32_MAX);
   }
 
   /// Replaces each credential in the text, which is valid UTF-8. False when the engine failed.
   bool redact(std::string& text) const {
-    if (!code_ || !context_) return false;
+    if (!code_) return false;
     const std::unique_ptr<pcre2_match_data, decltype(&pcre2_match_data_free)> match(
         pcre2_match_data_create_from_pattern(code_.get(), nullptr), &pcre2_match_data_free);
     if (!match) return false;
@@ -210,12 +213,24 @@ Secrets secrets_of_url(std::string_view url) {
   const std::size_t colon = std::min(userinfo.find(':'), userinfo.size());
   const std::string user = percent_decoded(userinfo.substr(0, colon));
   const std::string_view password = userinfo.substr(std::min(colon + 1, userinfo.size()));
-  return {std::string(password), percent_decoded(password),
+  const std::string_view secret = password.empty() ? userinfo.substr(0, colon) : password;
+  return {std::string(secret), percent_decoded(secret),
           base64(user + ":" + percent_decoded(password))};
 }
 
+Secrets _secrets_of_call(const Secrets& given, const Headers& headers, std::string_view url) {
+  Headers as_read;  // a server takes the white space around a value away, and echoes the rest
+  for (const auto& [name, value] : headers) {
+    const std::string_view trimmed = detail::trim(value);
+    if (trimmed.size() != value.size()) as_read.add(name, std::string(trimmed));
+  }
+  return given.followed_by(secrets_of(headers))
+      .followed_by(secrets_of(as_read))
+      .followed_by(secrets_of_url(url));
+}
+
 std::string _without_cut_secret(std::string text, std::string_view secret) {
-  // A start of the secret that ends the text is one in bytes as in characters: both are UTF-8.
+  // Looked for in bytes: in UTF-8 that is the same, and elsewhere the cut may be in a character.
   const std::size_t chars = detail::length(secret);
   if (chars <= detail::MIN_SECRET_CHARS) return text;
   const std::size_t shortest = detail::first_chars(secret, detail::MIN_SECRET_CHARS).size();
@@ -232,15 +247,17 @@ std::string _without_cut_secret(std::string text, std::string_view secret) {
 std::string redact(std::string_view text, const Secrets& secrets) {
   std::string redacted(text);
   std::vector<std::string> decoded;
-  std::vector<std::string> ill_formed;
+  std::vector<std::string> forms;  // one that is not UTF-8 may also stand in the text as its bytes
   for (const std::string& secret : secrets) {
-    if (!detail::is_utf8(secret)) ill_formed.push_back(secret);
+    if (!detail::is_utf8(secret)) forms.push_back(secret);
     decoded.push_back(detail::decode_utf8(secret));
   }
-  // A secret that is not UTF-8 may stand in the text as its own bytes or as they were decoded.
-  remove_secrets(redacted, ill_formed);
-  redacted = detail::decode_utf8(std::move(redacted));
-  remove_secrets(redacted, decoded);
+  forms.insert(forms.end(), decoded.begin(), decoded.end());
+  remove_secrets(redacted, forms);
+  if (!detail::is_utf8(redacted)) {
+    redacted = detail::decode_utf8(std::move(redacted));
+    remove_secrets(redacted, decoded);  // U+FFFD may have completed one that holds it
+  }
   for (const Echo& echo : echoes()) {
     if (!echo.redact(redacted)) return std::string(REDACTED);  // better nothing than a secret
   }

@@ -93,9 +93,13 @@ inline constexpr std::array<std::string_view, 2> ECHOES = {
 /// after it the credential without the scheme word in front, where there is one.
 Secrets secrets_of(const Headers& headers);
 
-/// The secrets that a URL's userinfo carries (RFC 3986, section 3.2.1): its password, as it stands
-/// and decoded, and the credentials as Basic authentication sends them (RFC 7617, section 2).
+/// The secrets that a URL's userinfo carries (RFC 3986, section 3.2.1): its password (its user
+/// where there is none, as with a token), as it stands and decoded, and the credentials as Basic
+/// authentication sends them (RFC 7617, section 2).
 Secrets secrets_of_url(std::string_view url);
+
+/// The secrets of a call: the caller's, those that its headers carry, and those in its URL.
+Secrets _secrets_of_call(const Secrets& given, const Headers& headers, std::string_view url);
 
 /// The text without those secrets of at least eight characters, without the start of any of them
 /// (at least eight characters) where the text ends, and without credentials that were echoed back.

@@ -19,7 +19,7 @@ Json get_json(std::string_view url, const CallOptions& options) {
 Json _request_json(std::string_view method, std::string_view url, const Body& body,
                    const RetryPolicy& policy, std::string_view label, const Headers& headers,
                    const Secrets& secrets, const Transport& transport) {
-  const Secrets hidden = secrets.followed_by(secrets_of(headers)).followed_by(secrets_of_url(url));
+  const Secrets hidden = _secrets_of_call(secrets, headers, url);
   const auto reader = [&](Response& reply) { return read_json(reply, policy, hidden); };
   const std::string verb(method);
   const auto attempt = [&](double timeout) {

@@ -27,13 +27,16 @@ bool is_connection_error(int os_error) {
 std::string told(std::string_view situation, const Evidence& evidence) {
   std::string text(situation);
   text += ": ";
-  // No text of libcurl quotes a URL but the proxy's, which may hold a password.
-  if (evidence.text.find("://") != std::string::npos) {
+  // No text of libcurl quotes a URL but the proxy's, which may hold a password and lack a scheme.
+  if (evidence.text.starts_with("Unsupported proxy") ||
+      evidence.text.find("://") != std::string::npos) {
     text += "the proxy's URL cannot be used";
   } else {
     text += evidence.text.empty() ? curl_easy_strerror(evidence.code) : evidence.text;
   }
-  if (evidence.os_error != 0) {
+  // A text as long as libcurl's buffer may have been cut inside a secret. It has to end where it
+  // was cut: only there is the start of one looked for.
+  if (evidence.os_error != 0 && evidence.text.size() + 1 < CURL_ERROR_SIZE) {
     const std::string reason = std::generic_category().message(evidence.os_error);
     if (text.find(reason) == std::string::npos) text += " (" + reason + ")";
   }
