@@ -15,14 +15,18 @@ namespace {
 int select_alpn(SSL*, const unsigned char** out, unsigned char* out_size, const unsigned char* in,
                 unsigned in_size, void* wanted) {
   const auto& name = *static_cast<const std::string*>(wanted);
-  for (unsigned at = 0; at < in_size; at += in[at] + 1U) {
-    if (std::string_view(reinterpret_cast<const char*>(in) + at + 1, in[at]) != name) continue;
-    *out = in + at + 1;
-    *out_size = in[at];
-    return SSL_TLSEXT_ERR_OK;
-  }
-  return SSL_TLSEXT_ERR_NOACK;
+  const std::string list = static_cast<char>(name.size()) + name;
+  const int found = SSL_select_next_proto(const_cast<unsigned char**>(out), out_size, in, in_size,
+                                          reinterpret_cast<const unsigned char*>(list.data()),
+                                          static_cast<unsigned>(list.size()));
+  return found == OPENSSL_NPN_NEGOTIATED ? SSL_TLSEXT_ERR_OK : SSL_TLSEXT_ERR_NOACK;
 }
+
+int fd_of(BIO* io) { return static_cast<int>(BIO_get_fd(io, nullptr)); }
+
+int port_of(BIO* listener) { return std::atoi(BIO_get_accept_port(listener)); }
+
+}  // namespace
 
 std::shared_ptr<SSL_CTX> tls_context(const Identity& identity, std::string* alpn) {
   std::shared_ptr<SSL_CTX> context(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
@@ -40,12 +44,6 @@ BIO* listen_on_loopback() {
   if (BIO_do_accept(listener) != 1) throw std::runtime_error("no loopback port");
   return listener;
 }
-
-int fd_of(BIO* io) { return static_cast<int>(BIO_get_fd(io, nullptr)); }
-
-int port_of(BIO* listener) { return std::atoi(BIO_get_accept_port(listener)); }
-
-}  // namespace
 
 // ---- Peer ---------------------------------------------------------------------------------------
 
@@ -137,7 +135,7 @@ FaultServer::~FaultServer() {
   stopped_.notify_all();
   shutdown(fd_of(listener_), SHUT_RDWR);
   acceptor_.join();
-  for (auto& thread : connection_threads_) thread.join();
+  plays_.clear();
   BIO_free_all(listener_);
 }
 
@@ -154,7 +152,10 @@ std::vector<std::string> FaultServer::requests() const {
 void FaultServer::accept_all() {
   while (BIO_do_accept(listener_) == 1) {
     ++connections_;
-    connection_threads_.emplace_back([this, io = BIO_pop(listener_)] { serve(io); });
+    std::erase_if(plays_, [](const auto& play) {
+      return play.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    });
+    plays_.push_back(std::async(std::launch::async, &FaultServer::serve, this, BIO_pop(listener_)));
   }
 }
 

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -79,9 +80,15 @@ class FaultServer {
   bool stop_ = false;
   std::set<int> open_;  // the connections' sockets
   std::vector<std::string> requests_;
-  std::vector<std::thread> connection_threads_;
+  std::vector<std::future<void>> plays_;  // those that run, and some that have ended
   std::thread acceptor_;
 };
+
+/// What the server's side of TLS needs; `alpn` is referred to.
+std::shared_ptr<SSL_CTX> tls_context(const Identity& identity, std::string* alpn);
+
+/// A listener on a free loopback port.
+BIO* listen_on_loopback();
 
 /// A loopback port on which nothing listens.
 int closed_port();

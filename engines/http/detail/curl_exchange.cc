@@ -1,5 +1,6 @@
 #include "engines/http/detail/curl_exchange.h"
 
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -37,10 +38,13 @@ long whole_milliseconds(Clock::duration wait) {  // at least 1: libcurl takes 0 
 }
 
 /// The status of `HTTP-version SP status-code [SP reason]` (RFC 9112, section 4); 0: it is none.
+/// What has the protocol's name and no version, libcurl takes for a 200.
 StatusCode status_in(std::string_view line) {
-  const std::size_t space = line.find(' ');
-  if (!line.starts_with("HTTP/") || space == std::string_view::npos) return 0;
-  const std::string_view rest = line.substr(space + 1);
+  if (!line.starts_with("HTTP/1.1 ") && !line.starts_with("HTTP/1.0 ") &&
+      !line.starts_with("HTTP/2 ")) {
+    return 0;
+  }
+  const std::string_view rest = line.substr(line.find(' ') + 1);
   StatusCode status = 0;
   const auto digits = rest.substr(0, 3);
   const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), status);
@@ -52,6 +56,19 @@ std::string_view trimmed(std::string_view text) {
   const std::size_t first = text.find_first_not_of(" \t");
   if (first == std::string_view::npos) return {};
   return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+/// The port that a socket is bound to on this side; -1 where it is none that is open.
+int local_port_of(int socket) {
+  sockaddr_storage address{};
+  socklen_t size = sizeof address;
+  if (getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size) != 0) return -1;
+  if (address.ss_family == AF_INET6) {
+    return ntohs(reinterpret_cast<const sockaddr_in6&>(address).sin6_port);
+  }
+  return address.ss_family == AF_INET
+             ? ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port)
+             : -1;
 }
 
 /// Whether every value, and every element of a value, is one and the same length (RFC 9112, section
@@ -97,8 +114,15 @@ Exchange::Exchange(std::unique_ptr<Slot> slot, const Hop& hop, const PoolOptions
   set(easy, CURLOPT_PREREQDATA, this);
   set(easy, CURLOPT_OPENSOCKETFUNCTION, &on_socket);
   set(easy, CURLOPT_OPENSOCKETDATA, this);
+  set(easy, CURLOPT_XFERINFOFUNCTION, &on_progress);
+  set(easy, CURLOPT_XFERINFODATA, this);
   set(easy, CURLOPT_SEEKFUNCTION, &on_rewind);
   set(easy, CURLOPT_SEEKDATA, this);
+  if (may_be_http2_) {
+    set(easy, CURLOPT_VERBOSE, 1L);  // there is no trace without it
+    set(easy, CURLOPT_DEBUGFUNCTION, &on_trace);
+    set(easy, CURLOPT_DEBUGDATA, this);
+  }
 }
 
 Exchange::~Exchange() = default;
@@ -151,6 +175,31 @@ std::size_t Exchange::on_upload(char* to, std::size_t, std::size_t room, void* s
   return size;
 }
 
+/// Over HTTP/2, libcurl may not return while frames come that carry nothing of the reply: what it
+/// traces of each TLS record is the one sign of life, and a time to look at ours.
+int Exchange::on_trace(CURL*, curl_infotype type, char*, std::size_t, void* self) noexcept {
+  auto& exchange = *static_cast<Exchange*>(self);
+  if (type == CURLINFO_SSL_DATA_IN && Clock::now() >= exchange.next_look_) exchange.look_at_time();
+  return 0;
+}
+
+/// A proxy's refusal ends the call at its status: libcurl would read its body to the end, and while
+/// that comes fast enough, look at no timeout and not return.
+int Exchange::on_progress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t) noexcept {
+  auto& exchange = *static_cast<Exchange*>(self);
+  if (exchange.connected_ || !exchange.slot_) return 0;
+  long status = 0;
+  curl_easy_getinfo(exchange.slot_->easy(), CURLINFO_HTTP_CONNECTCODE, &status);
+  if (status < 300) return 0;
+  try {
+    throw URLError(OSError("cannot connect: the proxy refused the tunnel, response " +
+                           std::to_string(status)));
+  } catch (...) {
+    exchange.callback_failure_ = std::current_exception();
+  }
+  return 1;
+}
+
 // A kept connection that dies under a request makes libcurl connect anew and send the request once
 // more. Whether to try again is for the caller's policy, so each step of that is refused: taking
 // the body back to its start, a second socket, and a second beginning over a connection that
@@ -167,10 +216,12 @@ curl_socket_t Exchange::on_socket(void* self, curlsocktype, curl_sockaddr* addre
     exchange.resend_refused_ = true;
     return CURL_SOCKET_BAD;
   }
-  return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  const int opened = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  if (opened >= 0) exchange.opened_.at(exchange.openings_++ % exchange.opened_.size()) = opened;
+  return opened;
 }
 
-int Exchange::on_connected(void* self, char*, char*, int, int) noexcept {
+int Exchange::on_connected(void* self, char*, char*, int, int local_port) noexcept {
   auto& exchange = *static_cast<Exchange*>(self);
   if (exchange.connected_) {
     exchange.resend_refused_ = true;
@@ -180,6 +231,9 @@ int Exchange::on_connected(void* self, char*, char*, int, int) noexcept {
   long os_error = 0;  // a first address that failed leaves its error behind
   curl_easy_getinfo(exchange.slot_->easy(), CURLINFO_OS_ERRNO, &os_error);
   exchange.connect_errno_ = static_cast<int>(os_error);
+  for (const int opened : exchange.opened_) {
+    if (local_port_of(opened) == local_port) exchange.slot_->socket = opened;
+  }
   return CURL_PREREQFUNC_OK;
 }
 
@@ -247,10 +301,15 @@ void Exchange::end_header_block() {
 
 // ---- Moving bytes -------------------------------------------------------------------------------
 
-void Exchange::perform() {
+/// Lets libcurl do what it can without waiting. Where that takes until `give_up_at`, or there is a
+/// stop meanwhile, the connection is cut, and what happened is in `callback_failure_`.
+void Exchange::perform(Clock::time_point give_up_at) {
   if (done_) return;
+  give_up_at_ = give_up_at;
+  if (may_be_http2_) next_look_ = Clock::now() + SHORT_WAIT;
   int running = 0;
   const CURLMcode code = curl_multi_perform(slot_->multi(), &running);
+  next_look_ = Clock::time_point::max();
   if (code == CURLM_OUT_OF_MEMORY) throw std::bad_alloc();
   if (code != CURLM_OK) throw OSError(curl_multi_strerror(code));
   int queued = 0;
@@ -259,6 +318,21 @@ void Exchange::perform() {
     done_ = true;
     code_ = message->data.result;
   }
+}
+
+void Exchange::look_at_time() noexcept {
+  const Clock::time_point now = Clock::now();
+  next_look_ = now + SHORT_WAIT;
+  if (!connected_ || callback_failure_) return;
+  try {
+    check_stop();
+    if (now < give_up_at_) return;
+    // The request may be with the peer, though libcurl has not come to say so.
+    callback_failure_ = timeout_failure(patience_.timeout_s, while_doing(), true);
+  } catch (...) {
+    callback_failure_ = std::current_exception();
+  }
+  shutdown(slot_->socket, SHUT_RDWR);
 }
 
 void Exchange::wait(Clock::duration left) const {
@@ -271,7 +345,8 @@ void Exchange::wait(Clock::duration left) const {
 
 void Exchange::check_stop() const {
   if (options_.should_stop && options_.should_stop()) {
-    throw Stopped("the transport was asked to stop while " + while_doing());
+    // It is redacted by nobody, so it names no peer: a redirect may have chosen the name.
+    throw Stopped("the transport was asked to stop while " + std::string(doing()));
   }
 }
 
@@ -289,20 +364,25 @@ Exchange::Phase Exchange::phase() const {
   return is_sent() ? Phase::awaiting_headers : Phase::sending;
 }
 
-std::string Exchange::while_doing() const {
-  const Origin& origin = slot_->url->origin;
-  const std::string peer = origin.host + ":" + origin.port;
+std::string_view Exchange::doing() const {
   switch (phase()) {
     case Phase::connecting:
-      return "connecting to " + peer;
+      return "connecting";
     case Phase::sending:
-      return "sending the request to " + peer;
+      return "sending the request";
     case Phase::awaiting_headers:
-      return "waiting for the headers of the reply from " + peer;
+      return "waiting for the headers of the reply";
     case Phase::reading:
       break;
   }
-  return "reading the body of the reply from " + peer;
+  return "reading the body of the reply";
+}
+
+std::string Exchange::while_doing() const {
+  const Origin& origin = slot_->url->origin;
+  const Phase now = phase();
+  const bool outward = now == Phase::connecting || now == Phase::sending;
+  return std::string(doing()) + (outward ? " to " : " from ") + origin.host + ":" + origin.port;
 }
 
 std::exception_ptr Exchange::failure() const {
@@ -331,8 +411,10 @@ void Exchange::await_headers(Patience& patience) {
   Phase now_in = Phase::connecting;
   curl_off_t moved = 0;
   Clock::time_point from = Clock::now();
+  Clock::time_point give_up_at = from + patience.timeout;
+  patience_ = patience;
   for (;;) {
-    perform();
+    perform(give_up_at);
     const Clock::time_point now = Clock::now();
     const Phase is_in = phase();
     if (is_in != now_in || (is_in == Phase::sending && uploaded() != moved)) {
@@ -352,6 +434,7 @@ void Exchange::await_headers(Patience& patience) {
       std::rethrow_exception(
           timeout_failure(patience.timeout_s, while_doing(), now_in == Phase::awaiting_headers));
     }
+    give_up_at = now + left;
     wait(left);
   }
   patience_ = patience;
@@ -420,9 +503,13 @@ std::size_t Exchange::read(std::string& out, std::size_t amt, bool fill) {
     for (;;) {
       if (paused_) {
         paused_ = false;
-        curl_easy_pause(slot_->easy(), CURLPAUSE_CONT);
+        // What libcurl had kept is handed over here; where that fails, it is gone.
+        if (const CURLcode code = curl_easy_pause(slot_->easy(), CURLPAUSE_CONT)) {
+          done_ = true;
+          code_ = code;
+        }
       }
-      perform();
+      perform(from + patient_for);
       if (done_ && (code_ != CURLE_OK || callback_failure_)) {
         std::rethrow_exception(failure());
       }
@@ -456,7 +543,8 @@ std::unique_ptr<Slot> Exchange::finish() noexcept {
   if (!slot_) return nullptr;
   bool clean = slot_->is_ours() && !read_failure_;
   try {
-    if (clean && !paused_) perform();  // the end may have come with the last piece
+    // The end may have come with the last piece.
+    if (clean && !paused_) perform(Clock::now() + SHORT_WAIT);
   } catch (...) {
     clean = false;
   }

@@ -3,6 +3,7 @@
 
 #include <curl/curl.h>
 
+#include <array>
 #include <cstddef>
 #include <exception>
 #include <functional>
@@ -59,6 +60,8 @@ class Exchange {
   static std::size_t on_header(char* line, std::size_t, std::size_t size, void* self) noexcept;
   static std::size_t on_body(char* data, std::size_t, std::size_t size, void* self) noexcept;
   static std::size_t on_upload(char* to, std::size_t, std::size_t room, void* self) noexcept;
+  static int on_trace(CURL*, curl_infotype type, char*, std::size_t, void* self) noexcept;
+  static int on_progress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t) noexcept;
   static int on_rewind(void* self, curl_off_t, int) noexcept;
   static curl_socket_t on_socket(void* self, curlsocktype, curl_sockaddr* address) noexcept;
   static int on_connected(void* self, char*, char*, int, int) noexcept;
@@ -70,14 +73,16 @@ class Exchange {
   bool take_body(std::string_view data);
   std::size_t take_spilled(std::string& out, std::size_t amt);
 
-  void perform();
+  void perform(Clock::time_point give_up_at);
+  void look_at_time() noexcept;
   void wait(Clock::duration left) const;
   void check_stop() const;
   Phase phase() const;
   bool is_sent() const;
   curl_off_t uploaded() const;
   std::exception_ptr failure() const;
-  std::string while_doing() const;
+  std::string_view doing() const;
+  std::string while_doing() const;  // with the peer
 
   const PoolOptions& options_;
   bool may_be_http2_;
@@ -89,6 +94,14 @@ class Exchange {
   std::string_view upload_;
   std::string upload_kept_;
   curl_off_t upload_size_ = 0;
+
+  // The latest sockets that were opened, one of which is connected in the end.
+  std::array<int, 4> opened_{-1, -1, -1, -1};
+  std::size_t openings_ = 0;
+
+  // Of the step that libcurl is at; never, between two.
+  Clock::time_point next_look_ = Clock::time_point::max();
+  Clock::time_point give_up_at_;
 
   // What has been seen.
   bool connected_ = false;

@@ -61,8 +61,10 @@ std::shared_ptr<const Url> Pool::parsed(const std::string& url) {
 std::unique_ptr<Slot> Pool::acquire(const std::shared_ptr<const Url>& url) {
   if (options_.max_idle > 0) {
     while (std::unique_ptr<Slot> slot = take_idle(url->origin)) {
+      if (!slot->is_quiet()) continue;
+      slot->renew_easy();
       slot->url = url;
-      if (slot->is_quiet()) return slot;
+      return slot;
     }
   }
   auto slot = std::make_unique<Slot>();

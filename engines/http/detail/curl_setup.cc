@@ -146,9 +146,12 @@ HeaderLists set_request(CURL* easy, const Hop& hop, const PoolOptions& options) 
 void set_up(CURL* easy, const Origin& origin, const PoolOptions& options) {
   if (!options.user_agent.empty()) set(easy, CURLOPT_USERAGENT, options.user_agent.c_str());
   // Where the environment names none, libcurl need not look each time.
-  if (options.proxy || !may_use_proxy(origin.scheme, options)) {
+  const bool may_be_proxied = may_use_proxy(origin.scheme, options);
+  if (options.proxy || !may_be_proxied) {
     set(easy, CURLOPT_PROXY, options.proxy.value_or("").c_str());
   }
+  // What is called back then costs something in each step of a transfer.
+  set(easy, CURLOPT_NOPROGRESS, may_be_proxied && origin.scheme == "https" ? 0L : 1L);
 
   set(easy, CURLOPT_PROTOCOLS_STR, "http,https");
   set(easy, CURLOPT_FOLLOWLOCATION, 0L);

@@ -51,6 +51,15 @@ Slot::~Slot() {
   curl_multi_cleanup(multi_);
 }
 
+void Slot::renew_easy() {
+  static const bool is_mended = curl_version_info(CURLVERSION_NOW)->version_num >= 0x080101;
+  if (is_mended) return;
+  CURL* const fresh = curl_easy_duphandle(easy_);
+  if (fresh == nullptr) throw std::bad_alloc();
+  curl_easy_cleanup(easy_);
+  easy_ = fresh;
+}
+
 bool Slot::is_quiet() const noexcept {
   pollfd connection{.fd = socket, .events = POLLIN, .revents = 0};
   return poll(&connection, 1, 0) == 0;

@@ -32,6 +32,11 @@ class Slot {
   CURLM* multi() const noexcept { return multi_; }
   CURL* easy() const noexcept { return easy_; }
 
+  /// Before another exchange: takes a fresh easy handle, with the options of the one before.
+  /// libcurl before 8.1.1 keeps a pointer into the freed headers of a handle's last reply, and
+  /// writes there when the next reply begins with a folded line. Throws `std::bad_alloc`.
+  void renew_easy();
+
   /// Whether this process made the slot. One that came through a fork shares its sockets with the
   /// parent: anything done to it, closing included, would be seen by the parent's peer.
   bool is_ours() const noexcept;
