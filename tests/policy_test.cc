@@ -45,13 +45,13 @@ TEST(Policy, Defaults) {
 }
 
 TEST(Policy, TransientStatuses) {
-  EXPECT_EQ(TRANSIENT_STATUSES.size(), 102U);
-  for (const StatusCode status : {408, 429, 500, 503, 599}) {
-    EXPECT_TRUE(TRANSIENT_STATUSES.contains(status)) << status;
-  }
-  for (const StatusCode status : {-1, 0, 400, 404, 407, 409, 425, 428, 430, 499, 600}) {
-    EXPECT_FALSE(TRANSIENT_STATUSES.contains(status)) << status;
-  }
+  std::vector<StatusCode> expected(102);
+  std::iota(expected.begin(), expected.end(), 498);
+  expected[0] = 408;
+  expected[1] = 429;
+  EXPECT_EQ(TRANSIENT_STATUSES, StatusSet(expected));
+  EXPECT_TRUE(TRANSIENT_STATUSES.contains(599));
+  EXPECT_FALSE(TRANSIENT_STATUSES.contains(600));
 }
 
 TEST(Policy, StatusSetsAreBuiltFromWhateverHoldsStatuses) {
@@ -67,12 +67,9 @@ TEST(Policy, StatusSetsAreBuiltFromWhateverHoldsStatuses) {
 }
 
 TEST(Policy, NeedsAnAttempt) {
-  for (const int attempts : {0, -1}) {
-    const auto made = [&] { return std::to_string(RetryPolicy{.attempts = attempts}.attempts); };
-    EXPECT_EQ(test::outcome(made), "invalid_argument: a retry policy makes at least one attempt");
-    EXPECT_THROW(RetryPolicy{}.with({.attempts = attempts}), ValueError);
-    EXPECT_THROW(static_cast<void>(RetryPolicy{attempts}), ValueError);
-  }
+  const auto made = [] { return std::to_string(RetryPolicy{.attempts = 0}.attempts); };
+  EXPECT_EQ(test::outcome(made), "invalid_argument: a retry policy makes at least one attempt");
+  EXPECT_THROW(RetryPolicy{}.with({.attempts = -1}), ValueError);
   EXPECT_EQ(RetryPolicy{.attempts = 1}.attempts, 1);
   EXPECT_EQ(RetryPolicy{.attempts = 0x100000000LL}.attempts, INT_MAX);
 }
@@ -167,27 +164,23 @@ TEST(Policy, BackoffDoubles) {
   }
 }
 
-struct WaitCase {
-  double seconds;
-  double poll_s;
-  int stop_at_ask;  // the ask that first says stop, counted from 1; 0: never
-  std::size_t sleeps;
-  int asks;
-  bool stopped;
-};
-
 TEST(WaitUnlessStopped, SleepsInStepsAndAsksBetween) {
-  const std::vector<WaitCase> table{
-      {1.0, 0.1, 0, 11, 12, false},  // ten steps and the remainder of ten subtractions
-      {0.25, 0.1, 0, 3, 4, false},   //
-      {0.0, 0.1, 0, 0, 1, false},    //
-      {-1.0, 0.1, 1, 0, 1, true},    //
-      {1.0, 0.1, 1, 0, 1, true},     // from the start
-      {1.0, 0.1, 4, 3, 4, true},     // after three sleeps
-      {0.25, 0.1, 4, 3, 4, true},    // only at the last ask
-      {0.5, 2.0, 0, 1, 2, false},    // one step is enough
+  struct Case {
+    double seconds;
+    double poll_s;
+    int stop_at_ask;  // the ask that first says stop, counted from 1; 0: never
+    std::size_t sleeps;
+    int asks;
   };
-  for (const WaitCase& c : table) {
+  const std::vector<Case> table{
+      {1.0, 0.1, 0, 11, 12},  // ten steps and the remainder of ten subtractions
+      {0.0, 0.1, 0, 0, 1},    //
+      {-1.0, 0.1, 1, 0, 1},   //
+      {1.0, 0.1, 1, 0, 1},    // from the start
+      {0.25, 0.1, 4, 3, 4},   // only at the last ask
+      {0.5, 2.0, 0, 1, 2},    // one step is enough
+  };
+  for (const Case& c : table) {
     SCOPED_TRACE(c.seconds);
     std::vector<double> sleeps;
     int asks = 0;
@@ -196,7 +189,7 @@ TEST(WaitUnlessStopped, SleepsInStepsAndAsksBetween) {
         {.sleep = [&](double step) { sleeps.push_back(step); }, .poll_s = c.poll_s});
     EXPECT_EQ(sleeps.size(), c.sleeps);
     EXPECT_EQ(asks, c.asks);
-    EXPECT_EQ(stopped, c.stopped);
+    EXPECT_EQ(stopped, c.stop_at_ask != 0);
     for (const double step : sleeps) EXPECT_LE(step, c.poll_s);
     const double in_all = std::accumulate(sleeps.begin(), sleeps.end(), 0.0);
     EXPECT_NEAR(in_all, stopped ? in_all : c.seconds, 1e-9);
