@@ -1,0 +1,107 @@
+// What is checked before it is sent: URLs and redirect targets taken apart, methods and headers.
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "engines/http/detail/hop.h"
+#include "engines/http/detail/url.h"
+#include "engines/http/redaction.h"
+#include "engines/http/transport.h"
+#include "fuzz/expect.h"
+
+namespace http = engines::http;
+namespace detail = engines::http::detail;
+using fuzz::expect;
+
+namespace {
+
+bool is_plain(std::string_view text) {
+  return std::ranges::all_of(text, [](char c) { return c > ' ' && c < '\x7f'; });
+}
+
+std::string part(const detail::Url& url, CURLUPart which) {
+  char* found = nullptr;
+  if (curl_url_get(url.parsed.get(), which, &found, 0) != CURLUE_OK) return {};
+  std::string text(found);
+  curl_free(found);
+  return text;
+}
+
+void check_url(const detail::Url& url) {
+  expect(url.origin.scheme == "http" || url.origin.scheme == "https", "one of two schemes");
+  expect(!url.origin.host.empty(), "a host");
+  const int port = std::stoi(url.origin.port);
+  expect(port > 0 && port < 65536, "a port");
+  expect(is_plain(url.text), "nothing that could end the request line early");
+  const std::size_t authority = url.text.find("://") + 3;
+  const std::size_t end = std::min(url.text.find_first_of("/?#", authority), url.text.size());
+  expect(url.text.substr(authority, end - authority).find('@') == std::string::npos, "no userinfo");
+  expect(part(url, CURLUPART_USER).empty() && part(url, CURLUPART_PASSWORD).empty(),
+         "nor in what is connected to");
+  expect(is_plain(part(url, CURLUPART_PATH)) && is_plain(part(url, CURLUPART_QUERY)), "a target");
+  if (url.credentials && !url.credentials->password.empty()) {
+    const http::Secrets secrets = http::secrets_of_url(url.given);
+    expect(std::ranges::count(secrets, url.credentials->password) > 0, "a password is a secret");
+  }
+}
+
+bool has_no_control(std::string_view text) {
+  return std::ranges::all_of(text, [](char c) {
+    return (static_cast<unsigned char>(c) >= ' ' || c == '\t') && c != '\x7f';
+  });
+}
+
+void check_hop(const detail::Hop& hop) {
+  check_url(*hop.url);
+  expect(!hop.method.empty() && is_plain(hop.method), "a method");
+  for (const auto& [name, value] : *hop.headers) {
+    expect(!name.empty() && is_plain(name) && name.find(':') == name.npos, "a header name");
+    expect(has_no_control(value), "nothing that could begin another header");
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  FuzzedDataProvider input(data, size);
+  const std::string address = input.ConsumeRandomLengthString(200);
+  http::RequestFields fields{
+      .headers = {{"X-Api-Key", "0123456789"}, {"Authorization", "Basic x"}}};
+  if (input.ConsumeBool()) fields.headers = {};
+  if (input.ConsumeBool()) fields.data = input.ConsumeRandomLengthString(20);
+  if (input.ConsumeBool()) fields.method = input.ConsumeRandomLengthString(10);
+  while (input.ConsumeBool()) {
+    std::string name = input.ConsumeRandomLengthString(20);
+    fields.headers.add(std::move(name), input.ConsumeRandomLengthString(40));
+  }
+  try {
+    const http::Request request(address, std::move(fields));
+    std::optional<detail::Hop> hop = detail::first_hop(request, detail::parse_url(address));
+    for (int redirects = 0; hop && redirects < 4; ++redirects) {
+      check_hop(*hop);
+      const int status = input.ConsumeIntegralInRange(300, 309);
+      auto next = detail::next_hop(*hop, status, input.ConsumeRandomLengthString(200));
+      if (next && !(next->url->origin == hop->url->origin)) {
+        expect(!next->headers->get("authorization") && !next->headers->get("x-api-key") &&
+                   !next->credentials,
+               "no credential goes to another origin");
+      }
+      hop = std::move(next);
+    }
+  } catch (const std::invalid_argument& error) {
+    const std::string_view said = error.what();
+    expect(has_no_control(said) && said.size() < 200, "a refusal is one short line");
+    if (address.size() > 9 && address.find("://") != address.npos) {
+      expect(said.find(address) == said.npos, "which quotes no URL");
+    }
+  }
+  return 0;
+}

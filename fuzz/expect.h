@@ -1,0 +1,17 @@
+// What a harness calls when the library breaks a promise: the fuzzer takes the trap for a crash and
+// keeps the input.
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
+
+namespace fuzz {
+
+inline void expect(bool kept, std::string_view promise) {
+  if (kept) return;
+  std::fprintf(stderr, "broken: %.*s\n", static_cast<int>(promise.size()), promise.data());
+  std::abort();
+}
+
+}  // namespace fuzz
