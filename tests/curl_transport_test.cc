@@ -276,6 +276,27 @@ TEST(Http2, EveryFaultHasItsKindItsTextAndOneRequest) {
   }
 }
 
+TEST(Http2, AClosedWindowIsWaitedForInPeace) {
+  FaultServer server(answer(frame(4, 0, 0), stalls), identity(true), "h2");
+  int asks = 0;
+  const PooledTransport counts({.should_stop = [&] { return ++asks < 0; }});
+  const Request upload(server.url(), {.data = std::string(200'000, 'x'), .method = "POST"});
+  EXPECT_EQ(outcome_of(counts, upload).told, "URLError(TimeoutError)");
+  EXPECT_LT(asks, 100);
+}
+
+TEST(Tls, KeysThatAreRenewedWithoutEndHoldNoCall) {
+  const Play renews = answer("", [](Peer& peer) {
+    while (peer.renew_key()) {
+    }
+  });
+  const PooledTransport direct({.http_version = HttpVersion::http1_1});
+  expect({"direct", renews, "TimeoutError", "waiting for the headers"}, direct, true);
+  FaultServer proxy(renews, identity(true));
+  const PooledTransport tunnels({.proxy = proxy.url()});
+  EXPECT_EQ(outcome_of(tunnels, Request("https://behind.invalid/")).told, "URLError(TimeoutError)");
+}
+
 TEST_P(EveryFault, BeforeTheRequestIsSentIsAURLError) {
   const std::string long_body(20'000'000, 'x');
   const Request refused("http://127.0.0.1:" + std::to_string(test::closed_port()) + "/");

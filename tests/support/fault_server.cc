@@ -107,6 +107,12 @@ void Peer::reset() {
   setsockopt(fd_, SOL_SOCKET, SO_LINGER, &now, sizeof now);
 }
 
+bool Peer::renew_key() {
+  SSL* tls = nullptr;
+  BIO_get_ssl(io_, &tls);
+  return SSL_key_update(tls, SSL_KEY_UPDATE_NOT_REQUESTED) == 1 && SSL_do_handshake(tls) == 1;
+}
+
 void Peer::say_goodbye() {
   SSL* tls = nullptr;
   BIO_get_ssl(io_, &tls);

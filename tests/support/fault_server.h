@@ -36,6 +36,8 @@ class Peer {
   void stall();
   /// Makes the end of the connection a reset; over TLS, what follows `close` is not announced.
   void reset();
+  /// Over TLS 1.3, sends with a new key from here on. False once the client has gone.
+  bool renew_key();
   /// Ends the TLS session as it should be ended; without it the play's end is a cut.
   void say_goodbye();
 

@@ -1,8 +1,5 @@
 #include "engines/http/detail/curl_exchange.h"
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <charconv>
 #include <cstring>
@@ -58,19 +55,6 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(first, text.find_last_not_of(" \t") - first + 1);
 }
 
-/// The port that a socket is bound to on this side; -1 where it is none that is open.
-int local_port_of(int socket) {
-  sockaddr_storage address{};
-  socklen_t size = sizeof address;
-  if (getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size) != 0) return -1;
-  if (address.ss_family == AF_INET6) {
-    return ntohs(reinterpret_cast<const sockaddr_in6&>(address).sin6_port);
-  }
-  return address.ss_family == AF_INET
-             ? ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port)
-             : -1;
-}
-
 /// Whether every value, and every element of a value, is one and the same length (RFC 9112, section
 /// 6.3): libcurl takes the digits at the start of one of them.
 void check_content_length(std::string_view values, std::optional<std::int64_t>& seen) {
@@ -118,11 +102,8 @@ Exchange::Exchange(std::unique_ptr<Slot> slot, const Hop& hop, const PoolOptions
   set(easy, CURLOPT_XFERINFODATA, this);
   set(easy, CURLOPT_SEEKFUNCTION, &on_rewind);
   set(easy, CURLOPT_SEEKDATA, this);
-  if (may_be_http2_) {
-    set(easy, CURLOPT_VERBOSE, 1L);  // there is no trace without it
-    set(easy, CURLOPT_DEBUGFUNCTION, &on_trace);
-    set(easy, CURLOPT_DEBUGDATA, this);
-  }
+  set(easy, CURLOPT_DEBUGFUNCTION, &on_trace);
+  set(easy, CURLOPT_DEBUGDATA, this);
 }
 
 Exchange::~Exchange() = default;
@@ -175,8 +156,8 @@ std::size_t Exchange::on_upload(char* to, std::size_t, std::size_t room, void* s
   return size;
 }
 
-/// Over HTTP/2, libcurl may not return while frames come that carry nothing of the reply: what it
-/// traces of each TLS record is the one sign of life, and a time to look at ours.
+/// Over TLS, libcurl may not return while what comes carries nothing of the reply, be it frames of
+/// HTTP/2 or new keys: what it traces of each record is the one sign of life, and a time to look.
 int Exchange::on_trace(CURL*, curl_infotype type, char*, std::size_t, void* self) noexcept {
   auto& exchange = *static_cast<Exchange*>(self);
   if (type == CURLINFO_SSL_DATA_IN && Clock::now() >= exchange.next_look_) exchange.look_at_time();
@@ -216,12 +197,15 @@ curl_socket_t Exchange::on_socket(void* self, curlsocktype, curl_sockaddr* addre
     exchange.resend_refused_ = true;
     return CURL_SOCKET_BAD;
   }
-  const int opened = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
-  if (opened >= 0) exchange.opened_.at(exchange.openings_++ % exchange.opened_.size()) = opened;
-  return opened;
+  try {
+    return exchange.slot_->open_socket(*address);
+  } catch (...) {
+    exchange.callback_failure_ = std::current_exception();
+    return CURL_SOCKET_BAD;
+  }
 }
 
-int Exchange::on_connected(void* self, char*, char*, int, int local_port) noexcept {
+int Exchange::on_connected(void* self, char*, char*, int, int) noexcept {
   auto& exchange = *static_cast<Exchange*>(self);
   if (exchange.connected_) {
     exchange.resend_refused_ = true;
@@ -231,9 +215,6 @@ int Exchange::on_connected(void* self, char*, char*, int, int local_port) noexce
   long os_error = 0;  // a first address that failed leaves its error behind
   curl_easy_getinfo(exchange.slot_->easy(), CURLINFO_OS_ERRNO, &os_error);
   exchange.connect_errno_ = static_cast<int>(os_error);
-  for (const int opened : exchange.opened_) {
-    if (local_port_of(opened) == local_port) exchange.slot_->socket = opened;
-  }
   return CURL_PREREQFUNC_OK;
 }
 
@@ -306,7 +287,7 @@ void Exchange::end_header_block() {
 void Exchange::perform(Clock::time_point give_up_at) {
   if (done_) return;
   give_up_at_ = give_up_at;
-  if (may_be_http2_) next_look_ = Clock::now() + SHORT_WAIT;
+  next_look_ = Clock::now() + SHORT_WAIT;
   int running = 0;
   const CURLMcode code = curl_multi_perform(slot_->multi(), &running);
   next_look_ = Clock::time_point::max();
@@ -323,23 +304,32 @@ void Exchange::perform(Clock::time_point give_up_at) {
 void Exchange::look_at_time() noexcept {
   const Clock::time_point now = Clock::now();
   next_look_ = now + SHORT_WAIT;
-  if (!connected_ || callback_failure_) return;
+  if (callback_failure_) return;
   try {
     check_stop();
     if (now < give_up_at_) return;
     // The request may be with the peer, though libcurl has not come to say so.
-    callback_failure_ = timeout_failure(patience_.timeout_s, while_doing(), true);
+    callback_failure_ = timeout_failure(patience_.timeout_s, while_doing(), connected_);
   } catch (...) {
     callback_failure_ = std::current_exception();
   }
-  shutdown(slot_->socket, SHUT_RDWR);
+  slot_->cut_off();
 }
 
-void Exchange::wait(Clock::duration left) const {
-  const bool asks_often = !connected_ || options_.should_stop;
+void Exchange::wait(Clock::duration left) {
+  // Where the peer's window over HTTP/2 is closed, libcurl goes on asking whether the socket takes
+  // bytes, which it does at once. Only what the peer sends can help then.
+  const bool is_held_back = may_be_http2_ && !is_sent() && uploaded() == woken_at_;
+  const bool asks_often = is_held_back || !connected_ || options_.should_stop;
   const auto longest = std::min(left, asks_often ? SHORT_WAIT : LONG_WAIT);
-  curl_multi_poll(slot_->multi(), nullptr, 0, static_cast<int>(whole_milliseconds(longest)),
-                  nullptr);
+  const int ms = static_cast<int>(whole_milliseconds(longest));
+  int events = 0;
+  if (is_held_back) {
+    slot_->receives(ms);
+  } else {
+    curl_multi_poll(slot_->multi(), nullptr, 0, ms, &events);
+  }
+  woken_at_ = events > 0 ? uploaded() : -1;
   check_stop();
 }
 
@@ -551,7 +541,6 @@ std::unique_ptr<Slot> Exchange::finish() noexcept {
   clean = clean && done_ && code_ == CURLE_OK && !callback_failure_ && is_sent();
   auto slot = std::move(slot_);
   if (!clean) return nullptr;
-  curl_easy_getinfo(slot->easy(), CURLINFO_ACTIVESOCKET, &slot->socket);
   curl_multi_remove_handle(slot->multi(), slot->easy());
   return slot;
 }

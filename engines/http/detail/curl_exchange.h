@@ -3,7 +3,6 @@
 
 #include <curl/curl.h>
 
-#include <array>
 #include <cstddef>
 #include <exception>
 #include <functional>
@@ -75,7 +74,7 @@ class Exchange {
 
   void perform(Clock::time_point give_up_at);
   void look_at_time() noexcept;
-  void wait(Clock::duration left) const;
+  void wait(Clock::duration left);
   void check_stop() const;
   Phase phase() const;
   bool is_sent() const;
@@ -94,10 +93,7 @@ class Exchange {
   std::string_view upload_;
   std::string upload_kept_;
   curl_off_t upload_size_ = 0;
-
-  // The latest sockets that were opened, one of which is connected in the end.
-  std::array<int, 4> opened_{-1, -1, -1, -1};
-  std::size_t openings_ = 0;
+  curl_off_t woken_at_ = -1;  // so much was sent when the connection woke us; -1: it did not
 
   // Of the step that libcurl is at; never, between two.
   Clock::time_point next_look_ = Clock::time_point::max();

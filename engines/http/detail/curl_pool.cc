@@ -61,7 +61,8 @@ std::shared_ptr<const Url> Pool::parsed(const std::string& url) {
 std::unique_ptr<Slot> Pool::acquire(const std::shared_ptr<const Url>& url) {
   if (options_.max_idle > 0) {
     while (std::unique_ptr<Slot> slot = take_idle(url->origin)) {
-      if (!slot->is_quiet()) continue;
+      // What came unasked for (a late body, a farewell, the end) would be taken for the next reply.
+      if (slot->receives(0)) continue;
       slot->renew_easy();
       slot->url = url;
       return slot;

@@ -47,10 +47,12 @@ bool may_use_proxy(const std::string& scheme, const PoolOptions& options) {
 
 /// Whether the way to a peer may begin with TLS to a proxy.
 bool may_secure_proxy(const PoolOptions& options) {
-  if (options.proxy) return options.proxy->starts_with("https");
-  return std::ranges::any_of(
-      std::array{"http_proxy", "all_proxy", "ALL_PROXY"},
-      [](const char* name) { return environment(name).starts_with("https"); });
+  const auto is_secure = [](std::string_view proxy) {
+    return equal_ignoring_case(proxy.substr(0, 8), "https://");
+  };
+  if (options.proxy) return is_secure(*options.proxy);
+  return std::ranges::any_of(std::array{"http_proxy", "all_proxy", "ALL_PROXY"},
+                             [&](const char* name) { return is_secure(environment(name)); });
 }
 
 HeaderLists header_lists(const Hop& hop, const PoolOptions& options) {
@@ -173,7 +175,10 @@ void set_up(CURL* easy, const Origin& origin, const PoolOptions& options) {
 
   set(easy, CURLOPT_SSL_VERIFYPEER, 1L);
   set(easy, CURLOPT_SSL_VERIFYHOST, 2L);
-  if (origin.scheme == "https" || may_secure_proxy(options)) set_trust(easy, options);
+  if (origin.scheme == "https" || may_secure_proxy(options)) {
+    set_trust(easy, options);
+    set(easy, CURLOPT_VERBOSE, 1L);  // nothing is traced without it
+  }
   if (!options.client_certificate.empty()) {
     set(easy, CURLOPT_SSLCERT, options.client_certificate.c_str());
     const bool own_key = !options.client_key.empty();

@@ -2,6 +2,8 @@
 
 #include <poll.h>
 #include <pthread.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -42,6 +44,8 @@ Slot::Slot() {
     throw std::bad_alloc();
   }
   curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, 1L);
+  curl_easy_setopt(easy_, CURLOPT_CLOSESOCKETFUNCTION, &on_close);
+  curl_easy_setopt(easy_, CURLOPT_CLOSESOCKETDATA, this);
 }
 
 Slot::~Slot() {
@@ -60,9 +64,26 @@ void Slot::renew_easy() {
   easy_ = fresh;
 }
 
-bool Slot::is_quiet() const noexcept {
-  pollfd connection{.fd = socket, .events = POLLIN, .revents = 0};
-  return poll(&connection, 1, 0) == 0;
+curl_socket_t Slot::open_socket(const curl_sockaddr& address) {
+  sockets_.reserve(sockets_.size() + 1);
+  const int opened = socket(address.family, address.socktype | SOCK_CLOEXEC, address.protocol);
+  if (opened >= 0) sockets_.push_back(opened);
+  return opened;
+}
+
+int Slot::on_close(void* self, curl_socket_t socket) noexcept {
+  std::erase(static_cast<Slot*>(self)->sockets_, socket);
+  return close(socket);
+}
+
+void Slot::cut_off() const noexcept {
+  for (const curl_socket_t socket : sockets_) shutdown(socket, SHUT_RDWR);
+}
+
+bool Slot::receives(int within_ms) const noexcept {
+  if (sockets_.empty()) return false;
+  pollfd connection{.fd = sockets_.back(), .events = POLLIN, .revents = 0};
+  return poll(&connection, 1, within_ms) != 0;
 }
 
 bool Slot::is_ours() const noexcept { return owner_ == process_number(); }

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <memory>
+#include <vector>
 
 #include "engines/http/detail/url.h"
 
@@ -41,16 +42,24 @@ class Slot {
   /// parent: anything done to it, closing included, would be seen by the parent's peer.
   bool is_ours() const noexcept;
 
-  /// Whether nothing has come over the idle connection: what comes unasked for (a late body, a
-  /// farewell, the end) would be taken for the next reply.
-  bool is_quiet() const noexcept;
+  /// A socket for libcurl, which closes it. Throws `std::bad_alloc`; else, what fails is in
+  /// `errno`.
+  curl_socket_t open_socket(const curl_sockaddr& address);
 
-  std::shared_ptr<const Url> url;          // of the latest exchange, all being with one origin,
-  curl_socket_t socket = CURL_SOCKET_BAD;  // the socket that its connection is over
-  Clock::time_point idle_from;             // and when it ended
+  /// Ends the connection, or the attempts to make one, for both sides.
+  void cut_off() const noexcept;
+
+  /// Whether anything comes over the connection within so many milliseconds, be it the end.
+  bool receives(int within_ms) const noexcept;
+
+  std::shared_ptr<const Url> url;  // of the latest exchange, all being with one origin,
+  Clock::time_point idle_from;     // and when it ended
 
  private:
+  static int on_close(void* self, curl_socket_t socket) noexcept;
+
   unsigned owner_ = process_number();
+  std::vector<curl_socket_t> sockets_;  // those that are open: one, but while it is connecting
   CURLM* multi_ = nullptr;
   CURL* easy_ = nullptr;
 };
