@@ -1,5 +1,7 @@
 #include "engines/http/detail/curl_exchange.h"
 
+#include <poll.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cstring>
@@ -25,6 +27,9 @@ constexpr std::size_t HTTP2_STATUS_LINE = std::string_view("HTTP/2 200 ").size()
 
 // So much of a body is taken before it is asked for: what came in one receive with the headers.
 constexpr std::size_t AHEAD_BYTES = 65536;
+
+// After so many wakes that moved nothing, it is not by chance.
+constexpr int IDLE_WAKES = 4;
 
 // More than most replies have.
 constexpr std::size_t USUAL_HEADERS = 16;
@@ -148,9 +153,11 @@ std::size_t Exchange::on_body(char* data, std::size_t, std::size_t size, void* s
 }
 
 std::size_t Exchange::on_upload(char* to, std::size_t, std::size_t room, void* self) noexcept {
-  auto& rest = static_cast<Exchange*>(self)->upload_;
+  auto& exchange = *static_cast<Exchange*>(self);
+  auto& rest = exchange.upload_;
   const std::size_t size = std::min(room, rest.size());
   if (size == 0) return 0;
+  exchange.has_moved_ = true;
   std::memcpy(to, rest.data(), size);
   rest.remove_prefix(size);
   return size;
@@ -159,8 +166,9 @@ std::size_t Exchange::on_upload(char* to, std::size_t, std::size_t room, void* s
 /// Over TLS, libcurl may not return while what comes carries nothing of the reply, be it frames of
 /// HTTP/2 or new keys: what it traces of each record is the one sign of life, and a time to look.
 int Exchange::on_trace(CURL*, curl_infotype type, char*, std::size_t, void* self) noexcept {
+  if (type != CURLINFO_SSL_DATA_IN) return 0;
   auto& exchange = *static_cast<Exchange*>(self);
-  if (type == CURLINFO_SSL_DATA_IN && Clock::now() >= exchange.next_look_) exchange.look_at_time();
+  if (Clock::now() >= exchange.next_look_) exchange.look_at_time();
   return 0;
 }
 
@@ -197,6 +205,7 @@ curl_socket_t Exchange::on_socket(void* self, curlsocktype, curl_sockaddr* addre
     exchange.resend_refused_ = true;
     return CURL_SOCKET_BAD;
   }
+  if (exchange.callback_failure_) return CURL_SOCKET_BAD;  // no other address is tried then
   try {
     return exchange.slot_->open_socket(*address);
   } catch (...) {
@@ -211,7 +220,7 @@ int Exchange::on_connected(void* self, char*, char*, int, int) noexcept {
     exchange.resend_refused_ = true;
     return CURL_PREREQFUNC_ABORT;
   }
-  exchange.connected_ = true;
+  exchange.connected_ = exchange.has_moved_ = true;
   long os_error = 0;  // a first address that failed leaves its error behind
   curl_easy_getinfo(exchange.slot_->easy(), CURLINFO_OS_ERRNO, &os_error);
   exchange.connect_errno_ = static_cast<int>(os_error);
@@ -282,8 +291,9 @@ void Exchange::end_header_block() {
 
 // ---- Moving bytes -------------------------------------------------------------------------------
 
-/// Lets libcurl do what it can without waiting. Where that takes until `give_up_at`, or there is a
-/// stop meanwhile, the connection is cut, and what happened is in `callback_failure_`.
+/// Lets libcurl do what it can without waiting. Where that takes until `give_up_at` and nothing
+/// moves any more, or there is a stop meanwhile, the connection is cut, and what happened is in
+/// `callback_failure_`.
 void Exchange::perform(Clock::time_point give_up_at) {
   if (done_) return;
   give_up_at_ = give_up_at;
@@ -307,7 +317,7 @@ void Exchange::look_at_time() noexcept {
   if (callback_failure_) return;
   try {
     check_stop();
-    if (now < give_up_at_) return;
+    if (std::exchange(has_moved_, false) || now < give_up_at_) return;
     // The request may be with the peer, though libcurl has not come to say so.
     callback_failure_ = timeout_failure(patience_.timeout_s, while_doing(), connected_);
   } catch (...) {
@@ -319,13 +329,15 @@ void Exchange::look_at_time() noexcept {
 void Exchange::wait(Clock::duration left) {
   // Where the peer's window over HTTP/2 is closed, libcurl goes on asking whether the socket takes
   // bytes, which it does at once. Only what the peer sends can help then.
-  const bool is_held_back = may_be_http2_ && !is_sent() && uploaded() == woken_at_;
+  const bool is_idle = may_be_http2_ && connected_ && !is_sent() && uploaded() == woken_at_;
+  idle_wakes_ = is_idle ? idle_wakes_ + 1 : 0;
+  const bool is_held_back = idle_wakes_ > IDLE_WAKES && slot_->is_ready(POLLOUT, 0);
   const bool asks_often = is_held_back || !connected_ || options_.should_stop;
   const auto longest = std::min(left, asks_often ? SHORT_WAIT : LONG_WAIT);
   const int ms = static_cast<int>(whole_milliseconds(longest));
   int events = 0;
   if (is_held_back) {
-    slot_->receives(ms);
+    slot_->is_ready(POLLIN, ms);
   } else {
     curl_multi_poll(slot_->multi(), nullptr, 0, ms, &events);
   }
@@ -447,11 +459,12 @@ bool Exchange::take_body(std::string_view data) {
   // Nothing is taken ahead over HTTP/2, where libcurl may miss the end of a stream that came with
   // its start, unless it is made to look again by the end of a pause.
   if (room == 0 && (out_ || is_http2_ || spill_.size() >= AHEAD_BYTES)) return false;
-  if (room > 0) out_->append(data.substr(0, room));
+  if (room > 0) out_->append(data.substr(0, room)), has_moved_ = true;
   if (room < data.size()) spill_.append(data.substr(room));
   // A short piece is the last of a receive. Left alone, libcurl would receive again, and keep a
-  // copy of what this read has no room for.
-  if (out_ && (out_->size() == full_ || data.size() < CURL_MAX_WRITE_SIZE)) {
+  // copy of what this read has no room for; or it would go on when the read's time is over.
+  if (out_ &&
+      (out_->size() == full_ || data.size() < CURL_MAX_WRITE_SIZE || Clock::now() >= give_up_at_)) {
     paused_ = true;
     curl_easy_pause(slot_->easy(), CURLPAUSE_RECV);
   }

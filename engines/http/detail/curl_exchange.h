@@ -94,10 +94,12 @@ class Exchange {
   std::string upload_kept_;
   curl_off_t upload_size_ = 0;
   curl_off_t woken_at_ = -1;  // so much was sent when the connection woke us; -1: it did not
+  int idle_wakes_ = 0;        // one after another, by which nothing was sent
 
   // Of the step that libcurl is at; never, between two.
   Clock::time_point next_look_ = Clock::time_point::max();
   Clock::time_point give_up_at_;
+  bool has_moved_ = false;  // what gives a peer more time: some of the request, or of what is read
 
   // What has been seen.
   bool connected_ = false;

@@ -1,5 +1,7 @@
 #include "engines/http/detail/curl_pool.h"
 
+#include <poll.h>
+
 #include <algorithm>
 #include <iterator>
 #include <utility>
@@ -62,7 +64,7 @@ std::unique_ptr<Slot> Pool::acquire(const std::shared_ptr<const Url>& url) {
   if (options_.max_idle > 0) {
     while (std::unique_ptr<Slot> slot = take_idle(url->origin)) {
       // What came unasked for (a late body, a farewell, the end) would be taken for the next reply.
-      if (slot->receives(0)) continue;
+      if (slot->is_ready(POLLIN, 0)) continue;
       slot->renew_easy();
       slot->url = url;
       return slot;

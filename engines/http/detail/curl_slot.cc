@@ -3,7 +3,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <atomic>
@@ -44,8 +44,6 @@ Slot::Slot() {
     throw std::bad_alloc();
   }
   curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, 1L);
-  curl_easy_setopt(easy_, CURLOPT_CLOSESOCKETFUNCTION, &on_close);
-  curl_easy_setopt(easy_, CURLOPT_CLOSESOCKETDATA, this);
 }
 
 Slot::~Slot() {
@@ -64,25 +62,34 @@ void Slot::renew_easy() {
   easy_ = fresh;
 }
 
-curl_socket_t Slot::open_socket(const curl_sockaddr& address) {
-  sockets_.reserve(sockets_.size() + 1);
-  const int opened = socket(address.family, address.socktype | SOCK_CLOEXEC, address.protocol);
-  if (opened >= 0) sockets_.push_back(opened);
-  return opened;
+bool Slot::Socket::is_open() const noexcept {
+  struct stat found {};
+  return fstat(number, &found) == 0 && S_ISSOCK(found.st_mode) && found.st_ino == inode;
 }
 
-int Slot::on_close(void* self, curl_socket_t socket) noexcept {
-  std::erase(static_cast<Slot*>(self)->sockets_, socket);
-  return close(socket);
+curl_socket_t Slot::open_socket(const curl_sockaddr& address) {
+  std::erase_if(sockets_, [](const Socket& socket) { return !socket.is_open(); });
+  sockets_.reserve(sockets_.size() + 1);
+  const int number = socket(address.family, address.socktype | SOCK_CLOEXEC, address.protocol);
+  struct stat made {};
+  if (number >= 0 && fstat(number, &made) == 0) sockets_.push_back({number, made.st_ino});
+  return number;
 }
 
 void Slot::cut_off() const noexcept {
-  for (const curl_socket_t socket : sockets_) shutdown(socket, SHUT_RDWR);
+  constexpr sockaddr NOWHERE{.sa_family = AF_UNSPEC, .sa_data = {}};
+  for (const Socket& socket : sockets_) {
+    if (!socket.is_open()) continue;
+    // connect(2) to nowhere dissolves the connection; a shutdown leaves what has been received.
+    if (connect(socket.number, &NOWHERE, sizeof NOWHERE) != 0) shutdown(socket.number, SHUT_RDWR);
+  }
 }
 
-bool Slot::receives(int within_ms) const noexcept {
-  if (sockets_.empty()) return false;
-  pollfd connection{.fd = sockets_.back(), .events = POLLIN, .revents = 0};
+bool Slot::is_ready(short events, int within_ms) const noexcept {
+  const auto last = std::find_if(sockets_.rbegin(), sockets_.rend(),
+                                 [](const Socket& socket) { return socket.is_open(); });
+  if (last == sockets_.rend()) return false;
+  pollfd connection{.fd = last->number, .events = events, .revents = 0};
   return poll(&connection, 1, within_ms) != 0;
 }
 

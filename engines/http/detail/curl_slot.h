@@ -2,6 +2,7 @@
 #pragma once
 
 #include <curl/curl.h>
+#include <sys/types.h>
 
 #include <chrono>
 #include <memory>
@@ -42,24 +43,29 @@ class Slot {
   /// parent: anything done to it, closing included, would be seen by the parent's peer.
   bool is_ours() const noexcept;
 
-  /// A socket for libcurl, which closes it. Throws `std::bad_alloc`; else, what fails is in
-  /// `errno`.
+  /// A socket for libcurl, which closes it. Throws `std::bad_alloc`; what else fails is in `errno`.
   curl_socket_t open_socket(const curl_sockaddr& address);
 
-  /// Ends the connection, or the attempts to make one, for both sides.
+  /// Ends the connection, or the attempts to make one, with what has been received and not read.
   void cut_off() const noexcept;
 
-  /// Whether anything comes over the connection within so many milliseconds, be it the end.
-  bool receives(int within_ms) const noexcept;
+  /// Whether the connection is ready for the events of poll(2), or has ended, within so long.
+  bool is_ready(short events, int within_ms) const noexcept;
 
   std::shared_ptr<const Url> url;  // of the latest exchange, all being with one origin,
   Clock::time_point idle_from;     // and when it ended
 
  private:
-  static int on_close(void* self, curl_socket_t socket) noexcept;
+  /// libcurl does not always tell when it closes a socket, whose number may then be a stranger's.
+  struct Socket {
+    curl_socket_t number;
+    ino_t inode;
+
+    bool is_open() const noexcept;
+  };
 
   unsigned owner_ = process_number();
-  std::vector<curl_socket_t> sockets_;  // those that are open: one, but while it is connecting
+  std::vector<Socket> sockets_;  // the latest that is open is the connection's, once there is one
   CURLM* multi_ = nullptr;
   CURL* easy_ = nullptr;
 };
