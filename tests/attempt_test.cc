@@ -124,6 +124,11 @@ TEST(Send, BuildsTheRequest) {
     EXPECT_EQ(sent.request.headers, c.sent);
     EXPECT_EQ(sent.timeout, 2.5);
   }
+  ScriptedTransport transport;
+  transport.reply("ok");
+  send<void>(URL,
+             {.policy = plain, .timeout = 1, .read = [](Response&) {}, .transport = transport});
+  EXPECT_EQ(transport.sent().at(0).request.method, "POST");
 }
 
 TEST(Send, HandsTheReplyToTheReaderAndClosesItOnce) {
