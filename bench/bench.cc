@@ -345,9 +345,10 @@ int call_often(const Servers& servers, const std::string& name, int count) {
 int run(int argc, char** argv) {
   std::map<std::string, std::string> options{{"--rounds", "9"}, {"--only", ""}, {"--json", ""}};
   const std::vector<std::string> arguments(argv + 1, argv + argc);
-  if (arguments.size() == 2 && arguments[0] == "--echo-server")
-    serve_echoes(std::stoi(arguments[1]));
-  const Servers servers(argv[0]);
+  if (arguments.size() == 4 && arguments[0] == "--echo-server") {
+    serve_echoes(std::stoi(arguments[2]));
+  }
+  const Servers servers;
   setenv("SSL_CERT_DIR", servers.hashed_directory().c_str(), 1);
   unsetenv("SSL_CERT_FILE");
   if (arguments.size() == 3 && arguments[0] == "--calls") {

@@ -8,18 +8,16 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <string_view>
 #include <vector>
 
 #include "bench/documents.h"
-#include "tests/support/fault_server.h"
 
 namespace bench {
 namespace {
-
-using engines::http::test::closed_port;
 
 /// Answers the whole requests in `received` and removes them from it.
 void answer(int connection, std::string& received) {
@@ -43,33 +41,6 @@ void answer(int connection, std::string& received) {
       rest.remove_prefix(static_cast<std::size_t>(sent));
     }
   }
-}
-
-std::string url(const char* scheme, const char* host, int port, const std::string& path) {
-  return std::string(scheme) + "://" + host + ":" + std::to_string(port) + path;
-}
-
-std::string configuration(const engines::http::test::TemporaryDirectory& directory, int port,
-                          int tls_port, const engines::http::test::Identity& identity) {
-  std::ofstream(directory.file("small.json")) << small_json();
-  std::ofstream(directory.file("large.bin")) << std::string(LARGE_BYTES, 'x');
-  std::ofstream(directory.file("embeddings.json")) << embeddings_json(LARGE_BYTES);
-  std::string temporary;
-  for (const char* kind : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"}) {
-    temporary += std::string(kind) + "_temp_path " + directory.file(kind) + "; ";
-  }
-  const std::string file = directory.file("nginx.conf");
-  std::ofstream(file) << "daemon off; master_process off; error_log stderr; pid "
-                      << directory.file("pid")
-                      << ";\n events {}\n http { access_log off; sendfile on; tcp_nopush on; "
-                         "keepalive_requests 100000000; open_file_cache max=10; types { "
-                         "application/json json; } "
-                      << temporary << "root " << directory.file("")
-                      << ";\n server { listen 127.0.0.1:" << port
-                      << "; listen 127.0.0.1:" << tls_port << " ssl; ssl_certificate "
-                      << identity.certificate << "; ssl_certificate_key " << identity.key
-                      << "; } }\n";
-  return file;
 }
 
 }  // namespace
@@ -112,26 +83,18 @@ void serve_echoes(int port) {
   }
 }
 
-Servers::Servers(const std::string& self)
-    : get_port_(closed_port()),
-      tls_port_(closed_port()),
-      echo_port_(closed_port()),
-      nginx_("/usr/sbin/nginx", {"-c", configuration(directory_, get_port_, tls_port_, identity_)},
-             get_port_),
-      echo_(self.c_str(), {"--echo-server", std::to_string(echo_port_)}, echo_port_) {
+Servers::Servers()
+    : nginx_("exec",
+             NGINX " " + directory_.file("") + " " + identity_.certificate + " " + identity_.key),
+      echo_("exec", std::filesystem::read_symlink("/proc/self/exe").string() + " --echo-server") {
+  std::ofstream(directory_.file("small.json")) << small_json();
+  std::ofstream(directory_.file("large.bin")) << std::string(LARGE_BYTES, 'x');
+  std::ofstream(directory_.file("embeddings.json")) << embeddings_json(LARGE_BYTES);
   const std::string hashed = hashed_directory();
   engines::http::test::run("cat /etc/ssl/certs/ca-certificates.crt " + ca_file() + " > " +
                            bundle_file() + " && mkdir " + hashed +
                            " && cp -L /etc/ssl/certs/*.[0-9] " + hashed + " && cp " + ca_file() +
                            " " + hashed + "/$(openssl x509 -hash -noout -in " + ca_file() + ").0");
 }
-
-std::string Servers::get_url(const std::string& path) const {
-  return url("http", "127.0.0.1", get_port_, path);
-}
-std::string Servers::tls_url(const std::string& path) const {
-  return url("https", "localhost", tls_port_, path);
-}
-std::string Servers::echo_url() const { return url("http", "127.0.0.1", echo_port_, "/echo"); }
 
 }  // namespace bench

@@ -14,13 +14,13 @@ namespace bench {
 
 class Servers {
  public:
-  /// `self` is the path of this program, which is started once more as the echo server.
-  explicit Servers(const std::string& self);
+  /// Starts this program once more as the echo server.
+  Servers();
 
   /// "/small.json", "/large.bin" and "/embeddings.json", of 1 KB and twice 16 MiB.
-  std::string get_url(const std::string& path) const;
-  std::string tls_url(const std::string& path) const;
-  std::string echo_url() const;
+  std::string get_url(const std::string& path) const { return nginx_.url(path); }
+  std::string tls_url(const std::string& path) const { return nginx_.tls_url(path); }
+  std::string echo_url() const { return echo_.url("/echo"); }
   std::string ca_file() const { return authority_.file(); }
   /// The platform's certificates and the one that the server is trusted by: as one file, and as a
   /// directory by hash.
@@ -31,11 +31,8 @@ class Servers {
   engines::http::test::CertificateAuthority authority_;
   engines::http::test::Identity identity_ = authority_.issue("localhost");
   engines::http::test::TemporaryDirectory directory_;
-  int get_port_;
-  int tls_port_;
-  int echo_port_;
-  engines::http::test::Program nginx_;
-  engines::http::test::Program echo_;
+  engines::http::test::RealPeer nginx_;
+  engines::http::test::RealPeer echo_;
 };
 
 }  // namespace bench
