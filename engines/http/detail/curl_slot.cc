@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -44,6 +45,8 @@ Slot::Slot() {
     throw std::bad_alloc();
   }
   curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, 1L);
+  curl_easy_setopt(easy_, CURLOPT_CLOSESOCKETFUNCTION, &on_close);
+  curl_easy_setopt(easy_, CURLOPT_CLOSESOCKETDATA, this);
 }
 
 Slot::~Slot() {
@@ -74,6 +77,12 @@ curl_socket_t Slot::open_socket(const curl_sockaddr& address) {
   struct stat made {};
   if (number >= 0 && fstat(number, &made) == 0) sockets_.push_back({number, made.st_ino});
   return number;
+}
+
+int Slot::on_close(void* self, curl_socket_t socket) noexcept {
+  std::erase_if(static_cast<Slot*>(self)->sockets_,
+                [=](const Socket& one) { return one.number == socket; });
+  return close(socket);
 }
 
 void Slot::cut_off() const noexcept {

@@ -56,7 +56,10 @@ class Slot {
   Clock::time_point idle_from;     // and when it ended
 
  private:
-  /// libcurl does not always tell when it closes a socket, whose number may then be a stranger's.
+  static int on_close(void* self, curl_socket_t socket) noexcept;
+
+  /// libcurl does not always tell when it closes a socket (not that of an address which lost the
+  /// race), whose number may then be a stranger's.
   struct Socket {
     curl_socket_t number;
     ino_t inode;
