@@ -506,6 +506,7 @@ std::size_t Exchange::read(std::string& out, std::size_t amt, bool fill) {
     for (;;) {
       if (paused_) {
         paused_ = false;
+        give_up_at_ = from + patient_for;  // not that of the step before: take_body looks at it
         // What libcurl had kept is handed over here; where that fails, it is gone.
         if (const CURLcode code = curl_easy_pause(slot_->easy(), CURLPAUSE_CONT)) {
           done_ = true;
