@@ -28,8 +28,8 @@
 #include "bench/documents.h"
 #include "bench/json_peers.h"
 #include "bench/servers.h"
-#include "engines/http/detail/decimal.h"
 #include "engines/http/http.h"
+#include "engines/http/json/decimal.h"
 #include "engines/http/testing.h"
 
 namespace bench {

@@ -21,9 +21,9 @@
 #include <utility>
 #include <vector>
 
-#include "engines/http/detail/text.h"
 #include "engines/http/http.h"
 #include "engines/http/testing.h"
+#include "engines/http/text/text.h"
 #include "fuzz/expect.h"
 
 namespace http = engines::http;

@@ -11,8 +11,8 @@
 #include <string_view>
 #include <typeinfo>
 
-#include "engines/http/detail/text.h"
-#include "engines/http/detail/type_name.h"
+#include "engines/http/text/text.h"
+#include "engines/http/text/type_name.h"
 #include "fuzz/expect.h"
 
 namespace detail = engines::http::detail;

@@ -11,9 +11,9 @@
 #include <vector>
 
 #include "engines/http/classification.h"
-#include "engines/http/detail/text.h"
 #include "engines/http/reply.h"
 #include "engines/http/testing.h"
+#include "engines/http/text/text.h"
 #include "tests/support/told.h"
 
 namespace engines::http {

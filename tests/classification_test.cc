@@ -9,8 +9,8 @@
 #include <variant>
 #include <vector>
 
-#include "engines/http/detail/text.h"
 #include "engines/http/testing.h"
+#include "engines/http/text/text.h"
 #include "tests/support/told.h"
 
 // Errors of libraries that this one has never seen.

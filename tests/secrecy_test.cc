@@ -9,9 +9,9 @@
 #include <random>
 #include <sstream>
 
-#include "engines/http/detail/text.h"
 #include "engines/http/http.h"
 #include "engines/http/testing.h"
+#include "engines/http/text/text.h"
 #include "tests/support/fault_server.h"
 
 namespace engines::http {

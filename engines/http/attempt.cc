@@ -4,8 +4,8 @@
 #include <new>
 
 #include "engines/http/classification.h"
+#include "engines/http/closing.h"
 #include "engines/http/curl_transport.h"
-#include "engines/http/detail/closing.h"
 
 namespace engines::http {
 namespace {

@@ -17,10 +17,10 @@
 #include <variant>
 
 #include "engines/http/body.h"
-#include "engines/http/detail/required.h"
 #include "engines/http/failure.h"
 #include "engines/http/policy.h"
 #include "engines/http/redaction.h"
+#include "engines/http/required.h"
 #include "engines/http/transport.h"
 
 namespace engines::http {

@@ -44,7 +44,7 @@
 #include <variant>
 #include <vector>
 
-#include "engines/http/detail/json_writer.h"
+#include "engines/http/json/encoder.h"
 
 namespace engines::http {
 

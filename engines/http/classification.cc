@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
-#include "engines/http/detail/closing.h"
-#include "engines/http/detail/text.h"
-#include "engines/http/detail/type_name.h"
+#include "engines/http/closing.h"
+#include "engines/http/text/text.h"
+#include "engines/http/text/type_name.h"
 
 namespace engines::http {
 namespace {

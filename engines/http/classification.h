@@ -20,8 +20,8 @@
 #include <type_traits>
 #include <typeinfo>
 
-#include "engines/http/detail/foreign.h"
 #include "engines/http/failure.h"
+#include "engines/http/foreign.h"
 #include "engines/http/policy.h"
 #include "engines/http/redaction.h"
 #include "engines/http/transport.h"

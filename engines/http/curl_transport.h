@@ -14,8 +14,8 @@
 #include <optional>
 #include <string>
 
-#include "engines/http/detail/seconds.h"
-#include "engines/http/detail/stop_signal.h"
+#include "engines/http/seconds.h"
+#include "engines/http/stop_signal.h"
 #include "engines/http/transport.h"
 
 namespace engines::http {

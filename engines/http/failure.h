@@ -22,8 +22,8 @@
 #include <string>
 #include <typeinfo>
 
-#include "engines/http/detail/held.h"
-#include "engines/http/detail/required.h"
+#include "engines/http/held.h"
+#include "engines/http/required.h"
 
 /// The HTTP client: the calls, the policy they are made under and the failures they end in.
 namespace engines::http {

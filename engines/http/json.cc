@@ -15,9 +15,9 @@
 #include <utility>
 #include <vector>
 
-#include "engines/http/detail/decimal.h"
-#include "engines/http/detail/scan.h"
-#include "engines/http/detail/text.h"
+#include "engines/http/json/decimal.h"
+#include "engines/http/text/scan.h"
+#include "engines/http/text/text.h"
 
 namespace engines::http {
 namespace {

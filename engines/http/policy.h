@@ -22,10 +22,10 @@
 #include <type_traits>
 #include <utility>
 
-#include "engines/http/detail/required.h"
-#include "engines/http/detail/seconds.h"
-#include "engines/http/detail/stop_signal.h"
 #include "engines/http/failure.h"
+#include "engines/http/required.h"
+#include "engines/http/seconds.h"
+#include "engines/http/stop_signal.h"
 
 namespace engines::http {
 

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <new>
 
-#include "engines/http/detail/text.h"
+#include "engines/http/text/text.h"
 
 namespace engines::http {
 namespace {

@@ -4,7 +4,7 @@
 #include <charconv>
 #include <utility>
 
-#include "engines/http/detail/text.h"
+#include "engines/http/text/text.h"
 
 namespace engines::http {
 namespace {

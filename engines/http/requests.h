@@ -10,10 +10,10 @@
 #include <string_view>
 
 #include "engines/http/body.h"
-#include "engines/http/detail/required.h"
 #include "engines/http/json.h"
 #include "engines/http/policy.h"
 #include "engines/http/redaction.h"
+#include "engines/http/required.h"
 #include "engines/http/transport.h"
 
 namespace engines::http {

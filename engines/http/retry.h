@@ -11,10 +11,10 @@
 #include <string_view>
 #include <type_traits>
 
-#include "engines/http/detail/required.h"
 #include "engines/http/failure.h"
 #include "engines/http/policy.h"
 #include "engines/http/redaction.h"
+#include "engines/http/required.h"
 
 namespace spdlog {
 class logger;

@@ -23,7 +23,7 @@
 #include <utility>
 #include <vector>
 
-#include "engines/http/detail/held.h"
+#include "engines/http/held.h"
 #include "engines/http/json.h"
 #include "engines/http/policy.h"
 #include "engines/http/transport.h"

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <stdexcept>
 
-#include "engines/http/detail/text.h"
+#include "engines/http/text/text.h"
 
 namespace engines::http {
 namespace {

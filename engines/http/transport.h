@@ -30,9 +30,10 @@
 #include <utility>
 #include <vector>
 
-#include "engines/http/detail/held.h"
-#include "engines/http/detail/seconds.h"
 #include "engines/http/failure.h"
+#include "engines/http/held.h"
+#include "engines/http/seconds.h"
+#include "engines/http/stop_signal.h"
 
 namespace engines::http {
 
@@ -214,6 +215,12 @@ inline LineIterator Response::begin() { return LineIterator(*this); }
 struct TransportOptions {
   /// The longest wait of one socket operation. Must be given.
   Seconds timeout;
+  /// Asked at least every 0.1 s while the exchange waits, reading included; once it says true, the
+  /// exchange ends as `Stopped`. Empty: never asked.
+  StopSignal should_stop = nullptr;
+  /// Seconds for the whole exchange, reading included; when they have passed it ends as a
+  /// `TimeoutError`. None: unbounded.
+  std::optional<Seconds> time_left = std::nullopt;
 };
 
 /// Sends a request and returns the open reply, or raises. See the contract at the top of this file.

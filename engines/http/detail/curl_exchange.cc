@@ -9,8 +9,8 @@
 #include <utility>
 
 #include "engines/http/detail/curl_failure.h"
-#include "engines/http/detail/text.h"
 #include "engines/http/failure.h"
+#include "engines/http/text/text.h"
 
 namespace engines::http::detail {
 namespace {

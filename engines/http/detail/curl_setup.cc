@@ -9,7 +9,7 @@
 #include <string_view>
 #include <system_error>
 
-#include "engines/http/detail/text.h"
+#include "engines/http/text/text.h"
 
 namespace engines::http::detail {
 namespace {

@@ -4,7 +4,7 @@
 #include <array>
 #include <stdexcept>
 
-#include "engines/http/detail/text.h"
+#include "engines/http/text/text.h"
 
 namespace engines::http::detail {
 namespace {

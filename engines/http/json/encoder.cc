@@ -1,13 +1,13 @@
-#include "engines/http/detail/json_writer.h"
+#include "engines/http/json/encoder.h"
 
 #include <bit>
 #include <cmath>
 #include <stdexcept>
 #include <utility>
 
-#include "engines/http/detail/decimal.h"
-#include "engines/http/detail/scan.h"
-#include "engines/http/detail/text.h"
+#include "engines/http/json/decimal.h"
+#include "engines/http/text/scan.h"
+#include "engines/http/text/text.h"
 
 namespace engines::http::detail {
 namespace {

@@ -1,4 +1,4 @@
-#include "engines/http/detail/decimal.h"
+#include "engines/http/json/decimal.h"
 
 #include <algorithm>
 #include <array>

@@ -1,4 +1,4 @@
-#include "engines/http/detail/type_name.h"
+#include "engines/http/text/type_name.h"
 
 #include <cxxabi.h>
 

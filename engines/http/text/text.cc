@@ -1,4 +1,4 @@
-#include "engines/http/detail/text.h"
+#include "engines/http/text/text.h"
 
 #include <unicode/ucasemap.h>
 #include <unicode/uchar.h>
@@ -10,7 +10,7 @@
 #include <memory>
 #include <new>
 
-#include "engines/http/detail/scan.h"
+#include "engines/http/text/scan.h"
 
 namespace engines::http::detail {
 namespace {
