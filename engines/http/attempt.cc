@@ -26,11 +26,32 @@ Headers with_content_type(const Headers& given) {
   return headers;
 }
 
-/// Runs the reader. A network failure of its reads is returned classified, any other is thrown.
-FailurePtr read_or_failure(Response& reply, const std::function<void(Response&)>& read,
-                           const RetryPolicy& policy, const Secrets& secrets) {
+/// The policy's stop signal, and what is left until its deadline where that is an instant on the
+/// library's own clock. A caller's clock is not read.
+TransportOptions transport_options(double timeout, const RetryPolicy& policy) {
+  TransportOptions options{.timeout = timeout, .should_stop = policy.should_stop};
+  const auto* const clock = policy.clock.target<double (*)()>();
+  if (policy.deadline && clock && *clock == monotonic) {
+    options.time_left = *policy.deadline - monotonic();
+  }
+  return options;
+}
+
+/// Shows an error reply, which is closed when that fails.
+void show(HTTPError& error, const Inspect& inspect) {
   try {
-    read(reply);
+    inspect(error);
+  } catch (...) {
+    error.close();
+    throw;
+  }
+}
+
+/// Runs the reader. A network failure of its reads is returned classified, any other is thrown.
+FailurePtr read_or_failure(Response& reply, const detail::Use& use, const RetryPolicy& policy,
+                           const Secrets& secrets) {
+  try {
+    use(reply, secrets);
     return nullptr;
   } catch (const OSError& error) {
     return classify(error, policy, secrets);
@@ -41,8 +62,7 @@ FailurePtr read_or_failure(Response& reply, const std::function<void(Response&)>
 
 }  // namespace
 
-void detail::send(std::string_view url, const AttemptFields& fields,
-                  const std::function<void(Response&)>& read) {
+void detail::send(std::string_view url, const AttemptFields& fields, const Use& use) {
   std::optional<std::string> data = encode_body(fields.body);
   Headers headers = data ? with_content_type(fields.headers) : fields.headers;
   const Secrets hidden = _secrets_of_call(fields.secrets, headers, url);
@@ -50,27 +70,35 @@ void detail::send(std::string_view url, const AttemptFields& fields,
       std::string(url),
       {.data = std::move(data), .headers = std::move(headers), .method = fields.method});
 
+  const auto open = [&](const Transport& transport) {
+    return _reply_or_failure(transport, request, fields.timeout, fields.policy, hidden,
+                             fields.inspect);
+  };
   const ReplyOrFailure outcome =
-      fields.transport
-          ? _reply_or_failure(fields.transport, request, fields.timeout, fields.policy, hidden)
-          : _reply_or_failure(urlopen_transport, request, fields.timeout, fields.policy, hidden);
+      fields.transport ? open(fields.transport) : open(urlopen_transport);
   // Thrown here, where no error of the transport is being handled: none travels with it.
   if (const FailurePtr* const failure = std::get_if<FailurePtr>(&outcome)) failure->raise();
 
   const FailurePtr failure =
-      closing(*std::get<std::shared_ptr<Response>>(outcome),
-              [&](Response& reply) { return read_or_failure(reply, read, fields.policy, hidden); });
+      closing(*std::get<std::shared_ptr<Response>>(outcome), [&](Response& reply) {
+        if (fields.inspect) fields.inspect(reply);
+        return read_or_failure(reply, use, fields.policy, hidden);
+      });
   if (failure) failure.raise();
 }
 
 ReplyOrFailure _reply_or_failure(const Transport& transport, const Request& request, double timeout,
-                                 const RetryPolicy& policy, const Secrets& secrets) {
+                                 const RetryPolicy& policy, const Secrets& secrets,
+                                 const Inspect& inspect) {
   try {
-    std::shared_ptr<Response> reply = transport(request, {.timeout = timeout});
+    std::shared_ptr<Response> reply = transport(request, transport_options(timeout, policy));
     if (!reply) throw ValueError("the transport returned no reply");
     return reply;
   } catch (HTTPError& error) {
-    if (!policy.error_replies.contains(error.code())) return classify(error, policy, secrets);
+    if (!policy.error_replies.contains(error.code())) {
+      if (inspect) show(error, inspect);
+      return classify(error, policy, secrets);
+    }
     // The error is the reply, kept alive by its own handle.
     try {
       return std::shared_ptr<Response>(

@@ -1,12 +1,13 @@
 // One attempt: encodes the request, sends it through a transport, hands the open reply to the
 // caller's reader and closes it. It never tries again; what it throws goes to the retry loop.
 //
-//   std::size_t bytes = send<std::size_t>(url, {.policy = policy,
-//                                               .timeout = 30.0,
-//                                               .read = [](Response& reply) { ... },
-//                                               .body = request});
+//   Json answer = send<Json>(url, {.policy = policy,
+//                                  .timeout = 30.0,
+//                                  .read = read_json,
+//                                  .body = request});
 #pragma once
 
+#include <concepts>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -25,31 +26,77 @@
 
 namespace engines::http {
 
-/// What `send` is told beside the URL.
+/// Is shown an open reply before its body is read: `status()` and `headers()`.
+using Inspect = std::function<void(const Response& reply)>;
+
+namespace detail {
+
+/// Whether `Read` can be called with a reply and these, and returns a `Result`.
+template <class Read, class Result, class... More>
+concept Reads = std::is_invocable_r_v<Result, Read&, Response&, const More&...>;
+
+}  // namespace detail
+
+/// Reads an open reply. It converts from any function that takes the reply and after it, where the
+/// function wants them, the policy, the secrets that the attempt hides, or both, in this order:
+///
+///   [](Response& reply) { ... }
+///   [](Response& reply, const Secrets& hidden) { ... }
+///   read_json, read_body
+///
+/// A function that quotes what the peer sent must quote it by `excerpt(text, hidden)`.
+template <class Result>
+class Reader : public std::function<Result(Response&, const RetryPolicy&, const Secrets& hidden)> {
+ public:
+  /// Calls this function, which is copied.
+  template <class Read>
+  requires(!std::same_as<Read, Reader> &&
+           (detail::Reads<Read, Result, RetryPolicy, Secrets> ||
+            detail::Reads<Read, Result, Secrets> || detail::Reads<Read, Result, RetryPolicy> ||
+            detail::Reads<Read, Result>)) Reader(Read read)
+      : Reader::function([read = std::move(read)](Response& reply, const RetryPolicy& policy,
+                                                  const Secrets& hidden) mutable -> Result {
+          if constexpr (detail::Reads<Read, Result, RetryPolicy, Secrets>) {
+            return static_cast<Result>(read(reply, policy, hidden));
+          } else if constexpr (detail::Reads<Read, Result, Secrets>) {
+            return static_cast<Result>(read(reply, hidden));
+          } else if constexpr (detail::Reads<Read, Result, RetryPolicy>) {
+            return static_cast<Result>(read(reply, policy));
+          } else {
+            return static_cast<Result>(read(reply));
+          }
+        }) {}
+};
+
+/// What `send` takes beside the URL. The fields are given by name, in this order. The options own
+/// what they hold and may be kept and copied.
 template <class Result>
 struct SendOptions {
-  /// How a failure is judged. Referred to, not copied: it must outlive the options.
-  const RetryPolicy& policy;
+  /// How a failure is judged. Must be given.
+  RetryPolicy policy = detail::missing<RetryPolicy, Result>();
   /// Socket timeout of the attempt, in seconds.
   required<Seconds> timeout;
-  /// Takes the open reply; what it returns, `send` returns: a value that can be moved, a reference,
-  /// or nothing. It can be copied, and does not close the reply.
-  required<std::function<Result(Response& reply)>> read;
+  /// Reads the reply and does not close it. What it returns, `send` returns: a value that can be
+  /// moved, a reference, or nothing.
+  required<Reader<Result>> read;
   /// Sent as it is given.
   std::string method = "POST";
   /// Sent as JSON; a null body is no body.
   Body body = {};
   /// Sent with the request. A body adds "Content-Type: application/json" unless it is among them.
   Headers headers = {};
-  /// Removed from every message, together with those that the headers carry.
+  /// Removed from every message, together with those that the headers and the URL carry.
   Secrets secrets = {};
   /// Sends the request; none means `urlopen_transport`.
   Transport transport = nullptr;
+  /// Called with the reply, an error reply included, before its body is read. What it throws passes
+  /// through unchanged.
+  Inspect inspect = nullptr;
 };
 
 namespace detail {
 
-/// `SendOptions` without the result's type.
+/// `SendOptions` without the result's type, borrowed.
 struct AttemptFields {
   const RetryPolicy& policy;
   double timeout;
@@ -58,23 +105,28 @@ struct AttemptFields {
   const Headers& headers;
   const Secrets& secrets;
   const Transport& transport;
+  const Inspect& inspect;
 };
 
-void send(std::string_view url, const AttemptFields& fields,
-          const std::function<void(Response&)>& read);
+/// Reads the reply; the secrets are those that the attempt hides.
+using Use = std::function<void(Response& reply, const Secrets& hidden)>;
 
-/// Borrows everything that it is given.
+void send(std::string_view url, const AttemptFields& fields, const Use& use);
+
+/// `read` takes the reply and the attempt's secrets.
 template <class Result, class Read>
 Result send_for(std::string_view url, const AttemptFields& fields, const Read& read) {
   if constexpr (std::is_void_v<Result>) {
     send(url, fields, std::cref(read));
   } else if constexpr (std::is_reference_v<Result>) {
     std::remove_reference_t<Result>* result = nullptr;
-    send(url, fields, [&](Response& reply) { result = &read(reply); });
+    send(url, fields,
+         [&](Response& reply, const Secrets& hidden) { result = &read(reply, hidden); });
     return static_cast<Result>(*result);
   } else {
     std::optional<Result> result;
-    send(url, fields, [&](Response& reply) { result.emplace(read(reply)); });
+    send(url, fields,
+         [&](Response& reply, const Secrets& hidden) { result.emplace(read(reply, hidden)); });
     return *std::move(result);
   }
 }
@@ -88,10 +140,13 @@ Result send_for(std::string_view url, const AttemptFields& fields, const Read& r
 /// close replaces the outcome.
 template <class Result>
 Result send(std::string_view url, const SendOptions<Result>& options) {
-  const detail::AttemptFields fields{options.policy,   *options.timeout, options.method,
-                                     options.body,     options.headers,  options.secrets,
-                                     options.transport};
-  return detail::send_for<Result>(url, fields, *options.read);
+  const detail::AttemptFields fields{options.policy,    *options.timeout, options.method,
+                                     options.body,      options.headers,  options.secrets,
+                                     options.transport, options.inspect};
+  return detail::send_for<Result>(url, fields,
+                                  [&](Response& reply, const Secrets& hidden) -> Result {
+                                    return (*options.read)(reply, options.policy, hidden);
+                                  });
 }
 
 /// What a transport did: the open reply, or the failure that its error became.
@@ -99,7 +154,9 @@ using ReplyOrFailure = std::variant<std::shared_ptr<Response>, FailurePtr>;
 
 /// Calls the transport. An `HTTPError` whose code is among the policy's `error_replies` is the
 /// reply itself; any other network or protocol failure is returned classified, never thrown.
+/// `inspect` is called with the error replies that are classified.
 ReplyOrFailure _reply_or_failure(const Transport& transport, const Request& request, double timeout,
-                                 const RetryPolicy& policy, const Secrets& secrets);
+                                 const RetryPolicy& policy, const Secrets& secrets,
+                                 const Inspect& inspect = nullptr);
 
 }  // namespace engines::http

@@ -62,6 +62,8 @@ int AttemptCount::checked(int count) {
 
 }  // namespace detail
 
+bool RetryPolicy::is_past_deadline() const { return deadline && clock() >= *deadline; }
+
 double RetryPolicy::backoff(int failed) const { return std::scalbn(backoff_s, failed - 1); }
 
 RetryPolicy RetryPolicy::with(const PolicyChanges& changes) const {

@@ -240,6 +240,9 @@ struct RetryPolicy {
   /// The longest reply that is read, in bytes (16 MiB).
   const detail::Bound max_body_bytes = 16777216;
 
+  /// Whether the deadline has come. False without a deadline, and then the clock is not read.
+  bool is_past_deadline() const;
+
   /// Seconds to wait after `failed` attempts have failed: `backoff_s` × 2^(failed − 1).
   double backoff(int failed) const;
 

@@ -27,9 +27,7 @@ std::size_t announced_bytes(const Response& reply) {
 std::optional<StatusCode> _status(const Response& reply) { return reply.status(); }
 
 void _check_deadline(const RetryPolicy& policy, std::string_view message) {
-  if (policy.deadline && policy.clock() >= *policy.deadline) {
-    throw DeadlineExceeded(std::string(message));
-  }
+  if (policy.is_past_deadline()) throw DeadlineExceeded(std::string(message));
 }
 
 std::string read_body(Response& reply, const RetryPolicy& policy) {

@@ -1,30 +1,33 @@
 #include "engines/http/requests.h"
 
-#include "engines/http/attempt.h"
 #include "engines/http/reply.h"
 #include "engines/http/retry.h"
 
 namespace engines::http {
 
 Json post_json(std::string_view url, const Body& body, const CallOptions& options) {
-  return _request_json("POST", url, body, options.policy, *options.label, options.headers,
-                       options.secrets, options.transport);
+  return request_json("POST", url, body, options);
 }
 
 Json get_json(std::string_view url, const CallOptions& options) {
-  return _request_json("GET", url, {}, options.policy, *options.label, options.headers,
-                       options.secrets, options.transport);
+  return request_json("GET", url, {}, options);
+}
+
+Json request_json(std::string_view method, std::string_view url, const Body& body,
+                  const CallOptions& options) {
+  return _request_json(method, url, body, options.policy, *options.label, options.headers,
+                       options.secrets, options.transport, options.inspect);
 }
 
 Json _request_json(std::string_view method, std::string_view url, const Body& body,
                    const RetryPolicy& policy, std::string_view label, const Headers& headers,
-                   const Secrets& secrets, const Transport& transport) {
+                   const Secrets& secrets, const Transport& transport, const Inspect& inspect) {
   const Secrets hidden = _secrets_of_call(secrets, headers, url);
-  const auto reader = [&](Response& reply) { return read_json(reply, policy, hidden); };
   const std::string verb(method);
   const auto attempt = [&](double timeout) {
-    return detail::send_for<Json>(url, {policy, timeout, verb, body, headers, hidden, transport},
-                                  reader);
+    return detail::send_for<Json>(
+        url, {policy, timeout, verb, body, headers, hidden, transport, inspect},
+        [&](Response& reply, const Secrets&) { return read_json(reply, policy, hidden); });
   };
   return retry(policy, attempt, {.label = std::string(label), .secrets = hidden});
 }

@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "engines/http/attempt.h"
 #include "engines/http/body.h"
 #include "engines/http/json.h"
 #include "engines/http/policy.h"
@@ -18,20 +19,28 @@
 
 namespace engines::http {
 
-/// What a call is told beside the URL and the body.
-struct CallOptions {
-  /// The attempts, the backoff, the statuses and the bounds. Referred to, not copied: it must
-  /// outlive the options.
-  const RetryPolicy& policy;
+/// The fields of `CallOptions`; `Given` only serves to refuse options without a policy.
+template <class Given = void>
+struct CallFields {
+  /// The attempts, the backoff, the statuses and the bounds. Must be given.
+  RetryPolicy policy = detail::missing<RetryPolicy, Given>();
   /// Names the call in what is logged and thrown, as in "decision call".
   required<std::string> label;
   /// Sent with the request. The credentials among them are kept out of every message.
   Headers headers = {};
-  /// Removed from every message and log line, together with those that the headers carry.
+  /// Removed from every message and log line, together with those that the headers and the URL
+  /// carry.
   Secrets secrets = {};
   /// Sends the request; none means `urlopen_transport`.
   Transport transport = nullptr;
+  /// Called with each reply that opens, error replies included, before its body is read: it sees
+  /// `status()` and `headers()`. What it throws ends the call unchanged.
+  Inspect inspect = nullptr;
 };
+
+/// What a call takes beside the URL and the body. The fields are given by name, in this order. The
+/// options own what they hold and may be kept, copied and shared between threads.
+using CallOptions = CallFields<>;
 
 /// POSTs `body` as JSON and returns the parsed reply. A body in braces needs its type:
 /// `Json{{...}}`, or `Json::object()` for an empty one; `{}` is no body. Throws an `HttpFailure` of
@@ -41,9 +50,14 @@ Json post_json(std::string_view url, const Body& body, const CallOptions& option
 /// GETs `url` and returns the parsed reply. Throws as `post_json` does.
 Json get_json(std::string_view url, const CallOptions& options);
 
-/// What both are: a call by this method under this policy.
+/// The same by any method, as PUT, PATCH or DELETE; `{}` is no body. Throws as `post_json` does.
+Json request_json(std::string_view method, std::string_view url, const Body& body,
+                  const CallOptions& options);
+
+/// What all of them are.
 Json _request_json(std::string_view method, std::string_view url, const Body& body,
                    const RetryPolicy& policy, std::string_view label, const Headers& headers,
-                   const Secrets& secrets, const Transport& transport);
+                   const Secrets& secrets, const Transport& transport,
+                   const Inspect& inspect = nullptr);
 
 }  // namespace engines::http

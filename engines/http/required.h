@@ -1,5 +1,11 @@
 // A field of a parameter struct that must be given: leaving it out of the designated initialisers
-// does not compile, and says so.
+// does not compile, and says so. There are two ways to declare one:
+//
+//   required<std::string> label;
+//   RetryPolicy policy = detail::missing<RetryPolicy, Given>();
+//
+// The second is for a value that may be in braces itself, `.policy = {.attempts = 1}`. `Given` is a
+// template parameter of the struct, without which the default would be compiled in any case.
 #pragma once
 
 #include <concepts>
@@ -7,11 +13,27 @@
 
 namespace engines::http {
 
+template <class T, class Given>
+T missing_field() {
+  static_assert(!std::same_as<Given, void>, "a field that must be given is missing");
+}
+
+namespace detail {
+
+/// The default of a field that must be given: does not compile where it is used.
+template <class T, class Given>
+T missing() {
+  static_assert(!std::same_as<Given, Given>, "a field that must be given is missing");
+}
+
+}  // namespace detail
+
+/// Holds a `T` and has no usable default.
 template <class T>
 class required {
  public:
   template <class Given = void>
-  required() : value_(missing<Given>()) {}
+  required() : value_(detail::missing<T, Given>()) {}
 
   template <class U>
   requires(!std::same_as<std::remove_cvref_t<U>, required> &&
@@ -23,11 +45,6 @@ class required {
   constexpr const T* operator->() const noexcept { return &value_; }
 
  private:
-  template <class Given>
-  static T missing() {
-    static_assert(!std::same_as<Given, void>, "a field that must be given is missing");
-  }
-
   T value_;
 };
 

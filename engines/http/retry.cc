@@ -105,7 +105,7 @@ void _back_off(const RetryPolicy& policy, int failed, const FailurePtr& last,
 
 void detail::give_up(const RetryPolicy& policy, const FailurePtr& last, std::string_view label,
                      const Secrets& secrets) {
-  if (policy.deadline && policy.clock() >= *policy.deadline) {
+  if (policy.is_past_deadline()) {
     throw DeadlineExceeded(labelled(label, " ran out of time"), {.last = last});
   }
   throw Exhausted(labelled(label, " failed after " + std::to_string(policy.attempts) +
