@@ -48,6 +48,20 @@ TEST(SecretsOfUrl, ThePasswordAndWhatIsSentOfIt) {
   for (const char* url : {"http://h/a:b@c", "a:b@c"}) EXPECT_TRUE(secrets_of_url(url).empty());
 }
 
+TEST(SecretsOfCall, WhatHeadersNamesSayIsACredential) {
+  const std::vector<std::pair<Headers, std::vector<std::string>>> table{
+      {{{"X-Api-Key", " k-1 "}, {"api-key", "k-2"}, {"Authorization", "Bearer t"}},
+       {"mine", " k-1 ", "Bearer t", "t", "k-1", "k-2", "Bearer t", "t"}},
+      {{{"x-goog-api-key", "g"}, {"Ocp-Apim-Subscription-Key", "o"}, {"X-AUTH-TOKEN", "JWT j"}},
+       {"mine", "g", "o", "JWT j", "j"}},
+      {{{"Cookie", "a=1; b==2;c"}, {"Accept", "a/b"}, {"X-Request-Id", "r"}, {"Keep-Alive", "1"}},
+       {"mine", "a=1; b==2;c", "b==2;c", "1", "=2"}},
+  };
+  for (const auto& [headers, expected] : table) {
+    EXPECT_EQ(items(_secrets_of_call({"mine"}, headers, "http://h")), expected);
+  }
+}
+
 TEST(Secrets, AnyRangeIsReadOnce) {
   struct OnePass {
     std::istringstream words;
@@ -59,6 +73,10 @@ TEST(Secrets, AnyRangeIsReadOnce) {
   const char* const array[] = {"a", "b"};
   EXPECT_EQ(Secrets(array).size(), 2U);
   EXPECT_EQ(Secrets(array)[1], "b");
+  const std::string named = "ab";
+  EXPECT_EQ(items({{"a", "b"}}), (std::vector<std::string>{"a", "b"})) << "not a pair of iterators";
+  EXPECT_EQ(items({named, "b"}), (std::vector<std::string>{"ab", "b"}));
+  EXPECT_EQ(items({{named}}), std::vector{named});
   EXPECT_EQ(items(Secrets().followed_by(Secrets(array)).followed_by({"c"})),
             (std::vector<std::string>{"a", "b", "c"}));
 }

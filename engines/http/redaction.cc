@@ -134,6 +134,41 @@ void remove_secrets(std::string& text, const std::vector<std::string>& secrets) 
   }
 }
 
+// ---- Headers ------------------------------------------------------------------------------------
+
+/// The credential behind the value's first word, where there is one.
+void add_without_scheme(std::vector<std::string>& found, std::string_view value) {
+  const std::string_view trimmed = detail::trim(value);
+  const std::size_t space = std::min(trimmed.find(' '), trimmed.size());
+  const std::string_view credential = detail::trim(trimmed.substr(space));
+  if (!credential.empty()) found.emplace_back(credential);
+}
+
+/// The values of a Cookie header (RFC 6265, section 4.2.1).
+void add_cookies(std::vector<std::string>& found, std::string_view pairs) {
+  while (!pairs.empty()) {
+    const std::string_view pair = pairs.substr(0, pairs.find(';'));
+    pairs.remove_prefix(std::min(pair.size() + 1, pairs.size()));
+    const std::size_t equals = pair.find('=');
+    if (equals != std::string_view::npos) found.emplace_back(detail::trim(pair.substr(equals + 1)));
+  }
+}
+
+/// The values of the headers whose names say that they hold a credential, as a server reads them:
+/// without the white space around them.
+std::vector<std::string> by_name(const Headers& headers) {
+  std::vector<std::string> found;
+  for (const auto& [name, value] : headers) {
+    const std::string lowered = detail::lower(name);
+    const auto holds = [&](std::string_view word) { return lowered.find(word) != lowered.npos; };
+    if (std::ranges::none_of(detail::CREDENTIAL_WORDS, holds)) continue;
+    found.emplace_back(detail::trim(value));
+    add_without_scheme(found, value);
+    if (holds("cookie")) add_cookies(found, value);
+  }
+  return found;
+}
+
 // ---- Userinfo -----------------------------------------------------------------------------------
 
 int hex_digit(char c) noexcept {
@@ -193,11 +228,7 @@ Secrets secrets_of(const Headers& headers) {
     };
     if (std::ranges::none_of(detail::SECRET_HEADERS, is_it) || value.empty()) continue;
     found.push_back(value);
-    const std::string_view trimmed = detail::trim(value);
-    const std::size_t space = trimmed.find(' ');
-    if (space == std::string_view::npos) continue;
-    const std::string_view credential = detail::trim(trimmed.substr(space));
-    if (!credential.empty()) found.emplace_back(credential);
+    add_without_scheme(found, value);
   }
   return found;
 }
@@ -219,13 +250,8 @@ Secrets secrets_of_url(std::string_view url) {
 }
 
 Secrets _secrets_of_call(const Secrets& given, const Headers& headers, std::string_view url) {
-  Headers as_read;  // a server takes the white space around a value away, and echoes the rest
-  for (const auto& [name, value] : headers) {
-    const std::string_view trimmed = detail::trim(value);
-    if (trimmed.size() != value.size()) as_read.add(name, std::string(trimmed));
-  }
   return given.followed_by(secrets_of(headers))
-      .followed_by(secrets_of(as_read))
+      .followed_by(by_name(headers))
       .followed_by(secrets_of_url(url));
 }
 

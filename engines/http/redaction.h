@@ -17,6 +17,7 @@
 #include <ranges>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -27,15 +28,35 @@ namespace engines::http {
 /// Stands in place of every removed secret, cut-off secret and echoed credential.
 inline constexpr std::string_view REDACTED = "[redacted]";
 
-/// An immutable sequence of secrets; copies share it. It converts from any range of strings, which
-/// is read once, so a one-pass range will do.
+namespace detail {
+
+/// One secret in braces. Unlike a string, it is not made of two: `{{"a", "b"}}` are two secrets,
+/// not the characters from one pointer to the other.
+struct OneSecret {
+  template <class Text>
+  requires std::is_convertible_v<Text, std::string> OneSecret(Text&& secret) {
+    std::string copied = std::forward<Text>(secret);
+    text = std::move(copied);
+  }
+
+  std::string text;
+};
+
+}  // namespace detail
+
+/// An immutable sequence of secrets; copies share it, between threads too. It converts from any
+/// range of strings, which is read once, so a one-pass range will do.
 class Secrets {
  public:
   Secrets() noexcept = default;
   /// No secrets, or these, in this order.
   /// @{
   Secrets(std::nullopt_t) noexcept {}
-  Secrets(std::initializer_list<std::string> secrets) : Secrets(std::vector(secrets)) {}
+  Secrets(std::initializer_list<detail::OneSecret> secrets) {
+    std::vector<std::string> texts;
+    for (const detail::OneSecret& secret : secrets) texts.push_back(secret.text);
+    *this = Secrets(std::move(texts));
+  }
   Secrets(std::vector<std::string> secrets) {
     if (secrets.empty()) return;
     secrets_ = std::make_shared<const std::vector<std::string>>(std::move(secrets));
@@ -76,9 +97,15 @@ namespace detail {
 /// a text ends. What is shorter is no credential, and cutting it out would garble the text.
 inline constexpr std::size_t MIN_SECRET_CHARS = 8;
 
-/// The headers whose values are credentials, in lower case.
+/// The headers whose values `secrets_of` takes for credentials, in lower case.
 inline constexpr std::array<std::string_view, 3> SECRET_HEADERS = {
     "authorization", "proxy-authorization", "x-api-key"};
+
+/// What the name of a header with a credential holds somewhere, in lower case: `api-key`,
+/// `X-Auth-Token`, `Ocp-Apim-Subscription-Key`, `Cookie`. A call hides the values of all of these:
+/// one that was no credential costs a few words of a quote.
+inline constexpr std::array<std::string_view, 9> CREDENTIAL_WORDS = {
+    "auth", "cookie", "credential", "key", "pass", "secret", "session", "signature", "token"};
 
 /// Credentials that a server echoes back: an authorization field's value, then what follows the
 /// word "bearer". Group 1 stays, the rest is the credential. `\s` is Unicode's White_Space and `\b`
@@ -98,7 +125,9 @@ Secrets secrets_of(const Headers& headers);
 /// authentication sends them (RFC 7617, section 2).
 Secrets secrets_of_url(std::string_view url);
 
-/// The secrets of a call: the caller's, those that its headers carry, and those in its URL.
+/// The secrets of a call: the caller's, `secrets_of` its headers, the values without the white
+/// space around them of all headers whose names hold one of `CREDENTIAL_WORDS` (and what follows
+/// the first word of one; of a `Cookie`, each cookie's value), and those in its URL.
 Secrets _secrets_of_call(const Secrets& given, const Headers& headers, std::string_view url);
 
 /// The text without those secrets of at least eight characters, without the start of any of them
