@@ -4,6 +4,7 @@
 #include <spdlog/sinks/ostream_sink.h>
 #include <spdlog/spdlog.h>
 
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <sstream>
@@ -168,6 +169,23 @@ TEST(Retry, WaitsBetweenAttemptsAndLogsEach) {
             "engines.http warning 100%s {} {0} failed (attempt 1/4): HTTP 503; retrying in 0.2 s\n"
             "engines.http warning 100%s {} {0} failed (attempt 2/4): sent [redacted] {}; retrying "
             "in 0.5 s\n");
+}
+
+TEST(Logger, WritesToStandardErrorUntilThereIsADefaultLogger) {
+  const auto warn_and_exit = [] {
+    spdlog::set_pattern("<%v>");
+    retry({.backoff_s = 0}, Attempts{{busy}}, {.label = "call"});
+    std::exit(0);
+  };
+  EXPECT_EXIT(warn_and_exit(), ::testing::ExitedWithCode(0),
+              "^<call failed .attempt 1/3.: HTTP 503; retrying in 0.0 s>\n$");
+  const auto own = [&] {  // its sink is the same, and it is the application's
+    const auto sinks = spdlog::default_logger()->sinks();
+    spdlog::set_default_logger(
+        std::make_shared<spdlog::logger>("application", sinks.begin(), sinks.end()));
+    warn_and_exit();
+  };
+  EXPECT_EXIT(own(), ::testing::ExitedWithCode(0), "^$");
 }
 
 TEST(Logger, CanBeReplaced) {

@@ -13,5 +13,6 @@
 #include "engines/http/reply.h"
 #include "engines/http/retry.h"
 #include "engines/http/requests.h"
+#include "engines/http/events.h"
 #include "engines/http/curl_transport.h"
 // clang-format on

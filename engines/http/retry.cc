@@ -1,6 +1,7 @@
 #include "engines/http/retry.h"
 
-#include <spdlog/sinks/base_sink.h>
+#include <spdlog/sinks/sink.h>
+#include <spdlog/sinks/stdout_color_sinks.h>
 #include <spdlog/spdlog.h>
 
 #include <algorithm>
@@ -15,8 +16,19 @@ namespace {
 constexpr const char* LOGGER_NAME = "engines.http";
 
 /// Hands each line to the sinks of the application's default logger, whichever it is at that time.
+/// The logger that spdlog itself begins with writes to standard output, which belongs to what the
+/// application prints: as long as it is the default, its sink is replaced by standard error.
 class DefaultSinks final : public spdlog::sinks::sink {
  public:
+  DefaultSinks() {
+    const std::shared_ptr<spdlog::logger> first = spdlog::default_logger();
+    if (!first || !first->name().empty() || first->sinks().size() != 1) return;
+    const spdlog::sink_ptr& only = first->sinks().front();
+    if (!dynamic_cast<spdlog::sinks::stdout_color_sink_mt*>(only.get())) return;
+    built_in_ = first;
+    standard_output_ = only;
+  }
+
   void log(const spdlog::details::log_msg& line) override {
     for_each([&line](sink& target) {
       if (target.should_log(line.level)) target.log(line);
@@ -25,8 +37,11 @@ class DefaultSinks final : public spdlog::sinks::sink {
   void flush() override {
     for_each([](sink& target) { target.flush(); });
   }
-  void set_pattern(const std::string&) override {}  // the default logger's sinks have their own
-  void set_formatter(std::unique_ptr<spdlog::formatter>) override {}
+  // The default logger's sinks have their own format.
+  void set_pattern(const std::string& pattern) override { standard_error_.set_pattern(pattern); }
+  void set_formatter(std::unique_ptr<spdlog::formatter> formatter) override {
+    standard_error_.set_formatter(std::move(formatter));
+  }
 
  private:
   template <class Use>
@@ -34,9 +49,17 @@ class DefaultSinks final : public spdlog::sinks::sink {
     const std::shared_ptr<spdlog::logger> target = spdlog::default_logger();
     if (!target) return;
     for (const spdlog::sink_ptr& each : target->sinks()) {
-      if (each.get() != this) use(*each);
+      if (target == built_in_ && each == standard_output_) {
+        use(standard_error_);
+      } else if (each.get() != this) {
+        use(*each);
+      }
     }
   }
+
+  std::shared_ptr<spdlog::logger> built_in_;  // null where the application had set its own before
+  spdlog::sink_ptr standard_output_;          // the built-in logger's
+  spdlog::sinks::stderr_color_sink_mt standard_error_;
 };
 
 std::shared_ptr<spdlog::logger> make_logger() {

@@ -24,11 +24,12 @@ namespace engines::http {
 
 /// The library's one logger, named "engines.http": the one that is registered under this name. The
 /// library registers one when it loads, which writes to whatever sinks the application's default
-/// logger has, whatever that logger's own level; register another in its place to send the lines
-/// elsewhere, or set the level of this one to silence it.
+/// logger has, whatever that logger's own level, and to standard error until the application has
+/// set a default logger. Register another in its place to send the lines elsewhere, or set the
+/// level of this one to silence it.
 std::shared_ptr<spdlog::logger> logger();
 
-/// What `retry` is told beside the policy and the attempt.
+/// What `retry` takes beside the policy and the attempt.
 struct RetryOptions {
   /// Names the call in every message and in the log line, as in "decision call".
   required<std::string> label;

@@ -1,0 +1,148 @@
+// A reply that is read while it arrives, within a policy's bounds: line by line, or as server-sent
+// events.
+//
+//   for (const Event& event : events(reply, policy)) {
+//     if (event.data == "[DONE]") break;
+//     show(decode_json(event.data));
+//   }
+//
+// Both are single-pass ranges (`std::ranges::input_range`). What has arrived is handed out without
+// waiting for more. Before every read they ask the policy's stop signal and look at its deadline,
+// so that a peer that never ends a line is no way around them. They throw
+//
+//   Stopped            the stop signal says stop
+//   DeadlineExceeded   the deadline has come
+//   BadReply           more than `max_body_bytes` have arrived in all
+//
+// and let a failure of the reply's own reads through.
+//
+// The reply must outlive the range; the policy is copied. A loop may be left at any time; then the
+// rest of the reply is not to be read, for bytes of it may have been read ahead. One reply and its
+// ranges are for one thread at a time.
+#pragma once
+
+#include <cstddef>
+#include <iterator>
+#include <memory>
+#include <ranges>
+#include <string>
+
+#include "engines/http/policy.h"
+#include "engines/http/transport.h"
+
+namespace engines::http {
+
+namespace detail {
+
+/// Input iterator over what `Source::fetch(item)` gives until it returns false. An item is fetched
+/// when it is looked at or compared with the end, not before.
+template <class Source>
+class Fetched {
+ public:
+  using value_type = typename Source::value_type;
+  using difference_type = std::ptrdiff_t;
+  using iterator_concept = std::input_iterator_tag;
+
+  explicit Fetched(Source& source) : source_(&source) {}
+
+  const value_type& operator*() const { return fetch(), item_; }
+  const value_type* operator->() const { return fetch(), &item_; }
+  Fetched& operator++() {
+    fetch();  // what is passed over unread is an item, too
+    fetched_ = false;
+    return *this;
+  }
+  void operator++(int) { ++*this; }
+  bool operator==(std::default_sentinel_t) const { return fetch(), source_ == nullptr; }
+
+ private:
+  void fetch() const {
+    if (!fetched_ && source_ && !source_->fetch(item_)) source_ = nullptr;
+    fetched_ = true;
+  }
+
+  mutable Source* source_;  // null at the end
+  mutable bool fetched_ = false;
+  mutable value_type item_;
+};
+
+}  // namespace detail
+
+/// The lines of a reply; made by `lines`.
+class Lines : public std::ranges::view_base {
+ public:
+  /// As the standard asks of an input range. A reference to a line holds until the next one is
+  /// read.
+  /// @{
+  using value_type = std::string;
+  detail::Fetched<Lines> begin() { return detail::Fetched(*this); }
+  std::default_sentinel_t end() const noexcept { return {}; }
+  /// @}
+
+ private:
+  friend class detail::Fetched<Lines>;
+  friend class Events;
+  friend Lines lines(Response& reply, const RetryPolicy& policy);
+
+  Lines(Response& reply, const RetryPolicy& policy, bool cr_ends_lines)
+      : reply_(&reply),
+        policy_(std::make_shared<const RetryPolicy>(policy)),
+        cr_ends_lines_(cr_ends_lines) {}
+
+  bool fetch(std::string& line);
+  bool read_more();
+  bool ends_line(char byte) const noexcept;
+
+  Response* reply_;
+  std::shared_ptr<const RetryPolicy> policy_;
+  bool cr_ends_lines_;
+  std::string ahead_;  // read, and not handed out from `ahead_begin_` on
+  std::size_t ahead_begin_ = 0;
+  std::size_t read_bytes_ = 0;  // of the body so far
+  bool after_cr_ = false;       // a line feed that comes next belongs to the end of the last line
+};
+
+/// The lines of the reply, as the bytes that they are, without their ends: LF or CR LF. The last
+/// one counts although it has no end, unless it is empty.
+Lines lines(Response& reply, const RetryPolicy& policy);
+
+/// A server-sent event. Its texts are UTF-8; what is not UTF-8 in the stream is U+FFFD in them.
+struct Event {
+  /// The `event` field: the kind of event.
+  std::string event = "message";
+  /// The `data` fields, joined by line feeds.
+  std::string data = {};
+  /// The last `id` field up to here, of this event or an earlier one; empty where there was none.
+  std::string id = {};
+};
+
+/// The events of a reply; made by `events`.
+class Events : public std::ranges::view_base {
+ public:
+  /// As the standard asks of an input range. A reference to an event holds until the next is read.
+  /// @{
+  using value_type = Event;
+  detail::Fetched<Events> begin() { return detail::Fetched(*this); }
+  std::default_sentinel_t end() const noexcept { return {}; }
+  /// @}
+
+ private:
+  friend class detail::Fetched<Events>;
+  friend Events events(Response& reply, const RetryPolicy& policy);
+
+  Events(Response& reply, const RetryPolicy& policy) : lines_(reply, policy, true) {}
+
+  bool fetch(Event& event);
+
+  Lines lines_;
+  std::string line_;
+  std::string last_id_;
+  bool at_start_ = true;
+};
+
+/// The reply as a stream of server-sent events (HTML standard, section 9.2, "Server-sent events").
+/// Lines end in LF, CR LF or CR; comments and unknown fields are ignored, `retry` among them; an
+/// event without data and one that is cut off by the end of the body are dropped.
+Events events(Response& reply, const RetryPolicy& policy);
+
+}  // namespace engines::http
