@@ -214,6 +214,82 @@ TEST(Send, SortsWhatTheTransportThrows) {
             "invalid_argument: the transport returned no reply");
 }
 
+TEST(Send, GivesTheReaderWhatItTakes) {
+  const auto sent = [](const auto& read) {
+    return outcome([&]() -> std::string {
+      return Json(send<Json>(
+                      URL, {.policy = {.max_body_bytes = 31},
+                            .timeout = 1,
+                            .read = read,
+                            .headers = {{"api-key", "key-0123456789"}},
+                            .secrets = {{"another-secret", "one-more"}},
+                            .transport = ScriptedTransport().reply("no: key-0123456789 one-more")}))
+          .dump();
+    });
+  };
+  // The shortest spelling quotes no credential that the server echoes.
+  EXPECT_EQ(sent(read_json),
+            "BadReply: reply not JSON: 'no: [redacted] [redacted]' | 200 | "
+            "no: [redacted] [redacted]");
+  EXPECT_EQ(sent(read_body), "\"no: key-0123456789 one-more\"");
+  EXPECT_EQ(sent([](Response& reply) { return reply.read(2); }), "\"no\"");
+  EXPECT_EQ(sent([](Response&, const Secrets& hidden) { return hidden.size(); }), "3");
+  EXPECT_EQ(sent([](Response&, const RetryPolicy& policy, const Secrets& hidden) {
+              return policy.max_body_bytes + hidden.size();
+            }),
+            "34");
+}
+
+TEST(Send, ShowsEachReplyBeforeItsBodyIsRead) {
+  const RetryPolicy policy{.error_replies = {400}};
+  for (const StatusCode status : {200, 400, 404}) {
+    for (const bool fails : {false, true}) {
+      const auto reply = reply_of({"1"}, {.status = status, .headers = {{"Retry-After", "7"}}});
+      std::vector<std::string> seen;
+      const auto inspect = [&](const Response& shown) {
+        EXPECT_EQ(shown.status(), status);
+        EXPECT_TRUE(reply->reads().empty());
+        seen.push_back(shown.headers()->get("retry-after").value());
+        if (fails) throw TimeoutError("of inspect");
+      };
+      const std::string told = outcome([&] {
+        return send<Json>(URL, {.policy = policy,
+                                .timeout = 1,
+                                .read = read_json,
+                                .transport = ScriptedTransport().reply(reply),
+                                .inspect = inspect})
+            .dump();
+      });
+      EXPECT_EQ(told, fails           ? "TimeoutError: of inspect"
+                      : status == 404 ? "HttpFailure: HTTP 404: 1 | 404 | 1"
+                                      : "1");
+      EXPECT_EQ(seen, std::vector<std::string>{"7"});
+      EXPECT_EQ(reply->closes(), 1);
+    }
+  }
+}
+
+TEST(Send, LetsTheTransportKnowWhatEndsTheCall) {
+  TransportOptions given{.timeout = 0};
+  const auto note = [&](const Request&, TransportOptions options) {
+    given = std::move(options);
+    return reply_of({});
+  };
+  const auto options_of = [&](const RetryPolicy& policy) {
+    attempt(
+        note, [](Response&) {}, policy);
+    return given;
+  };
+  const auto never_asked = []() -> double { throw std::logic_error("asked"); };
+  EXPECT_EQ(options_of({}).time_left, std::nullopt);
+  EXPECT_FALSE(given.should_stop());
+  EXPECT_EQ(options_of({.deadline = 1, .clock = never_asked}).time_left, std::nullopt);
+  const auto left = options_of({.deadline = monotonic() + 100}).time_left;
+  EXPECT_NEAR(left.value_or(0), 100, 5);
+  EXPECT_THROW(options_of({.should_stop = [&] { return never_asked() > 0; }}).should_stop(),
+               std::logic_error);
+}
+
 // ---- read_body and read_json --------------------------------------------------------------------
 
 TEST(ReadBody, ReadsArrivalsInFixedSizesThroughRead1) {

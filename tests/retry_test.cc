@@ -209,6 +209,29 @@ TEST(Logger, CanBeReplaced) {
 
 // ---- post_json and get_json ---------------------------------------------------------------------
 
+TEST(Requests, OptionsOwnWhatTheyHold) {
+  const Log log;
+  ManualTime time;
+  ScriptedTransport transport;
+  transport.reply("a", 503).reply("b", 503).reply("c").reply("d");
+  std::vector<std::optional<StatusCode>> seen;
+  const auto made = [&](int attempts) -> CallOptions {
+    const RetryPolicy policy = time.policy({.attempts = attempts, .backoff_s = 8});
+    return {.policy = policy.with({.detail_chars = 1}),
+            .label = std::string("made"),
+            .transport = transport,
+            .inspect = [&](const Response& reply) { seen.push_back(reply.status()); }};
+  };
+  const auto kept = std::make_unique<const CallOptions>(made(2));
+  const std::vector<CallOptions> more{made(1), *kept};
+  EXPECT_THROW(get_json("http://a.test", *kept), Exhausted);
+  for (const CallOptions& options : more) {
+    EXPECT_THROW(get_json("http://a.test", options), BadReply);
+  }
+  EXPECT_EQ(time.waits(), std::vector{8.0});
+  EXPECT_EQ(seen, (std::vector<std::optional<StatusCode>>{503, 503, 200, 200}));
+}
+
 TEST(Requests, SendEachAttemptAndReturnTheReply) {
   const Log log;
   ManualTime time;
@@ -236,6 +259,10 @@ TEST(Requests, SendEachAttemptAndReturnTheReply) {
     EXPECT_EQ(transport.sent()[bodiless].request.data, std::nullopt);
     EXPECT_EQ(transport.sent()[bodiless].request.headers, (Headers{{"X-Api-Key", "k"}}));
   }
+  transport.reply("1");
+  EXPECT_EQ(request_json("PATCH", "http://a.test", Json{{"q", 1}}, options), 1);
+  EXPECT_EQ(transport.sent()[5].request.method, "PATCH");
+  EXPECT_EQ(transport.sent()[5].request.data, "{\"q\": 1}");
   EXPECT_THROW(post_json("http://a.test", "\xff", options), ValueError);
   EXPECT_THROW(get_json("http://127.0.0.1:1/", {.policy = {.attempts = 1}, .label = "l"}),
                Exhausted);  // by the transport that is there by default: nothing listens

@@ -147,7 +147,10 @@ TEST(Secrecy, WhateverATransportSays) {
       const std::size_t where = c.below(4);
       if (where == 0) headers.add("authorization", c.some({"Bearer ", ""}) + c.new_secret());
       if (where == 1) headers.add("Proxy-Authorization", " Basic  " + c.new_secret() + " ");
-      if (where == 2) headers.add("X-API-Key", c.some({"", " "}) + c.new_secret() + "\t");
+      if (where == 2) {
+        headers.add(c.some({"X-API-Key", "api-key", "X-Auth-Token"}),
+                    c.some({"", " "}) + c.new_secret() + "\t");
+      }
       if (where == 3) named.push_back(c.new_secret());
     } while (c.below(3) > 0);
     testing::ManualTime time;
@@ -191,10 +194,10 @@ TEST(Secrecy, WhateverAServerSays) {
     said = replaced(said + "\r\n\r\n$\r\n", "$", secret);
     if (c.below(4) == 0) said.resize(c.below(said.size()));
     const test::FaultServer server([&](test::Peer& peer) { peer.request(), peer.send(said); });
-    std::size_t patience = c.below(9);
-    const PooledTransport stopped({.should_stop = [&] { return patience-- == 0; }});
-    const RetryPolicy policy{.attempts = 1, .timeout_s = 0.05};
-    const Transport transport = c.below(2) == 0 ? Transport(stopped) : urlopen_transport;
+    std::size_t patience = 1 + c.below(9);
+    const RetryPolicy policy{
+        .attempts = 1, .timeout_s = 0.05, .should_stop = [&] { return patience-- == 0; }};
+    const Transport transport = c.below(2) == 0 ? Transport(PooledTransport()) : urlopen_transport;
     c.expect_secrecy(server.url(), {policy, "a call", {{"X-Api-Key", secret}}, {}, transport});
   });
 }
