@@ -1,5 +1,5 @@
 // A field of a parameter struct that must be given: leaving it out of the designated initialisers
-// does not compile, and says so.
+// does not compile, and the compiler's message says that a field is missing.
 #pragma once
 
 #include <concepts>
@@ -7,6 +7,8 @@
 
 namespace engines::http {
 
+/// A `T` without a default. It reads as the `T` that was given; threads may share one as they may
+/// share the `T`.
 template <class T>
 class required {
  public:

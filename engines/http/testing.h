@@ -43,7 +43,9 @@ class Piece {
 
   template <std::derived_from<std::exception> Error>
   Piece(const Error& error)
-      : play_([held = detail::held(error)]() -> std::string { std::rethrow_exception(held); }) {}
+      : play_([held = detail::hold<Error>(error)]() -> std::string {
+          std::rethrow_exception(held->thrown);
+        }) {}
 
   template <std::invocable Play>
   requires std::convertible_to<std::invoke_result_t<Play&>, std::string> Piece(Play play)
@@ -140,9 +142,9 @@ class ScriptedTransport {
   /// Throws this error.
   template <class Error>
   ScriptedTransport& fail(const Error& error) {
-    return then([held = detail::held(error)](const Request&,
-                                             TransportOptions) -> std::shared_ptr<Response> {
-      std::rethrow_exception(held);
+    return then([held = detail::hold<Error>(error)](const Request&,
+                                                    TransportOptions) -> std::shared_ptr<Response> {
+      std::rethrow_exception(held->thrown);
     });
   }
 
