@@ -10,12 +10,11 @@
 namespace engines::http {
 namespace {
 
-/// The headers of a request with a JSON body. Content-Type comes first, with the caller's value
+/// The headers of a request with a body. Content-Type comes first, with the caller's value
 /// where the caller's name is spelled the same; `Request` settles the names that differ in case.
-Headers with_content_type(const Headers& given) {
+Headers with_content_type(const Headers& given, std::string content_type) {
   constexpr std::string_view CONTENT_TYPE = "Content-Type";
   Headers headers;
-  std::string content_type = "application/json";
   for (const auto& [name, value] : given) {
     if (name == CONTENT_TYPE) content_type = value;
   }
@@ -63,8 +62,9 @@ FailurePtr read_or_failure(Response& reply, const detail::Use& use, const RetryP
 }  // namespace
 
 void detail::send(std::string_view url, const AttemptFields& fields, const Use& use) {
-  std::optional<std::string> data = encode_body(fields.body);
-  Headers headers = data ? with_content_type(fields.headers) : fields.headers;
+  std::optional<std::string> data = fields.body.data();
+  Headers headers =
+      data ? with_content_type(fields.headers, fields.body.content_type()) : fields.headers;
   const Secrets hidden = _secrets_of_call(fields.secrets, headers, url);
   const Request request(
       std::string(url),

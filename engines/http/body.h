@@ -1,14 +1,17 @@
-// The body of a request: any C++ value that has a JSON form, without a conversion by the caller.
+// The body of a request: any C++ value that has a JSON form, without a conversion by the caller, or
+// bytes of another content type.
 //
 //   post_json(url, std::map<std::string, std::vector<int>>{{"ids", {1, 2}}}, ...);
 //   post_json(url, Json{{"model", "m-1"}, {"temperature", 0.5}}, ...);
+//   post_json(url, form_body({{"grant_type", "client_credentials"}}), ...);
 //
 //   becomes      from
 //   null         nullptr, nullopt, monostate, an empty optional, a null smart pointer or C string
 //   true, false  bool
 //   a number     integers (exactly), float, double and long double (as a double)
 //   a string     std::string, std::string_view, their char8_t kin, C strings and character arrays
-//                (up to the first NUL), whatever converts to std::string_view, a single char
+//                (up to the first NUL), whatever converts to std::string_view, a single char. Text
+//                that is JSON already is a string, too: send it with `raw_body`.
 //   an array     any range that can be read while const (of char too, but for the texts above), C
 //                arrays, pair, tuple
 //   an object    any range with `key_type` and `mapped_type`: std::map, std::unordered_map, ...
@@ -17,15 +20,17 @@
 //                reference_wrapper, variant or Body
 //
 // A type says its own form with nlohmann's hook, `to_json(Json&, const T&)` or, where there is only
-// that, `to_json(nlohmann::json&, const T&)`, found by argument-dependent lookup; the hook comes
-// before all of the above. Whatever is left is a string that holds its text form: `to_string(t)` by
-// argument-dependent lookup, `t.string()`, `t.what()`, a conversion to std::string, or
-// `stream << t`. An enumeration without a text form is its integer. Everything else does not
-// compile: raw pointers and wide characters are refused, for their text form would be an address or
-// a number.
+// that, `to_json(nlohmann::json&, const T&)`, found in the namespace of the type, of a base or of a
+// template argument; the hook comes before all of the above. Hooks that nlohmann's macros define
+// may take `nlohmann::json` alone: such a type is a body, but only a part of `nlohmann::json{...}`,
+// not of `Json{...}`.
+//
+// Whatever is left is a string that holds its text form: `to_string(t)` by argument-dependent
+// lookup, `t.string()`, `t.what()`, a conversion to std::string, or `stream << t`. An enumeration
+// without a text form is its integer. Everything else does not compile: raw pointers and wide
+// characters are refused, for their text form would be an address or a number.
 #pragma once
 
-#include <algorithm>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
@@ -45,6 +50,7 @@
 #include <vector>
 
 #include "engines/http/json/encoder.h"
+#include "engines/http/value_types.h"
 
 namespace engines::http {
 
@@ -61,11 +67,6 @@ void write_body(JsonWriter& out, const Body& body);
 /// What `print` writes to a stream of the classic locale.
 std::string printed(void (*print)(std::ostream&, const void*), const void* value);
 
-template <class T, template <class...> class Template>
-inline constexpr bool is_a = false;
-template <template <class...> class Template, class... Args>
-inline constexpr bool is_a<Template<Args...>, Template> = true;
-
 template <class T>
 inline constexpr bool is_basic_json = false;
 template <template <class, class, class...> class Object, template <class, class...> class Array,
@@ -75,10 +76,63 @@ template <template <class, class, class...> class Object, template <class, class
 inline constexpr bool is_basic_json<nlohmann::basic_json<
     Object, Array, String, Boolean, Integer, Natural, Float, Allocator, Serializer, Binary>> = true;
 
-template <class T, class Value>
-concept HasHook = requires(Value& json, const T& value) {
+// Whether a type has a hook of its own. A call of `to_json` with a basic_json looks into nlohmann's
+// namespaces as well; from version 3.11.3 on it finds overloads for every built-in type there. So
+// one of the two arguments is replaced by a stand-in.
+
+/// Stands in for a `T`: it is looked up where a `T` is and converts to it, so functions that name
+/// `T` or a base take it.
+template <class T>
+struct ValueStandIn {
+  const T& value;
+  operator const T&() const& { return value; }
+  operator const T&() const&& = delete;
+};
+
+template <class T>
+struct Tag {
+  using Type = T;
+};
+template <class T>
+inline constexpr Tag<T> tag;
+
+/// The same, but not looked up where a `T` is: only functions of the other argument's namespaces
+/// take it.
+template <const auto* TAG>
+struct Stranger {
+  using T = typename std::remove_pointer_t<decltype(TAG)>::Type;
+  operator const T&() const&;
+  operator const T&() const&& = delete;
+};
+
+/// Stand in for the JSON value: not looked up in nlohmann's namespaces.
+/// @{
+struct JsonStandIn {
+  operator Json&() const;
+};
+struct SortedJsonStandIn {
+  operator nlohmann::json&() const;
+};
+/// @}
+
+template <class Value, class T>
+concept CanCallHook = requires(Value& json, const T& value) {
   to_json(json, value);
 };
+
+/// There is a hook that names `T` or a base.
+template <class T, class Value>
+concept HasHookByName =
+    CanCallHook<Value, ValueStandIn<T>> && !CanCallHook<Value, Stranger<&tag<T>>>;
+
+/// There is a hook that names the basic_json, such as one for a class template.
+template <class T, class Value>
+concept HasHookByJson =
+    CanCallHook<std::conditional_t<std::same_as<Value, Json>, JsonStandIn, SortedJsonStandIn>, T>;
+
+template <class T, class Value>
+concept HasHook = (std::is_class_v<T> || std::is_enum_v<T> ||
+                   std::is_union_v<T>)&&(HasHookByName<T, Value> || HasHookByJson<T, Value>);
 
 template <class T>
 concept NoValue = std::same_as<T, std::nullptr_t> || std::same_as<T, std::nullopt_t> ||
@@ -88,29 +142,11 @@ template <class T>
 concept Boolean = std::same_as<T, bool> || std::same_as<T, std::vector<bool>::reference>;
 
 template <class T>
-concept WideCharacter =
-    std::same_as<T, wchar_t> || std::same_as<T, char16_t> || std::same_as<T, char32_t>;
-
-template <class T>
-concept Character = std::same_as<T, char> || std::same_as<T, char8_t>;
-
-template <class T>
-concept Integer = std::integral<T> && sizeof(T) <= sizeof(std::int64_t) && !Character<T> &&
-                  !WideCharacter<T>;
-
-template <class T>
-concept CString = std::is_pointer_v<T> && Character<std::remove_cv_t<std::remove_pointer_t<T>>>;
-
-template <class T>
-concept CharacterArray = std::is_array_v<T> && Character<std::remove_cv_t<std::remove_extent_t<T>>>;
-
-template <class T>
-concept Text = CharacterArray<T> || std::convertible_to<const T&, std::string_view> ||
-    std::convertible_to<const T&, std::u8string_view>;
+concept Number = Integer<T> || std::floating_point<T>;
 
 /// May be empty, else stands for what it points to.
 template <class T>
-concept Pointer = is_a<T, std::optional> || is_a<T, std::unique_ptr> || is_a<T, std::shared_ptr>;
+concept Nullable = is_a<T, std::optional> || is_a<T, std::unique_ptr> || is_a<T, std::shared_ptr>;
 
 /// A range of itself (a path is one of paths) has no end to its items' items.
 template <class T>
@@ -151,24 +187,6 @@ template <class T>
 concept Printable = requires(std::ostream& out, const T& value) {
   operator<<(out, value);
 };
-
-template <class>
-inline constexpr bool never = false;
-
-template <Text T>
-std::string_view view(const T& text) {
-  if constexpr (CharacterArray<T>) {
-    const std::basic_string_view characters(std::data(text), std::size(text));
-    const std::size_t size =
-        std::min(characters.find(std::remove_extent_t<T>{}), characters.size());
-    return {reinterpret_cast<const char*>(characters.data()), size};
-  } else if constexpr (std::convertible_to<const T&, std::string_view>) {
-    return text;
-  } else {
-    const std::u8string_view characters = text;
-    return {reinterpret_cast<const char*>(characters.data()), characters.size()};
-  }
-}
 
 template <class T>
 void write(JsonWriter& out, const T& value);
@@ -225,15 +243,56 @@ void write_tree(JsonWriter& out, const Value& value) {
 template <class Value, class T>
 void write_by_hook(JsonWriter& out, const T& value) {
   Value json;
-  to_json(json, value);
+  if constexpr (HasHookByName<T, Value>) {
+    const ValueStandIn<T> named{value};
+    to_json(json, named);  // so that none of nlohmann's own overloads fits better than a base's
+  } else {
+    to_json(json, value);
+  }
   write_tree(out, json);
+}
+
+template <class T>
+void write_scalar(JsonWriter& out, const T& value) {
+  if constexpr (Boolean<T>) {
+    out.boolean(value);
+  } else if constexpr (Character<T>) {
+    const char character = static_cast<char>(value);
+    out.text({&character, 1});
+  } else if constexpr (std::floating_point<T>) {
+    out.number(static_cast<double>(value));
+  } else if constexpr (std::signed_integral<T>) {
+    out.integer(value);
+  } else {
+    out.natural(value);
+  }
+}
+
+template <class T>
+void write_text(JsonWriter& out, const T& text) {
+  if constexpr (CString<T>) {
+    if (text == nullptr) return out.null();
+  }
+  out.text(view(text));
+}
+
+/// Writes what stands behind the value.
+template <class T>
+void write_held(JsonWriter& out, const T& value) {
+  const JsonWriter::Link link(out);
+  if constexpr (Nullable<T>) {
+    value ? write(out, *value) : out.null();
+  } else if constexpr (Variant<T>) {
+    std::visit([&out](const auto& alternative) { write(out, alternative); }, value);
+  } else {
+    write(out, value.get());
+  }
 }
 
 template <class Key>
 void write_name(JsonWriter& out, const Key& key) {
-  static_assert(
-      Text<Key> || Boolean<Key> || Character<Key> || Integer<Key> || std::floating_point<Key>,
-      "a member name is a text, an integer, a bool or a floating-point number");
+  static_assert(Text<Key> || Boolean<Key> || Character<Key> || Number<Key>,
+                "a member name is a text, an integer, a bool or a floating-point number");
   if constexpr (Text<Key>) {
     if constexpr (CString<Key>) {
       if (key == nullptr) throw std::invalid_argument("a member name is a null pointer");
@@ -244,13 +303,46 @@ void write_name(JsonWriter& out, const Key& key) {
     out.name({&character, 1});
   } else {
     JsonWriter form;
-    write(form, key);
+    write_scalar(form, key);
     out.name(form.take());
   }
 }
 
 template <class T>
+void write_object(JsonWriter& out, const T& members) {
+  out.open('{');
+  for (const auto& [name, member] : members) {
+    write_name(out, name);
+    write(out, member);
+  }
+  out.close('}');
+}
+
+template <class T>
+void write_array(JsonWriter& out, const T& items) {
+  if constexpr (std::ranges::sized_range<const T> &&
+                std::floating_point<std::ranges::range_value_t<const T>>) {
+    out.expect_numbers(std::ranges::size(items));
+  }
+  out.open('[');
+  for (const auto& item : items) {
+    out.item();
+    write(out, item);
+  }
+  out.close(']');
+}
+
+template <class T>
+void write_tuple(JsonWriter& out, const T& tuple) {
+  out.open('[');
+  std::apply([&out](const auto&... items) { ((out.item(), write(out, items)), ...); }, tuple);
+  out.close(']');
+}
+
+template <class T>
 void write_text_form(JsonWriter& out, const T& value) {
+  static_assert(!std::is_pointer_v<T> && !std::is_function_v<T> && !WideCharacter<T>,
+                "raw pointers and wide characters have no JSON form");
   if constexpr (HasToString<T>) {
     out.text(to_string(value));
   } else if constexpr (HasString<T>) {
@@ -264,9 +356,10 @@ void write_text_form(JsonWriter& out, const T& value) {
                         const void* it) { operator<<(stream, *static_cast<const T*>(it)); },
                      std::addressof(value)));
   } else if constexpr (std::is_enum_v<T>) {
-    write(out, static_cast<std::underlying_type_t<T>>(value));
+    write_scalar(out, static_cast<std::underlying_type_t<T>>(value));
   } else {
-    static_assert(never<T>, "this type has no JSON form; give it a to_json(Json&, const T&)");
+    static_assert(std::is_pointer_v<T> || std::is_function_v<T> || WideCharacter<T>,
+                  "this type has no JSON form; give it a to_json(Json&, const T&)");
   }
 }
 
@@ -274,7 +367,6 @@ void write_text_form(JsonWriter& out, const T& value) {
 template <class T>
 void write(JsonWriter& out, const T& value) {
   if constexpr (std::same_as<T, Body>) {
-    const JsonWriter::Link link(out);
     write_body(out, value);
   } else if constexpr (std::same_as<T, Json>) {
     write_json(out, value);
@@ -286,56 +378,18 @@ void write(JsonWriter& out, const T& value) {
     write_by_hook<nlohmann::json>(out, value);
   } else if constexpr (NoValue<T>) {
     out.null();
-  } else if constexpr (Boolean<T>) {
-    out.boolean(value);
-  } else if constexpr (Character<T>) {
-    const char character = static_cast<char>(value);
-    out.text({&character, 1});
-  } else if constexpr (Integer<T> && std::signed_integral<T>) {
-    out.integer(value);
-  } else if constexpr (Integer<T>) {
-    out.natural(value);
-  } else if constexpr (std::floating_point<T>) {
-    out.number(static_cast<double>(value));
+  } else if constexpr (Boolean<T> || Character<T> || Number<T>) {
+    write_scalar(out, value);
   } else if constexpr (Text<T>) {
-    if constexpr (CString<T>) {
-      if (value == nullptr) return out.null();
-    }
-    out.text(view(value));
-  } else if constexpr (Pointer<T>) {
-    if (!value) return out.null();
-    const JsonWriter::Link link(out);
-    write(out, *value);
-  } else if constexpr (is_a<T, std::reference_wrapper>) {
-    const JsonWriter::Link link(out);
-    write(out, value.get());
-  } else if constexpr (Variant<T>) {
-    const JsonWriter::Link link(out);
-    std::visit([&out](const auto& alternative) { write(out, alternative); }, value);
+    write_text(out, value);
+  } else if constexpr (Nullable<T> || Variant<T> || is_a<T, std::reference_wrapper>) {
+    write_held(out, value);
   } else if constexpr (Mapping<T>) {
-    out.open('{');
-    for (const auto& [name, member] : value) {
-      write_name(out, name);
-      write(out, member);
-    }
-    out.close('}');
+    write_object(out, value);
   } else if constexpr (Sequence<T>) {
-    if constexpr (std::ranges::sized_range<const T> &&
-                  std::floating_point<std::ranges::range_value_t<const T>>) {
-      out.expect_numbers(std::ranges::size(value));
-    }
-    out.open('[');
-    for (const auto& item : value) {
-      out.item();
-      write(out, item);
-    }
-    out.close(']');
+    write_array(out, value);
   } else if constexpr (is_a<T, std::pair> || is_a<T, std::tuple>) {
-    out.open('[');
-    std::apply([&out](const auto&... items) { ((out.item(), write(out, items)), ...); }, value);
-    out.close(']');
-  } else if constexpr (std::is_pointer_v<T> || std::is_function_v<T> || WideCharacter<T>) {
-    static_assert(never<T>, "raw pointers and wide characters have no JSON form");
+    write_tuple(out, value);
   } else {
     write_text_form(out, value);
   }
@@ -343,54 +397,83 @@ void write(JsonWriter& out, const T& value) {
 
 }  // namespace detail
 
-/// A value to be sent as JSON, or no body at all. A null value, in whatever form, is no body.
+/// The JSON text of a value: on one line, ", " and ": " as separators, UTF-8. Floating-point
+/// numbers have the shortest form that reads back to the same double; NaN, Infinity and -Infinity
+/// are written as such words, which RFC 8259 does not know.
 ///
-/// A named object is only referred to and must outlive the Body, as the argument of a call does;
-/// a temporary is moved in, and copies of the Body share it. What the value itself refers to (a
-/// `string_view`, a `span`) must outlive the Body in both cases.
+/// Throws `std::invalid_argument` for text that is not valid UTF-8 and for arrays and objects
+/// nested more than 1,000 deep, as in a value that contains itself; whatever a type's own hook
+/// throws. A binary Json value is the text that its bytes are; a discarded one cannot be encoded.
+template <class T>
+std::string encode_json(const T& value) {
+  detail::JsonWriter out;
+  detail::write(out, value);
+  return out.take();
+}
+
+/// What a request sends: the bytes and their content type, or no body at all.
 ///
-/// The value is encoded each time that the JSON text is asked for, so a change to a named object in
-/// between shows. Encoding only reads it.
+/// It converts from any value, which is encoded at once: a Body refers to nothing, may be stored,
+/// and does not change. Copies share the bytes, and threads may share a Body that none of them
+/// assigns to.
 class Body final {
  public:
   /// No body.
   Body() noexcept = default;
 
-  /// This value; see the top of this file for which there are.
+  /// The value as JSON; see the top of this file for which there are. A null value, in whatever
+  /// form, is no body. Throws as `encode_json` does.
   template <class T>
-  requires(!std::same_as<std::remove_cvref_t<T>, Body>) Body(T&& value) {
-    using Value = std::remove_cvref_t<T>;
-    if constexpr (std::is_lvalue_reference_v<T>) {
-      value_ = std::addressof(value);
-    } else if constexpr (std::is_array_v<Value>) {
-      static_assert(detail::never<Value>, "a temporary array: name it, or use std::array");
-    } else {
-      owned_ = std::make_shared<const Value>(std::forward<T>(value));
-      value_ = owned_.get();
-    }
-    write_ = [](detail::JsonWriter& out, const void* it) {
-      detail::write(out, *static_cast<const Value*>(it));
-    };
-  }
+  requires(!std::same_as<T, Body>) Body(const T& value) : Body(Encoded{encode_json(value)}) {}
+
+  /// The bytes to send; none for no body. An empty text is a body.
+  std::optional<std::string> data() const;
+  /// Their content type, as the header names it.
+  std::string content_type() const;
 
  private:
+  friend Body raw_body(std::string bytes, std::string content_type);
   friend void detail::write_body(detail::JsonWriter& out, const Body& body);
 
-  std::shared_ptr<const void> owned_;
-  const void* value_ = nullptr;
-  void (*write_)(detail::JsonWriter& out, const void* value) = nullptr;
+  struct Encoded {
+    std::string json;
+  };
+  struct Content {
+    std::string bytes;
+    std::string content_type;
+    bool is_json;
+  };
+  explicit Body(Encoded value);
+  explicit Body(Content content);
+
+  std::shared_ptr<const Content> content_;  // null: no body
 };
 
-/// The JSON text of a value, null for no body: on one line, ", " and ": " as separators, UTF-8.
-/// Floating-point numbers have the shortest form that reads back to the same double; NaN, Infinity
-/// and -Infinity are written as such words, which RFC 8259 does not know.
+/// A body of these bytes, sent as they are:
 ///
-/// Throws `std::invalid_argument` for text that is not valid UTF-8 and for arrays and objects
-/// nested more than 1,000 deep, as in a value that contains itself; whatever a type's own hook
-/// throws. A binary Json value is the text that its bytes are; a discarded one cannot be encoded.
-std::string encode_json(const Body& body);
+///   post_json(url, raw_body(ndjson, "application/x-ndjson"), ...);
+///
+/// It is no JSON value: as a part of one it throws `std::invalid_argument`.
+Body raw_body(std::string bytes, std::string content_type);
 
-/// The JSON text to send; none when the value is null, for a null body is no body.
-std::optional<std::string> encode_body(const Body& body);
+/// The names and values of a form, in order.
+using FormFields = std::vector<std::pair<std::string, std::string>>;
+
+/// A body of type "application/x-www-form-urlencoded", percent-encoded as the URL standard's form
+/// serialiser does; from a braced list or any range of pairs of strings:
+///
+///   post_json(url, form_body({{"grant_type", "refresh_token"}, {"refresh_token", token}}), ...);
+///
+/// Throws `std::invalid_argument` for text that is not valid UTF-8.
+/// @{
+Body form_body(const FormFields& fields);
+
+template <std::ranges::input_range Range>
+requires(!std::same_as<std::remove_cvref_t<Range>, FormFields>) Body form_body(Range&& range) {
+  FormFields fields;
+  for (auto&& [name, value] : range) fields.emplace_back(name, value);
+  return form_body(fields);
+}
+/// @}
 
 }  // namespace engines::http

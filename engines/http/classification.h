@@ -1,5 +1,6 @@
 // Sorts a failure: which HTTP status it carries, whether it is worth another attempt, and which
-// failure kind it becomes under a policy. Any error will do, of this library or of another:
+// failure kind it becomes under a policy. Any error will do, of this library or of another; the
+// functions keep no state, and any thread may call them at any time.
 //
 //   FailurePtr failure;
 //   try {
@@ -11,8 +12,10 @@
 #pragma once
 
 #include <array>
+#include <concepts>
 #include <cstddef>
 #include <exception>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -25,8 +28,18 @@
 #include "engines/http/policy.h"
 #include "engines/http/redaction.h"
 #include "engines/http/transport.h"
+#include "engines/http/value_types.h"
 
 namespace engines::http {
+
+namespace detail {
+
+/// What holds an error and is none itself.
+template <class E>
+concept ErrorHandle = Handle<E> || std::is_pointer_v<E> || std::same_as<E, std::exception_ptr> ||
+    is_a<E, std::reference_wrapper>;
+
+}  // namespace detail
 
 /// A base for errors that show their status and headers even to code that knows them only as
 /// `std::exception`. Where the error's own type is known, a member or accessor named `status_code`
@@ -41,7 +54,8 @@ class CarriesStatus {
 };
 
 /// Any error or reply, as the library sees it: a view, valid while the object lives. Converts from
-/// an object of whatever type.
+/// an object of whatever type, but for handles (pointers, optionals, `exception_ptr`,
+/// `FailurePtr`): those do not compile. Threads may share it as they may share the object.
 class ErrorRef {
  public:
   /// A view of this object.
@@ -57,11 +71,9 @@ class ErrorRef {
             [](const void* object) { return detail::foreign::status_code_of(as<E>(object)); }),
         header_([](const void* object, const char* name) {
           return detail::foreign::header_in(as<E>(object), name);
-        }) {}
-
-  // These hold an error and are none: pass what they hold.
-  ErrorRef(const std::exception_ptr&) = delete;
-  ErrorRef(const FailurePtr&) = delete;
+        }) {
+    static_assert(!detail::ErrorHandle<E>, "pass the error, not a handle to it");
+  }
 
   /// The error's own text.
   std::string text() const { return message_(object_); }

@@ -19,11 +19,15 @@ const std::string& HttpFailure::message() const noexcept { return data_->message
 std::optional<StatusCode> HttpFailure::status() const noexcept { return data_->fields.status; }
 const std::string& HttpFailure::detail() const noexcept { return data_->fields.detail; }
 
-void FailurePtr::raise() const {
-  if (handled_) std::rethrow_exception(handled_);
-  raise_(*failure_);
-  std::terminate();  // not reached: raise_ always throws
-}
+std::exception_ptr HttpFailure::copy() const { return std::make_exception_ptr(*this); }
+std::exception_ptr Retryable::copy() const { return std::make_exception_ptr(*this); }
+std::exception_ptr Refused::copy() const { return std::make_exception_ptr(*this); }
+std::exception_ptr BadReply::copy() const { return std::make_exception_ptr(*this); }
+std::exception_ptr DeadlineExceeded::copy() const { return std::make_exception_ptr(*this); }
+std::exception_ptr Stopped::copy() const { return std::make_exception_ptr(*this); }
+std::exception_ptr Exhausted::copy() const { return std::make_exception_ptr(*this); }
+
+void FailurePtr::raise() const { std::rethrow_exception(held_->thrown); }
 
 namespace detail {
 

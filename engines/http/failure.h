@@ -10,7 +10,8 @@
 //      └─ Exhausted          every attempt failed with a Retryable
 //
 // Every text in a failure is redacted and bounded before the failure is built, and no failure
-// carries the transport's own error. Copies share their text, so copying never throws.
+// carries the transport's own error. A failure never changes: copies share their text, copying
+// never throws, and threads may share a failure or a FailurePtr that none of them assigns to.
 #pragma once
 
 #include <concepts>
@@ -20,7 +21,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <typeinfo>
 
 #include "engines/http/held.h"
 #include "engines/http/required.h"
@@ -60,6 +60,14 @@ class HttpFailure : public std::exception {
   const std::string& detail() const noexcept;
   /// @}
 
+  /// A copy of the failure as the kind that it is, through whichever base it is named. A kind of
+  /// the caller's own overrides it in the same words as every kind of the library:
+  ///
+  ///   std::exception_ptr copy() const override { return std::make_exception_ptr(*this); }
+  ///
+  /// Without that, a `FailurePtr` keeps it by its own type and in its handler alone.
+  virtual std::exception_ptr copy() const;
+
  private:
   struct Data;
   std::shared_ptr<const Data> data_;
@@ -69,27 +77,30 @@ class HttpFailure : public std::exception {
 class Retryable : public HttpFailure {
  public:
   using HttpFailure::HttpFailure;
+  std::exception_ptr copy() const override;
 };
 
 /// The endpoint refused, by its status or by its body. Never retried.
 class Refused : public HttpFailure {
  public:
   using HttpFailure::HttpFailure;
+  std::exception_ptr copy() const override;
 };
 
 /// A reply that came back but cannot be used: not JSON, or longer than the policy reads.
 class BadReply : public HttpFailure {
  public:
   using HttpFailure::HttpFailure;
+  std::exception_ptr copy() const override;
 };
 
-/// A failure held as a value: shared, immutable, possibly none, and never sliced. It converts from
-/// any failure kind:
+/// A failure held as a value: shared, immutable, possibly none, and always of its own kind. It
+/// converts from any failure kind:
 ///
 ///   catch (const Retryable& failure) { last = failure; }
 ///
-/// A failure named by its own type is copied. One named through a base is kept itself when it is
-/// the failure being handled; elsewhere only what the base shows can be kept.
+/// A failure that is being handled and named through a base is kept itself, any other is copied
+/// (see `HttpFailure::copy`). Throws `std::logic_error` rather than copy a part of a failure.
 class FailurePtr {
  public:
   FailurePtr() noexcept = default;
@@ -101,32 +112,22 @@ class FailurePtr {
 
   /// Keeps this failure.
   template <std::derived_from<HttpFailure> Kind>
-  FailurePtr(const Kind& failure) {
-    if (typeid(failure) != typeid(Kind)) handled_ = detail::handling(failure);
-    if (handled_) {
-      failure_ = {std::make_shared<std::exception_ptr>(handled_), &failure};
-    } else {
-      failure_ = std::make_shared<const Kind>(failure);
-      raise_ = [](const HttpFailure& held) { throw dynamic_cast<const Kind&>(held); };
-    }
-  }
+  FailurePtr(const Kind& failure) : held_(detail::hold<HttpFailure>(failure)) {}
 
   /// The failure, as a pointer shows it: it lives as long as a FailurePtr holds it.
   /// @{
-  const HttpFailure* get() const noexcept { return failure_.get(); }
-  const HttpFailure& operator*() const noexcept { return *failure_; }
-  const HttpFailure* operator->() const noexcept { return failure_.get(); }
-  explicit operator bool() const noexcept { return failure_ != nullptr; }
-  bool operator==(std::nullptr_t) const noexcept { return failure_ == nullptr; }
+  const HttpFailure* get() const noexcept { return held_ ? held_->error : nullptr; }
+  const HttpFailure& operator*() const noexcept { return *held_->error; }
+  const HttpFailure* operator->() const noexcept { return held_->error; }
+  explicit operator bool() const noexcept { return held_ != nullptr; }
+  bool operator==(std::nullptr_t) const noexcept { return held_ == nullptr; }
   /// @}
 
   /// Throws the failure as the kind that it is. Needs a failure: not to be called on none.
   [[noreturn]] void raise() const;
 
  private:
-  std::shared_ptr<const HttpFailure> failure_;
-  std::exception_ptr handled_;                   // set when the failure is one that was caught,
-  void (*raise_)(const HttpFailure&) = nullptr;  // else this throws a copy of it
+  std::shared_ptr<const detail::Held<HttpFailure>> held_;
 };
 
 /// What a failure that ends a call may carry.
@@ -165,12 +166,14 @@ class Ended : public HttpFailure {
 class DeadlineExceeded : public detail::Ended {
  public:
   using Ended::Ended;
+  std::exception_ptr copy() const override;
 };
 
 /// The policy's `should_stop` said so; no attempt starts after it.
 class Stopped : public detail::Ended {
  public:
   using Ended::Ended;
+  std::exception_ptr copy() const override;
 };
 
 /// Every attempt failed with a failure worth another one.
@@ -178,6 +181,7 @@ class Exhausted : public detail::Ended {
  public:
   /// Takes the status and the detail of `fields.last`.
   Exhausted(std::string message, const ExhaustedFields& fields);
+  std::exception_ptr copy() const override;
 
   /// How many attempts the call made.
   int attempts() const noexcept { return attempts_; }

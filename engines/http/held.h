@@ -1,12 +1,21 @@
-// Keeps an error that was caught, as the kind that it is.
+// Keeps an error beyond its handler, as the kind that it is.
 #pragma once
 
+#include <concepts>
 #include <exception>
 #include <memory>
+#include <stdexcept>
 #include <typeinfo>
 #include <utility>
 
 namespace engines::http::detail {
+
+/// An error that is held: to be looked at, and to be thrown again.
+template <class Base>
+struct Held {
+  std::exception_ptr thrown;
+  const Base* error;  // lives within `thrown`
+};
 
 /// The exception that is being handled, if `error` is that very object; else null.
 template <class E>
@@ -22,20 +31,37 @@ std::exception_ptr handling(const E& error) noexcept {
   }
 }
 
-/// An error to be thrown again: itself when it is named through a base and is being handled, else a
-/// copy of what `E` shows of it.
+/// A copy of the error: by its `copy()` where it is of a type derived from `E`.
 template <class E>
-std::exception_ptr held(const E& error) {
-  std::exception_ptr itself = typeid(error) == typeid(E) ? nullptr : handling(error);
-  return itself ? itself : std::make_exception_ptr(error);
+std::exception_ptr copied(const E& error) {
+  if constexpr (requires {
+                  { error.copy() } -> std::same_as<std::exception_ptr>;
+                }) {
+    if (typeid(error) != typeid(E)) return error.copy();
+  }
+  return std::make_exception_ptr(error);
 }
 
-/// The same, to be looked at.
+/// Holds the error: itself when it is named through a base and is being handled, else a copy.
+/// Throws `std::logic_error` where a copy would be of another kind than the error.
 template <class Base, class E>
-std::shared_ptr<const Base> held_as(const E& error) {
-  std::exception_ptr itself = typeid(error) == typeid(E) ? nullptr : handling(error);
-  if (!itself) return std::make_shared<const E>(error);
-  return {std::make_shared<std::exception_ptr>(std::move(itself)), &error};
+std::shared_ptr<const Held<Base>> hold(const E& error) {
+  const auto held = [](std::exception_ptr thrown, const E& within) {
+    return std::make_shared<const Held<Base>>(
+        Held<Base>{std::move(thrown), std::addressof(within)});
+  };
+  if (typeid(error) != typeid(E)) {
+    if (std::exception_ptr itself = handling(error)) return held(std::move(itself), error);
+  }
+  const std::exception_ptr copy = copied(error);
+  try {
+    std::rethrow_exception(copy);
+  } catch (const E& within) {
+    if (typeid(within) == typeid(error)) return held(copy, within);
+  }
+  throw std::logic_error(
+      "an error that is named through a base can be kept only in its handler; "
+      "name it by its own type, or override HttpFailure::copy in it");
 }
 
 }  // namespace engines::http::detail

@@ -6,10 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
-#include <locale>
-#include <ostream>
 #include <span>
-#include <sstream>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -464,33 +461,6 @@ std::optional<Json> detail::decode_utf8_json(std::string_view text) {
   return Decoder(text).decode();
 }
 
-std::string encode_json(const Body& body) {
-  detail::JsonWriter out;
-  detail::write_body(out, body);
-  return out.take();
-}
+void detail::write_json(JsonWriter& out, const Json& value) { write_tree(out, value); }
 
-std::optional<std::string> encode_body(const Body& body) {
-  std::string text = encode_json(body);
-  if (text == "null") return std::nullopt;
-  return text;
-}
-
-namespace detail {
-
-void write_json(JsonWriter& out, const Json& value) { write_tree(out, value); }
-
-void write_body(JsonWriter& out, const Body& body) {
-  if (body.write_ == nullptr) return out.null();
-  body.write_(out, body.value_);
-}
-
-std::string printed(void (*print)(std::ostream&, const void*), const void* value) {
-  std::ostringstream stream;
-  stream.imbue(std::locale::classic());
-  print(stream, value);
-  return std::move(stream).str();
-}
-
-}  // namespace detail
 }  // namespace engines::http

@@ -45,14 +45,15 @@ void sleep_for(double seconds) {
 
 bool WaitUnlessStopped::operator()(Seconds seconds, const StopSignal& should_stop,
                                    const WaitOptions& options) const {
+  const auto is_stopped = [&should_stop] { return should_stop && should_stop(); };
   // Counts down by what was slept, never by a clock: the wait sleeps `seconds` in all.
   for (double left = seconds; left > 0;) {
-    if (should_stop()) return true;
+    if (is_stopped()) return true;
     const double step = std::min<double>(options.poll_s, left);
     options.sleep(step);
     left -= step;
   }
-  return should_stop();
+  return is_stopped();
 }
 
 int AttemptCount::checked(int count) {
@@ -61,8 +62,6 @@ int AttemptCount::checked(int count) {
 }
 
 }  // namespace detail
-
-bool RetryPolicy::is_past_deadline() const { return deadline && clock() >= *deadline; }
 
 double RetryPolicy::backoff(int failed) const { return std::scalbn(backoff_s, failed - 1); }
 

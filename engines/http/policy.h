@@ -39,7 +39,8 @@ struct ConstantStatuses {
 };
 }  // namespace detail
 
-/// An immutable set of statuses, in ascending order. Copies share the values.
+/// An immutable set of statuses, in ascending order. Copies share the values; threads may share a
+/// set that none of them assigns to.
 class StatusSet {
  public:
   constexpr StatusSet() noexcept = default;
@@ -107,6 +108,20 @@ bool _never();
 
 namespace detail {
 
+/// A function that is never empty: an empty one stands for the default.
+template <class Function, const auto& DEFAULT>
+class OrDefault : public Function {
+ public:
+  OrDefault() : Function(DEFAULT) {}
+
+  template <class Given>
+  requires(!std::same_as<std::remove_cvref_t<Given>, OrDefault> &&
+           std::convertible_to<Given, Function>) OrDefault(Given&& given)
+      : Function(std::forward<Given>(given)) {
+    if (!*this) Function::operator=(DEFAULT);
+  }
+};
+
 /// The longest step that `wait_unless_stopped` sleeps before it asks the stop signal again.
 inline constexpr double STOP_POLL_S = 0.1;
 
@@ -117,8 +132,8 @@ void sleep_for(double seconds);
 
 /// What `wait_unless_stopped` may be told beside the wait itself.
 struct WaitOptions {
-  /// Pauses the calling thread for so many seconds.
-  std::function<void(double seconds)> sleep = detail::sleep_for;
+  /// Pauses the calling thread for so many seconds. An empty function stands for the default.
+  detail::OrDefault<std::function<void(double seconds)>, detail::sleep_for> sleep = {};
   /// The longest single sleep, in seconds; greater than zero.
   Seconds poll_s = detail::STOP_POLL_S;
 };
@@ -136,7 +151,7 @@ struct WaitUnlessStopped {
 
 /// wait_unless_stopped(seconds, should_stop, {.sleep, .poll_s}): sleeps `seconds` in all, in steps
 /// of at most `poll_s`, and asks `should_stop` before each step and once at the end. True as soon
-/// as it says stop. What `should_stop` or `sleep` throws passes through.
+/// as it says stop; an empty one never does. What `should_stop` or `sleep` throws passes through.
 inline constexpr detail::WaitUnlessStopped wait_unless_stopped;
 
 namespace detail {
@@ -207,10 +222,11 @@ inline constexpr KeepAll keep;
 
 struct PolicyChanges;
 
-/// An immutable record; every field has a default. Built in braces, by name as above or by
-/// position; it can be copied but not assigned to. A policy may be shared between threads. The
-/// functions in it are copied with it (`std::ref` shares one that has state); they are the caller's
-/// to make safe, and to keep valid for as long as the policy is used.
+/// An immutable record; every field has a default. Built in braces, by position or by name as above
+/// (names in the order in which the fields are declared here); it can be copied but not assigned
+/// to. A policy may be shared between threads as far as its functions may be called by several at
+/// once. These are copied with it (`std::ref` shares one that has state), and what they refer to
+/// must outlive it. An empty clock, stop signal or wait stands for the default.
 struct RetryPolicy {
   /// Tries in all; 1 means no retry. Less than 1 throws `ValueError`.
   const detail::AttemptCount attempts = 3;
@@ -230,18 +246,15 @@ struct RetryPolicy {
   /// backoff and the reading of the reply. None: the call ends when its attempts end.
   const std::optional<double> deadline = std::nullopt;
   /// Monotonic seconds, for the deadline.
-  const Clock clock = monotonic;
+  const detail::OrDefault<Clock, monotonic> clock = {};
   /// True once the call should end; asked before every attempt and every backoff.
-  const StopSignal should_stop = _never;
+  const detail::OrDefault<StopSignal, _never> should_stop = {};
   /// Waits out a backoff.
-  const Wait wait = wait_unless_stopped;
+  const detail::OrDefault<Wait, wait_unless_stopped> wait = {};
   /// The most characters of a body that a failure quotes.
   const detail::Bound detail_chars = 300;
   /// The longest reply that is read, in bytes (16 MiB).
   const detail::Bound max_body_bytes = 16777216;
-
-  /// Whether the deadline has come. False without a deadline, and then the clock is not read.
-  bool is_past_deadline() const;
 
   /// Seconds to wait after `failed` attempts have failed: `backoff_s` × 2^(failed − 1).
   double backoff(int failed) const;
@@ -252,10 +265,22 @@ struct RetryPolicy {
   /// A copy whose deadline is `span` from now on `clock`, or its own where that comes first: a
   /// bound never gives a call more time than another has left it.
   RetryPolicy within(Seconds span) const;
+
+  /// Whether the deadline has come. Without one, reads no clock.
+  bool is_past_deadline() const { return deadline && clock() >= *deadline; }
+
+// Said here for a short error message. An aggregate cannot declare its copy constructor as well,
+// for want of which Clang (13 to 19) calls it deprecated; goes when Clang no longer does for a
+// deleted assignment.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-copy"
+  RetryPolicy& operator=(const RetryPolicy&) = delete;
+#pragma GCC diagnostic pop
 };
 
-/// The fields to replace in a copy. A field that is not named is kept; `.deadline = std::nullopt`
-/// and `.refusal_reason = nullptr` replace by none.
+/// The fields to replace in a copy, in the order in which they are declared. A field that is not
+/// named is kept; `.deadline = std::nullopt` and `.refusal_reason = nullptr` replace by none, and
+/// an empty clock, stop signal or wait replaces by the default.
 struct PolicyChanges {
   /// The field of this name in `RetryPolicy`.
   /// @{

@@ -1,5 +1,5 @@
 // A field of a parameter struct that must be given: leaving it out of the designated initialisers
-// does not compile, and says so. There are two ways to declare one:
+// does not compile, and the compiler says that a field is missing. There are two ways to declare one:
 //
 //   required<std::string> label;
 //   RetryPolicy policy = detail::missing<RetryPolicy, Given>();
@@ -13,11 +13,6 @@
 
 namespace engines::http {
 
-template <class T, class Given>
-T missing_field() {
-  static_assert(!std::same_as<Given, void>, "a field that must be given is missing");
-}
-
 namespace detail {
 
 /// The default of a field that must be given: does not compile where it is used.
@@ -28,7 +23,8 @@ T missing() {
 
 }  // namespace detail
 
-/// Holds a `T` and has no usable default.
+/// A `T` without a default. It reads as the `T` that was given; threads may share one as they may
+/// share the `T`.
 template <class T>
 class required {
  public:

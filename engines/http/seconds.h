@@ -1,5 +1,5 @@
-// A time span, as every parameter that counts seconds takes it. <chrono> is not included: whoever
-// has a duration has included it.
+// A time span, as every parameter that counts seconds takes it. Does not include <chrono>: code
+// that passes a duration has included it.
 #pragma once
 
 #include <type_traits>
@@ -7,7 +7,7 @@
 namespace engines::http {
 
 /// A time span in seconds. Converts from a number and from any `std::chrono` duration, and to a
-/// `double`.
+/// `double`. A plain value: threads may share one that none of them assigns to.
 class Seconds {
  public:
   /// So many seconds.

@@ -1,4 +1,5 @@
-// What ends a call from outside. <stop_token> is not included: whoever has a token has included it.
+// What ends a call from outside. Does not include <stop_token>: code that passes a token has
+// included it.
 #pragma once
 
 #include <concepts>
@@ -9,7 +10,9 @@
 namespace engines::http {
 
 /// Says true once the call should end. Converts from any function without arguments, and from a
-/// `std::stop_token` or `std::stop_source`: asked, it says what `stop_requested` says.
+/// `std::stop_token` or `std::stop_source`: asked, it says what `stop_requested` says. The library
+/// asks on the thread that makes the call; calls on several threads may share a signal whose
+/// function several threads may call at once, as those of the standard library are.
 class StopSignal : public std::function<bool()> {
  public:
   /// Asks this function.

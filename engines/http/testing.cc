@@ -52,8 +52,14 @@ Json Sent::json() const {
 }
 
 ScriptedTransport& ScriptedTransport::then(Step step) {
+  const std::lock_guard lock(state_->mutex);
   state_->steps.push_back(std::move(step));
   return *this;
+}
+
+std::size_t ScriptedTransport::unplayed() const {
+  const std::lock_guard lock(state_->mutex);
+  return state_->steps.size();
 }
 
 ScriptedTransport& ScriptedTransport::reply(std::string_view body, StatusCode status,
@@ -72,13 +78,18 @@ ScriptedTransport& ScriptedTransport::reply(const std::shared_ptr<Response>& rep
 
 std::shared_ptr<Response> ScriptedTransport::operator()(const Request& request,
                                                         TransportOptions options) const {
-  state_->sent.push_back({request, options.timeout});
-  if (state_->played == state_->steps.size()) {
-    throw std::logic_error("the transport's script has no step for request " +
-                           std::to_string(state_->sent.size()));
+  Step step;
+  {
+    const std::lock_guard lock(state_->mutex);
+    state_->sent.push_back({request, options.timeout, options.time_left});
+    if (state_->steps.empty()) {
+      throw std::logic_error("the transport's script has no step for request " +
+                             std::to_string(state_->sent.size()));
+    }
+    step = std::move(state_->steps.front());
+    state_->steps.pop_front();
   }
-  const Step step = state_->steps[state_->played++];  // a copy: it may add steps
-  return step(request, options);
+  return step(request, options);  // without the lock: it may wait, or add steps
 }
 
 RetryPolicy ManualTime::policy(const RetryPolicy& base) {

@@ -7,16 +7,19 @@
 //   EXPECT_EQ(my_engine_call(time.policy({.attempts = 4}), transport), "hi");
 //   EXPECT_EQ(time.waits(), (std::vector{1.0, 2.0}));
 //   EXPECT_EQ(transport.sent().at(2).json()["prompt"], "say hi");
+//   EXPECT_EQ(transport.unplayed(), 0U);
 //
 // docs/testing.md shows an engine tested with it.
 #pragma once
 
 #include <concepts>
 #include <cstddef>
+#include <deque>
 #include <exception>
 #include <functional>
 #include <limits>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -32,7 +35,8 @@
 namespace engines::http::testing {
 
 /// What one read of a scripted reply does: it gives bytes, throws an error, or calls a function
-/// that gives the bytes.
+/// that gives the bytes. An error that is named through a base outside its handler must be a
+/// failure kind of the library, else `std::logic_error` is thrown.
 class Piece {
  public:
   /// Gives these bytes, throws this error, or calls this function.
@@ -43,7 +47,9 @@ class Piece {
 
   template <std::derived_from<std::exception> Error>
   Piece(const Error& error)
-      : play_([held = detail::held(error)]() -> std::string { std::rethrow_exception(held); }) {}
+      : play_([held = detail::hold<Error>(error)]() -> std::string {
+          std::rethrow_exception(held->thrown);
+        }) {}
 
   template <std::invocable Play>
   requires std::convertible_to<std::invoke_result_t<Play&>, std::string> Piece(Play play)
@@ -72,7 +78,7 @@ struct ReplyScript {
 };
 
 /// A reply that plays its pieces in order, then ends. An empty piece ends it, too, for the read
-/// that meets it. It notes what is done with it.
+/// that meets it. It notes what is done with it. For use by one thread at a time.
 class ScriptedReply final : public Response {
  public:
   /// Plays these pieces.
@@ -115,6 +121,8 @@ struct Sent {
   Request request;
   /// The attempt's socket timeout, in seconds.
   double timeout;
+  /// Seconds for the whole exchange; none where it is unbounded.
+  std::optional<double> time_left;
 
   /// The request's body, parsed; null when there is none or it is not JSON.
   Json json() const;
@@ -122,7 +130,7 @@ struct Sent {
 
 /// A transport that answers each request with the next step of its script. Copies share the script,
 /// so the test keeps the one that it passes. A request beyond the script throws `std::logic_error`.
-/// For use by one thread at a time.
+/// Any number of threads may send through it, and add steps, at once; each step is played once.
 class ScriptedTransport {
  public:
   /// What is done about one request.
@@ -137,35 +145,37 @@ class ScriptedTransport {
   /// Answers with this reply, or raises it as an `HTTPError` when its status says so.
   ScriptedTransport& reply(const std::shared_ptr<Response>& reply);
 
-  /// Throws this error.
+  /// Throws this error, which is kept as a `Piece` keeps it.
   template <class Error>
   ScriptedTransport& fail(const Error& error) {
-    return then([held = detail::held(error)](const Request&,
-                                             TransportOptions) -> std::shared_ptr<Response> {
-      std::rethrow_exception(held);
+    return then([held = detail::hold<Error>(error)](const Request&,
+                                                    TransportOptions) -> std::shared_ptr<Response> {
+      std::rethrow_exception(held->thrown);
     });
   }
 
   /// Does whatever this function does.
   ScriptedTransport& then(Step step);
 
-  /// The requests so far, in order.
-  const std::vector<Sent>& sent() const noexcept { return state_->sent; }
+  /// The requests so far, in order. Not to be looked at while another thread sends.
+  const std::deque<Sent>& sent() const noexcept { return state_->sent; }
+  /// How many steps are left; 0 once the script was used up.
+  std::size_t unplayed() const;
 
   /// Plays the next step: what makes this a `Transport`.
   std::shared_ptr<Response> operator()(const Request& request, TransportOptions options) const;
 
  private:
   struct State {
-    std::vector<Step> steps;
-    std::size_t played = 0;
-    std::vector<Sent> sent;
+    std::mutex mutex;
+    std::deque<Step> steps;  // not played yet
+    std::deque<Sent> sent;
   };
   std::shared_ptr<State> state_;
 };
 
-/// Time that moves only when it is told to, or when a wait passes it. It begins at 0. The functions
-/// it gives refer to it: it must outlive them. For use by one thread at a time.
+/// Time that moves only when the test moves it, or when a wait passes it. It begins at 0. The
+/// functions it gives refer to it: it must outlive them. For use by one thread at a time.
 class ManualTime {
  public:
   ManualTime() = default;

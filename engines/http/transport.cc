@@ -135,8 +135,7 @@ HTTPException::HTTPException(std::string text) : text_(shared(std::move(text))) 
 HTTPException::~HTTPException() = default;
 const char* HTTPException::what() const noexcept { return text_->c_str(); }
 
-URLError::URLError(std::string text, std::shared_ptr<const std::exception> reason)
-    : OSError(std::move(text)), reason_(std::move(reason)) {}
+URLError::URLError(std::string text) : OSError(std::move(text)) {}
 
 HTTPError::HTTPError(StatusCode code, Headers headers, std::shared_ptr<Response> body)
     : URLError("HTTP status " + std::to_string(code)),

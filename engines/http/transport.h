@@ -281,20 +281,22 @@ class gaierror : public OSError {
 /// The request could not be sent; holds the underlying failure.
 class URLError : public OSError {
  public:
-  /// `reason` is the underlying failure; null for none.
-  explicit URLError(std::string text, std::shared_ptr<const std::exception> reason = nullptr);
+  /// `text` is what `what()` returns; there is no underlying failure.
+  explicit URLError(std::string text);
 
-  /// Wraps the failure that kept the request from being sent; the text is that failure's. One that
-  /// is named through a base is kept as the kind that it is where it is being handled.
+  /// Wraps the failure that kept the request from being sent, as the kind that it is; the text is
+  /// that failure's. Throws `std::logic_error` for one named through a base outside its handler.
   template <std::derived_from<std::exception> Reason>
   requires(!std::derived_from<Reason, URLError>) explicit URLError(const Reason& reason)
-      : URLError(reason.what(), detail::held_as<std::exception>(reason)) {}
+      : URLError(reason.what()) {
+    reason_ = detail::hold<std::exception>(reason);
+  }
 
   /// The underlying failure; null where there is none.
-  const std::exception* reason() const noexcept { return reason_.get(); }
+  const std::exception* reason() const noexcept { return reason_ ? reason_->error : nullptr; }
 
  private:
-  std::shared_ptr<const std::exception> reason_;
+  std::shared_ptr<const detail::Held<std::exception>> reason_;
 };
 
 /// A final status outside 200 to 299: at once a failure and a reply. Copies share the reply.

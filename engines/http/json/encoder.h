@@ -59,6 +59,9 @@ class JsonWriter {
     JsonWriter& out_;
   };
 
+  /// A value that is JSON text already.
+  void json(std::string_view text) { append(text); }
+
   void item() {
     char* const to = room(2);
     to[0] = ',';

@@ -1,0 +1,77 @@
+#include "engines/http/body.h"
+
+#include <locale>
+#include <ostream>
+#include <sstream>
+
+#include "engines/http/text/text.h"
+
+namespace engines::http {
+namespace {
+
+/// Appends a text as the form serialiser writes it.
+void append_form_text(std::string& out, std::string_view text) {
+  constexpr std::string_view UNCHANGED =
+      "*-._0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+  constexpr std::string_view HEX = "0123456789ABCDEF";
+  if (!detail::is_utf8(text)) {
+    throw std::invalid_argument("a text that is not valid UTF-8 cannot be a part of a form");
+  }
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (c == ' ') {
+      out += '+';
+    } else if (UNCHANGED.find(c) != std::string_view::npos) {
+      out += c;
+    } else {
+      out += {'%', HEX[byte / 16], HEX[byte % 16]};
+    }
+  }
+}
+
+}  // namespace
+
+Body::Body(Encoded value) {
+  if (value.json == "null") return;
+  *this = Body(Content{std::move(value.json), "application/json", true});
+}
+
+Body::Body(Content content) : content_(std::make_shared<const Content>(std::move(content))) {}
+
+std::optional<std::string> Body::data() const {
+  return content_ ? std::optional(content_->bytes) : std::nullopt;
+}
+
+std::string Body::content_type() const { return content_ ? content_->content_type : ""; }
+
+Body raw_body(std::string bytes, std::string content_type) {
+  return Body(Body::Content{std::move(bytes), std::move(content_type), false});
+}
+
+Body form_body(const FormFields& fields) {
+  std::string text;
+  for (const auto& [name, value] : fields) {
+    if (!text.empty()) text += '&';
+    append_form_text(text, name);
+    text += '=';
+    append_form_text(text, value);
+  }
+  return raw_body(std::move(text), "application/x-www-form-urlencoded");
+}
+
+void detail::write_body(JsonWriter& out, const Body& body) {
+  if (!body.content_) return out.null();
+  if (!body.content_->is_json) {
+    throw std::invalid_argument("a body that is not JSON cannot be a part of a JSON value");
+  }
+  out.json(body.content_->bytes);
+}
+
+std::string detail::printed(void (*print)(std::ostream&, const void*), const void* value) {
+  std::ostringstream stream;
+  stream.imbue(std::locale::classic());
+  print(stream, value);
+  return std::move(stream).str();
+}
+
+}  // namespace engines::http

@@ -1,0 +1,65 @@
+// Kinds of C++ types, as the encoder of bodies and the reader of foreign errors tell them apart.
+#pragma once
+
+#include <algorithm>
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+#include <type_traits>
+
+namespace engines::http::detail {
+
+template <class T, template <class...> class Template>
+inline constexpr bool is_a = false;
+template <template <class...> class Template, class... Args>
+inline constexpr bool is_a<Template<Args...>, Template> = true;
+
+template <class T>
+concept Character = std::same_as<T, char> || std::same_as<T, char8_t>;
+
+template <class T>
+concept WideCharacter =
+    std::same_as<T, wchar_t> || std::same_as<T, char16_t> || std::same_as<T, char32_t>;
+
+/// A true integer of at most 64 bits: neither a boolean nor a character.
+template <class T>
+concept Integer = std::integral<T> && sizeof(T) <= sizeof(std::int64_t) &&
+                  !std::same_as<std::remove_cv_t<T>, bool> && !Character<std::remove_cv_t<T>> &&
+                  !WideCharacter<std::remove_cv_t<T>>;
+
+template <class T>
+concept CString = std::is_pointer_v<T> && Character<std::remove_cv_t<std::remove_pointer_t<T>>>;
+
+template <class T>
+concept CharacterArray = std::is_array_v<T> && Character<std::remove_cv_t<std::remove_extent_t<T>>>;
+
+template <class T>
+concept Text = CharacterArray<T> || std::convertible_to<const T&, std::string_view> ||
+    std::convertible_to<const T&, std::u8string_view>;
+
+/// The characters of a text; of an array, those up to the first NUL. A C string is not null.
+template <Text T>
+std::string_view view(const T& text) {
+  if constexpr (CharacterArray<T>) {
+    const std::basic_string_view characters(std::data(text), std::size(text));
+    const std::size_t size =
+        std::min(characters.find(std::remove_extent_t<T>{}), characters.size());
+    return {reinterpret_cast<const char*>(characters.data()), size};
+  } else if constexpr (std::convertible_to<const T&, std::string_view>) {
+    return text;
+  } else {
+    const std::u8string_view characters = text;
+    return {reinterpret_cast<const char*>(characters.data()), characters.size()};
+  }
+}
+
+/// Holds a value or is empty: a pointer, a smart pointer, an optional.
+template <class T>
+concept Handle =
+    !Text<T> && !std::is_array_v<T> && !std::is_function_v<T> && requires(const T& value) {
+  static_cast<bool>(value);
+  *value;
+};
+
+}  // namespace engines::http::detail
