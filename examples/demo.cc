@@ -6,6 +6,7 @@
 //
 // The exit status says how the call ended: 0 answered, 1 another error, 2 a request that cannot be
 // sent, 3 HttpFailure, 4 Refused, 5 BadReply, 6 DeadlineExceeded, 7 Stopped, 8 Exhausted.
+#include <spdlog/sinks/stdout_color_sinks.h>
 #include <spdlog/spdlog.h>
 
 #include <algorithm>
@@ -57,14 +58,6 @@ int show(const std::function<std::string()>& call) {
 
 void title(std::string_view asked) { std::cout << '\n' << asked << '\n'; }
 
-/// One event's word, from a line of a stream of server-sent events.
-std::optional<std::string> word_of(std::string_view line) {
-  constexpr std::string_view DATA = "data: ";
-  if (!line.starts_with(DATA)) return std::nullopt;
-  const std::optional<Json> event = decode_json(line.substr(DATA.size()));
-  return event ? std::optional(event->value("word", "")) : std::nullopt;
-}
-
 int tour() {
   const examples::LoopbackServer server;
   const std::string key = "sk-demo-0123456789";
@@ -104,12 +97,12 @@ int tour() {
   title("An error body that echoes the credential: POST /denied, Authorization: Bearer sk-demo-…");
   ended.push_back(show(ask("/denied", policy)));
 
-  title("A stream read line by line, which breaks off once: GET /stream");
+  title("A stream of server-sent events, which breaks off once: GET /stream");
   ended.push_back(show([&] {
-    const auto read = [](Response& reply) {
+    const auto read = [](Response& reply, const RetryPolicy& bounds) {
       std::string words;
-      for (const std::string& line : reply) {
-        if (const auto word = word_of(line)) words += *word + ' ';
+      for (const Event& event : events(reply, bounds)) {
+        if (const auto data = decode_json(event.data)) words += data->value("word", "") + ' ';
       }
       return words;
     };
@@ -175,6 +168,7 @@ int probe(const std::vector<std::string>& arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  spdlog::set_default_logger(spdlog::stdout_color_mt("demo"));  // between what is printed
   spdlog::set_pattern("  log:    %v");
   try {
     return argc == 1 ? tour() : probe({argv + 1, argv + argc});

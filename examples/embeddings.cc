@@ -58,7 +58,7 @@ int main() {
   std::vector<Vector> vectors(texts.size());
 
   std::stop_source stop;  // a backoff ends early by it, and so does a wait for the network
-  const PooledTransport pool({.max_idle = THREADS, .should_stop = stop.get_token()});
+  const PooledTransport pool({.max_idle = THREADS});
   const Embedder embedder(server.url("/embeddings"),
                           {.backoff_s = 0.05, .should_stop = stop.get_token()}, pool);
   FailurePtr failure;

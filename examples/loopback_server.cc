@@ -6,6 +6,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <map>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -126,7 +127,22 @@ struct LoopbackServer::Impl {
     response.set_content(nlohmann::json{{"data", data}}.dump(), JSON);
   }
 
-  void start_device(const httplib::Request&, httplib::Response& response) {
+  /// Whether the request is a form with these values; else it is refused as RFC 6749 says.
+  static bool is_form(const httplib::Request& request, httplib::Response& response,
+                      const std::map<std::string, std::string>& fields) {
+    const bool all = std::ranges::all_of(fields, [&](const auto& field) {
+      return request.get_param_value(field.first.c_str()) == field.second;
+    });
+    if (all && request.get_header_value("Content-Type") == "application/x-www-form-urlencoded") {
+      return true;
+    }
+    response.status = 400;
+    response.set_content(R"({"error": "invalid_request"})", JSON);
+    return false;
+  }
+
+  void start_device(const httplib::Request& request, httplib::Response& response) {
+    if (!is_form(request, response, {{"client_id", "app-1"}})) return;
     response.set_content(R"({"device_code": "device-code-1", "user_code": "WDJB-MJHT",
                              "verification_uri": "http://127.0.0.1/approve",
                              "expires_in": 60, "interval": 0.05})",
@@ -134,7 +150,13 @@ struct LoopbackServer::Impl {
   }
 
   /// Not approved yet, asked too often, then a token.
-  void grant(const httplib::Request&, httplib::Response& response) {
+  void grant(const httplib::Request& request, httplib::Response& response) {
+    if (!is_form(request, response,
+                 {{"grant_type", "urn:ietf:params:oauth:grant-type:device_code"},
+                  {"device_code", "device-code-1"},
+                  {"client_id", "app-1"}})) {
+      return;
+    }
     constexpr std::array<const char*, 3> ANSWERS = {R"({"error": "authorization_pending"})",
                                                     R"({"error": "slow_down"})",
                                                     R"({"access_token": "access-token-1"})"};
