@@ -202,7 +202,7 @@ TEST(Requests, SendEachAttemptAndReturnTheReply) {
   const Json reply = post_json("http://a.test", Json{{"q", 1}}, options);
   EXPECT_EQ(reply["text"], "hi");
   ASSERT_EQ(transport.sent().size(), 3U);
-  for (const auto& [request, timeout] : transport.sent()) {
+  for (const auto& [request, timeout, time_left] : transport.sent()) {
     EXPECT_EQ(request.method, "POST");
     EXPECT_EQ(request.url, "http://a.test");
     EXPECT_EQ(request.data, "{\"q\": 1}");
