@@ -80,12 +80,14 @@ inline constexpr bool is_basic_json<nlohmann::basic_json<
 template <class T>
 concept Nullable = is_a<T, std::optional> || is_a<T, std::unique_ptr> || is_a<T, std::shared_ptr>;
 
-// Whether a type has a hook of its own. A call of `to_json` with a basic_json looks into nlohmann's
-// namespaces, too; from version 3.11.3 on it finds overloads for every built-in type there. Those
-// deduce the type, so they take no stand-in for it, and are no better than a rival that deduces it.
+// Whether a type has a hook of its own. `to_json(json, value)` also considers the functions of
+// nlohmann's namespaces, which from version 3.11.3 on include overloads for every built-in type.
+// They are templates that deduce the type of the value. So they cannot be called with a stand-in
+// that only converts to the value, and beside a rival template that deduces it, too, the call is
+// ambiguous.
 
-/// Stands in for a `T`: functions are looked up for it where they are for a `T`, and it converts to
-/// `T`, so that those that name `T` or a base of it can be called.
+/// Converts to a `T`, and has the same associated namespaces: the functions that name `T` or a base
+/// of it can be called.
 template <class T>
 struct StandIn {
   const T& value;
@@ -93,7 +95,7 @@ struct StandIn {
   operator const T&() const&& = delete;
 };
 
-/// The same, but no function is looked up where it is for a `T`.
+/// Converts to a `T`, but does not have its associated namespaces.
 template <const auto* TAG>
 struct Stranger {
   using T = typename std::remove_pointer_t<decltype(TAG)>::Type;
@@ -139,9 +141,11 @@ concept StandardTemplate = Nullable<T> || is_a<T, std::pair> || is_a<T, std::tup
 template <class T, class Value>
 concept HasHookByTemplate = !StandardTemplate<T> && rival::LosesToHook<Value, T>;
 
+template <class T>
+concept UserDefined = std::is_class_v<T> || std::is_enum_v<T> || std::is_union_v<T>;
+
 template <class T, class Value>
-concept HasHook = (std::is_class_v<T> || std::is_enum_v<T> ||
-                   std::is_union_v<T>)&&(HasHookByName<T, Value> || HasHookByTemplate<T, Value>);
+concept HasHook = UserDefined<T> &&(HasHookByName<T, Value> || HasHookByTemplate<T, Value>);
 
 template <class T>
 concept NoValue = std::same_as<T, std::nullptr_t> || std::same_as<T, std::nullopt_t> ||
