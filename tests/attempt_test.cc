@@ -106,6 +106,8 @@ TEST(Send, BuildsTheRequest) {
        {{"Content-Type", "json; v=1"}, {"A", "1"}}},
       {1, {{"A", "1"}, {"content-type", "x"}}, "1", {{"content-type", "x"}, {"A", "1"}}},
       {1, {{"content-type", "x"}, {"Content-Type", "y"}}, "1", {{"content-type", "x"}}},
+      {raw_body("", "text/plain"), {}, "", {{"Content-Type", "text/plain"}}},
+      {form_body({{"a", "b c"}}), caller, "a=b+c", {{"Content-Type", "json; v=1"}, {"A", "1"}}},
   };
   for (const Case& c : table) {
     ScriptedTransport transport;

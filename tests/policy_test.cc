@@ -155,6 +155,30 @@ TEST(Policy, ACopyReplacesWhatIsNamedAndKeepsTheRest) {
   EXPECT_EQ(answers(changed), std::tuple(1.5, false, false));
 }
 
+TEST(Policy, AnEmptyFunctionStandsForTheDefault) {
+  const Clock no_clock;
+  const RetryPolicy empty{.clock = no_clock, .should_stop = nullptr, .wait = nullptr};
+  const RetryPolicy custom{.clock = [] { return 1e300; }, .should_stop = [] { return true; }};
+  const RetryPolicy replaced =
+      custom.with({.clock = no_clock, .should_stop = nullptr, .wait = Wait()});
+  for (const RetryPolicy& policy : {empty, replaced}) {
+    EXPECT_NEAR(policy.clock(), monotonic(), 60);
+    EXPECT_FALSE(policy.should_stop());
+    EXPECT_FALSE(policy.wait(0, policy.should_stop));
+  }
+  EXPECT_FALSE(wait_unless_stopped(0.001, nullptr, {.sleep = nullptr}));
+}
+
+TEST(Policy, KnowsWhenItsDeadlineHasCome) {
+  int reads = 0;
+  const RetryPolicy policy{.clock = [&reads] { return ++reads, 5.0; }};
+  EXPECT_FALSE(policy.is_past_deadline());
+  EXPECT_EQ(reads, 0);
+  EXPECT_FALSE(policy.with({.deadline = 5.001}).is_past_deadline());
+  EXPECT_TRUE(policy.with({.deadline = 5.0}).is_past_deadline());
+  EXPECT_TRUE(policy.with({.deadline = 4.0}).is_past_deadline());
+}
+
 TEST(Policy, BackoffDoubles) {
   const std::vector<std::tuple<double, int, double>> table{
       {1.0, 1, 1.0}, {1.0, 2, 2.0}, {1.0, 3, 4.0},    {0.5, 1, 0.5},

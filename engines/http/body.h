@@ -76,16 +76,30 @@ template <template <class, class, class...> class Object, template <class, class
 inline constexpr bool is_basic_json<nlohmann::basic_json<
     Object, Array, String, Boolean, Integer, Natural, Float, Allocator, Serializer, Binary>> = true;
 
-// Whether a type has a hook of its own. A call of `to_json` with a basic_json looks into nlohmann's
-// namespaces as well; from version 3.11.3 on it finds overloads for every built-in type there. So
-// one of the two arguments is replaced by a stand-in.
-
-/// Stands in for a `T`: it is looked up where a `T` is and converts to it, so functions that name
-/// `T` or a base take it.
+/// May be empty, else stands for what it points to.
 template <class T>
-struct ValueStandIn {
+concept Nullable = is_a<T, std::optional> || is_a<T, std::unique_ptr> || is_a<T, std::shared_ptr>;
+
+// Whether a type has a hook of its own. `to_json(json, value)` also considers the functions of
+// nlohmann's namespaces, which from version 3.11.3 on include overloads for every built-in type.
+// They are templates that deduce the type of the value. So they cannot be called with a stand-in
+// that only converts to the value, and beside a rival template that deduces it, too, the call is
+// ambiguous.
+
+/// Converts to a `T`, and has the same associated namespaces: the functions that name `T` or a base
+/// of it can be called.
+template <class T>
+struct StandIn {
   const T& value;
   operator const T&() const& { return value; }
+  operator const T&() const&& = delete;
+};
+
+/// Converts to a `T`, but does not have its associated namespaces.
+template <const auto* TAG>
+struct Stranger {
+  using T = typename std::remove_pointer_t<decltype(TAG)>::Type;
+  operator const T&() const&;
   operator const T&() const&& = delete;
 };
 
@@ -96,43 +110,42 @@ struct Tag {
 template <class T>
 inline constexpr Tag<T> tag;
 
-/// The same, but not looked up where a `T` is: only functions of the other argument's namespaces
-/// take it.
-template <const auto* TAG>
-struct Stranger {
-  using T = typename std::remove_pointer_t<decltype(TAG)>::Type;
-  operator const T&() const&;
-  operator const T&() const&& = delete;
-};
-
-/// Stand in for the JSON value: not looked up in nlohmann's namespaces.
-/// @{
-struct JsonStandIn {
-  operator Json&() const;
-};
-struct SortedJsonStandIn {
-  operator nlohmann::json&() const;
-};
-/// @}
-
 template <class Value, class T>
 concept CanCallHook = requires(Value& json, const T& value) {
   to_json(json, value);
 };
 
-/// There is a hook that names `T` or a base.
-template <class T, class Value>
-concept HasHookByName =
-    CanCallHook<Value, ValueStandIn<T>> && !CanCallHook<Value, Stranger<&tag<T>>>;
+namespace rival {
 
-/// There is a hook that names the basic_json, such as one for a class template.
+struct Answer {};
+template <class Value, class T>
+Answer to_json(Value& json, const T& value);
+
+template <class Value, class T>
+concept LosesToHook = requires(Value& json, const T& value) {
+  requires !std::same_as<decltype(to_json(json, value)), Answer>;
+};
+
+}  // namespace rival
+
+/// There is a hook that names `T` or a base of it.
 template <class T, class Value>
-concept HasHookByJson =
-    CanCallHook<std::conditional_t<std::same_as<Value, Json>, JsonStandIn, SortedJsonStandIn>, T>;
+concept HasHookByName = CanCallHook<Value, StandIn<T>> && !CanCallHook<Value, Stranger<&tag<T>>>;
+
+/// nlohmann's overloads may name these templates, and then win over the rival.
+template <class T>
+concept StandardTemplate = Nullable<T> || is_a<T, std::pair> || is_a<T, std::tuple> ||
+    is_a<T, std::vector> || is_a<T, std::basic_string>;
+
+/// There is a hook that fits better than the rival: it names `T`, or its template.
+template <class T, class Value>
+concept HasHookByTemplate = !StandardTemplate<T> && rival::LosesToHook<Value, T>;
+
+template <class T>
+concept UserDefined = std::is_class_v<T> || std::is_enum_v<T> || std::is_union_v<T>;
 
 template <class T, class Value>
-concept HasHook = (std::is_class_v<T> || std::is_enum_v<T> ||
-                   std::is_union_v<T>)&&(HasHookByName<T, Value> || HasHookByJson<T, Value>);
+concept HasHook = UserDefined<T> &&(HasHookByName<T, Value> || HasHookByTemplate<T, Value>);
 
 template <class T>
 concept NoValue = std::same_as<T, std::nullptr_t> || std::same_as<T, std::nullopt_t> ||
@@ -143,10 +156,6 @@ concept Boolean = std::same_as<T, bool> || std::same_as<T, std::vector<bool>::re
 
 template <class T>
 concept Number = Integer<T> || std::floating_point<T>;
-
-/// May be empty, else stands for what it points to.
-template <class T>
-concept Nullable = is_a<T, std::optional> || is_a<T, std::unique_ptr> || is_a<T, std::shared_ptr>;
 
 /// A range of itself (a path is one of paths) has no end to its items' items.
 template <class T>
@@ -244,7 +253,7 @@ template <class Value, class T>
 void write_by_hook(JsonWriter& out, const T& value) {
   Value json;
   if constexpr (HasHookByName<T, Value>) {
-    const ValueStandIn<T> named{value};
+    const StandIn<T> named{value};
     to_json(json, named);  // so that none of nlohmann's own overloads fits better than a base's
   } else {
     to_json(json, value);

@@ -1,0 +1,56 @@
+#include "engines/http/testing.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace engines::http::testing {
+namespace {
+
+TEST(ScriptedTransport, ServesSeveralThreads) {
+  constexpr int THREADS = 4;
+  constexpr int REQUESTS = 100;
+  ScriptedTransport transport;
+  transport.then([transport](const Request&, TransportOptions) mutable {
+    return transport.reply("last"), reply_of({"first"});
+  });
+  for (int i = 1; i < THREADS * REQUESTS; ++i) transport.reply(std::to_string(i));
+  EXPECT_EQ(transport.unplayed(), 400U);
+
+  std::vector<std::string> bodies(THREADS);
+  {
+    std::vector<std::jthread> threads;
+    for (std::string& body : bodies) {
+      threads.emplace_back([&body, copy = transport] {
+        for (int i = 0; i < REQUESTS; ++i) {
+          body += copy(Request("http://a.test"), {.timeout = 1, .time_left = 2})->read(100);
+        }
+      });
+    }
+  }
+  std::size_t size = 0;
+  for (const std::string& body : bodies) size += body.size();
+  EXPECT_EQ(size, 9U + 90 * 2 + 300 * 3 + 5);  // each step once, in whatever order
+  EXPECT_EQ(transport.sent().size(), 400U);
+  EXPECT_EQ(transport.sent().back().time_left, 2.0);
+  EXPECT_EQ(transport.unplayed(), 1U);
+}
+
+TEST(ScriptedTransport, ThrowsTheErrorsOfItsScriptAsTheKindsThatTheyAre) {
+  ScriptedTransport transport;
+  const Request request("http://a.test");
+  const Retryable busy("busy");
+  transport.fail(static_cast<const HttpFailure&>(busy)).fail(TimeoutError("t")).fail(7);
+  EXPECT_THROW(transport(request, {.timeout = 1}), Retryable);
+  EXPECT_THROW(transport(request, {.timeout = 1}), TimeoutError);
+  EXPECT_THROW(transport(request, {.timeout = 1}), int);
+  EXPECT_THROW(transport(request, {.timeout = 1}), std::logic_error);  // beyond the script
+  const TimeoutError slow("t");
+  EXPECT_THROW(transport.fail(static_cast<const OSError&>(slow)), std::logic_error);
+  EXPECT_THROW(Piece(static_cast<const OSError&>(slow)), std::logic_error);
+}
+
+}  // namespace
+}  // namespace engines::http::testing
