@@ -641,9 +641,8 @@ TEST(Pool, TakesNothingForAReplyThatCameBeforeItsRequest) {
 TEST(Pool, NeverSendsARequestTwice) {
   const std::vector<std::pair<Play, std::size_t>> table{{ends, 2}, {resets, 2}, {resets, 100'000}};
   for (const auto& [end, size] : table) {
-    FaultServer server([finish = end](Peer& peer) {
-      peer.request(), peer.send(HI), peer.request(), finish(peer);
-    });
+    FaultServer server(
+        [end = end](Peer& peer) { peer.request(), peer.send(HI), peer.request(), end(peer); });
     const PooledTransport pool;
     const Request request(server.url(), {.data = std::string(size, 'x'), .method = "POST"});
     EXPECT_EQ(outcome_of(pool, request).told, "200 hi");

@@ -26,8 +26,8 @@ template <std::size_t n>
 Headers without(const Headers& headers, const std::array<const char*, n>& names) {
   Headers kept;
   for (const auto& [name, value] : headers) {
-    const auto is_it = [&header = name](const char* other) {
-      return equal_ignoring_case(header, other);
+    const auto is_it = [&name = name](const char* other) {
+      return equal_ignoring_case(name, other);
     };
     if (std::ranges::none_of(names, is_it)) kept.add(name, value);
   }
