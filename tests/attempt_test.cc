@@ -151,8 +151,8 @@ TEST(Send, HandsTheReplyToTheReaderAndClosesItOnce) {
         if (close_fails) throw TimeoutError("close");
       };
       const auto reply = reply_of({"x"}, {.on_close = close});
-      const auto call = [&, read = read] {
-        return std::to_string(attempt(ScriptedTransport().reply(reply), read));
+      const auto call = [&, &reads = read] {
+        return std::to_string(attempt(ScriptedTransport().reply(reply), reads));
       };
       EXPECT_EQ(outcome(call), close_fails ? "TimeoutError: close" : told);
       EXPECT_EQ(reply->closes(), 1) << told;

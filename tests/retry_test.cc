@@ -72,7 +72,7 @@ TEST(Retry, CutsTheTimeoutToTheDeadline) {
   const std::vector<std::tuple<std::optional<double>, double, double>> table{
       {std::nullopt, 5.0, 30.0}, {100.0, 5.0, 30.0}, {5.5, 5.0, 0.5}, {35.0, 5.0, 30.0}};
   for (const auto& [deadline, now, expected] : table) {
-    const RetryPolicy policy{.deadline = deadline, .clock = [now = now] { return now; }};
+    const RetryPolicy policy{.deadline = deadline, .clock = [time = now] { return time; }};
     EXPECT_EQ(retry(policy, [](double timeout) { return timeout; }, {.label = "l"}), expected);
   }
 }

@@ -223,8 +223,8 @@ Secrets Secrets::followed_by(const Secrets& others) const {
 Secrets secrets_of(const Headers& headers) {
   std::vector<std::string> found;
   for (const auto& [name, value] : headers) {
-    const auto is_it = [&name = name](std::string_view secret) {
-      return detail::equal_ignoring_case(name, secret);
+    const auto is_it = [&header = name](std::string_view secret) {
+      return detail::equal_ignoring_case(header, secret);
     };
     if (std::ranges::none_of(detail::SECRET_HEADERS, is_it) || value.empty()) continue;
     found.push_back(value);
