@@ -23,7 +23,7 @@
 
 #include "engines/http/http.h"
 #include "engines/http/testing.h"
-#include "engines/http/text/text.h"
+#include "engines/http/text/utf8.h"
 #include "fuzz/expect.h"
 
 namespace http = engines::http;

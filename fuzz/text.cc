@@ -11,7 +11,10 @@
 #include <string_view>
 #include <typeinfo>
 
-#include "engines/http/text/text.h"
+#include "engines/http/text/case.h"
+#include "engines/http/text/literal.h"
+#include "engines/http/text/utf8.h"
+#include "engines/http/text/white_space.h"
 #include "engines/http/text/type_name.h"
 #include "fuzz/expect.h"
 

@@ -27,10 +27,4 @@ namespace engines::http {
 /// object, time as well, whatever the text; a constant amount of stack.
 std::optional<Json> decode_json(std::string_view text);
 
-namespace detail {
-
-/// The same for a text that is known to be well-formed UTF-8.
-std::optional<Json> decode_utf8_json(std::string_view text);
-
-}  // namespace detail
 }  // namespace engines::http
