@@ -34,6 +34,9 @@ bool has_memory() {
 void* operator new(std::size_t size) {
   return has_memory() ? std::malloc(size) : throw std::bad_alloc();
 }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return has_memory() ? std::malloc(size) : nullptr;
+}
 void operator delete(void* memory) noexcept { live -= memory != nullptr, std::free(memory); }
 void operator delete(void* memory, std::size_t) noexcept { operator delete(memory); }
 #else  // libcurl's, ICU's and PCRE2's too
