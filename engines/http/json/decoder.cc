@@ -39,8 +39,8 @@ void clear(Json& value) noexcept {
   }
 }
 
-/// Whether a number that no double is near to is too large, not too small: where its first digit
-/// stands that is not zero, in relation to the point.
+/// Whether a number outside the range of a double is too large, rather than too small: by the place
+/// of its first digit other than zero, counted from the point, and the exponent.
 bool is_too_large(std::string_view number) {
   const std::size_t exponent_at = std::min(number.find_first_of("eE"), number.size());
   const std::string_view digits = number.substr(0, exponent_at);
@@ -69,25 +69,23 @@ struct Members {
 
 void merge_few(const Members& members) {
   for (std::size_t later = 1; later < members.names.size(); ++later) {
-    const auto name = members.names.begin() + static_cast<std::ptrdiff_t>(later);
-    const auto first = std::find(members.names.begin(), name, *name);
-    if (first != name) {
-      members.replace(static_cast<std::size_t>(first - members.names.begin()), later);
-    }
+    std::size_t first = 0;
+    while (members.names[first] != members.names[later]) ++first;
+    if (first != later) members.replace(first, later);
   }
 }
 
-/// The first eight bytes of a text as a number; a shorter one is filled up with NULs.
+/// The first eight bytes of a text as a number; a shorter text is filled up with NULs.
 std::uint64_t start_of(std::string_view text) noexcept {
   std::uint64_t start = 0;
   text.copy(reinterpret_cast<char*>(&start), sizeof start);
   return start;
 }
 
-/// By sorting, not by hashing: no choice of names makes this slow.
+/// Sorts the names instead of hashing them: no choice of names makes this slow.
 void merge_many(const Members& members) {
   struct Position {
-    std::uint64_t name_start;  // most names differ here, and need no look at their text
+    std::uint64_t name_start;  // decides most comparisons without access to the name
     std::size_t index;
   };
   const auto name = [&](const Position& at) -> const std::string& {
@@ -114,12 +112,13 @@ void merge_many(const Members& members) {
 /// Gives the first member of each name the value of the last one and discards the others.
 void merge_repeated_names(const Members& members) {
   constexpr std::size_t FEW = 16;
-  members.names.size() <= FEW ? merge_few(members) : merge_many(members);
+  if (members.names.size() <= FEW) return merge_few(members);
+  merge_many(members);
 }
 
-/// Reads one text. Values go onto a stack as they appear; the end of an array or object takes its
-/// items off the stack and puts the array or object in their place, which thus has its final size
-/// at once.
+/// Reads one text. Values go onto a stack as they appear. At the end of an array or object its
+/// items are taken off the stack and moved into it, so it is made with its final size, and it goes
+/// onto the stack itself.
 class Decoder {
  public:
   explicit Decoder(std::string_view text) : at_(text.data()), end_(text.data() + text.size()) {
@@ -237,8 +236,9 @@ bool Decoder::scalar() {
   }
 }
 
-/// What `std::from_chars` takes and JSON does not (a leading zero, a bare point, a word) is refused
-/// first; what it leaves behind a number is refused by the caller.
+/// `std::from_chars` accepts more than JSON does: leading zeros, words, and a point without digits
+/// around it. These are refused here. It ends before characters that belong to no number, which the
+/// caller refuses.
 bool Decoder::number() {
   const char* const start = at_;
   if (take('-') && take("Infinity")) return push(-INFINITE);
