@@ -241,7 +241,7 @@ bool Decoder::scalar() {
 /// caller refuses.
 bool Decoder::number() {
   const char* const start = at_;
-  if (take('-') && take("Infinity")) return push(-INFINITE);
+  if (take('-') && next_is('I')) return take("Infinity") && push(-INFINITE);
   const bool leading_zero = next_is('0');
   if (!next_is_digit()) return false;
 
