@@ -195,7 +195,7 @@ std::optional<Json> Decoder::decode() {
       skip_space();
       if (open_.empty()) {
         if (at_ != end_) return std::nullopt;
-        return std::move(values_.front());
+        return std::exchange(values_.front(), nullptr);
       }
       if (take(open_.back().closer)) {
         close();

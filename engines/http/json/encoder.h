@@ -1,5 +1,5 @@
-// Writes one JSON text (RFC 8259) piece by piece: how each JSON value is laid out. Which C++ type
-// becomes which value is said in body.h.
+// Writes one JSON text (RFC 8259) piece by piece: how each JSON value is laid out. The JSON form of
+// each C++ type is described in body.h.
 #pragma once
 
 #include <array>
@@ -73,7 +73,7 @@ class JsonWriter {
 
  private:
   static constexpr std::size_t STAGE = 2048;
-  static constexpr std::size_t MAX_NUMBER = 24;  // characters, as in -2.2250738585072014e-308
+  static constexpr std::size_t MAX_NUMBER = 32;  // the longest is -2.2250738585072014e-308
 
   static void check_depth(int depth);
 
@@ -92,11 +92,11 @@ class JsonWriter {
   void flush();
 
   std::string out_;
-  std::size_t staged_ = 0;
+  std::size_t staged_ = 0;  // characters in `stage_`
   int depth_ = 0;
   int links_ = 0;
   bool first_ = true;              // of the innermost open array or object
-  std::array<char, STAGE> stage_;  // follows `out_`: short pieces are cheap to add here
+  std::array<char, STAGE> stage_;  // the text after `out_`: a short piece is cheap to add here
 };
 
 }  // namespace engines::http::detail
