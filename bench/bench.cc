@@ -1,23 +1,20 @@
-// Measures the library beside its peers in one run and prints a line per pair: how often the one
-// fits into the time of the other, the median of paired runs. scripts/bench runs it.
+// Measures the library beside its peers in one run and prints a line for each pair: the median,
+// over several rounds, of the ratio of their times. scripts/bench runs it.
 //
-//   bench [--rounds N] [--only TEXT] [--json FILE]   every row whose name holds TEXT
-//   bench --calls NAME COUNT                         nothing but so many calls, to be profiled
-//   bench --peak NAME                                how far one call raises the resident memory
+//   bench [--rounds N] [--only TEXT]   every row whose name holds TEXT
+//   bench --calls NAME COUNT           nothing but so many calls, for callgrind
+//   bench --peak NAME                  how far one call raises the resident memory
 #include <benchmark/benchmark.h>
 #include <malloc.h>
-#include <unistd.h>
+#include <simdjson.h>
 #include <valgrind/callgrind.h>
 
 #include <algorithm>
 #include <array>
-#include <charconv>
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
-#include <limits>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -26,26 +23,23 @@
 
 #include "bench/clients.h"
 #include "bench/documents.h"
-#include "bench/json_peers.h"
 #include "bench/servers.h"
 #include "engines/http/http.h"
-#include "engines/http/json/decimal.h"
-#include "engines/http/testing.h"
 
 namespace bench {
 namespace {
 
 using namespace engines::http;
 
-/// Something that is measured: makes a call, which is then repeated.
+/// What is measured: `make` connects or prepares, the call that it returns is repeated.
 struct Contestant {
   std::string name;
   std::function<Call()> make;
   int threads = 1;
 };
 
-/// One of ours and what it is compared with. The figure is a peer's time over ours, or ours over
-/// the peer's where that is the better way to say it ("so many times as long").
+/// A call of ours and what it is compared with. The ratio is the peer's time over ours, or ours
+/// over the peer's where it says how many times as long ours takes.
 struct Row {
   std::string name;
   Contestant ours;
@@ -55,9 +49,8 @@ struct Row {
 
 // ---- What is measured ---------------------------------------------------------------------------
 
-template <class Function>
-Contestant on(std::string name, Function function) {
-  return {.name = std::move(name), .make = [=] { return Call(function); }};
+Contestant on(std::string name, Call call) {
+  return {.name = std::move(name), .make = [=] { return call; }};
 }
 
 Contestant calls(std::string name, Call (*client)(const Exchange&), Exchange exchange,
@@ -70,8 +63,6 @@ std::vector<Row> transfer_rows(const Servers& servers) {
   const Exchange post{.url = servers.echo_url(), .body = &request};
   const Exchange get{.url = servers.get_url("/small.json")};
   const Exchange tls{.url = servers.tls_url("/small.json"), .ca_file = servers.ca_file()};
-  Exchange bundled = tls;
-  bundled.ca_file = servers.bundle_file();
   const Exchange large{.url = servers.get_url("/large.bin")};
   const Exchange embeddings{.url = servers.get_url("/embeddings.json")};
   const auto small = [](std::string name, const Exchange& exchange) {
@@ -79,7 +70,7 @@ std::vector<Row> transfer_rows(const Servers& servers) {
                .ours = calls("pooled", pooled, exchange),
                .peers = {calls("curl_reused_transfer", curl_reused, exchange),
                          calls("httplib_nlohmann", httplib_nlohmann, exchange),
-                         calls("poco", poco, exchange), calls("cpprest", cpprest, exchange)}};
+                         calls("poco", poco, exchange)}};
   };
   // One pool for all its threads, made before the first of them.
   const Call shared = pooled(post);
@@ -91,35 +82,27 @@ std::vector<Row> transfer_rows(const Servers& servers) {
           {.name = "get_small_tls",
            .ours = calls("pooled", pooled, tls),
            .peers = {calls("curl_reused_transfer", curl_reused, tls)}},
-          {.name = "get_small_tls_fresh",
-           .ours = calls("urlopen", fresh, tls),
-           .peers = {calls("curl_fresh_bundle", curl_fresh, bundled)}},
+          {.name = "post_small_4_threads",
+           .ours = {.name = "one_pool", .make = [=] { return shared; }, .threads = 4},
+           .peers = {calls("curl_reused_4_transfer", curl_reused, post, 4)}},
           {.name = "read_body_16MiB",
            .ours = calls("pooled", pooled_body, large),
            .peers = {calls("curl_reused_append", curl_reused, large)}},
           {.name = "get_json_16MiB",
            .ours = calls("pooled", pooled, embeddings),
            .peers = {calls("httplib_nlohmann", httplib_nlohmann, embeddings),
-                     calls("poco", poco, embeddings), calls("cpprest", cpprest, embeddings)}},
-          {.name = "post_small_4_threads",
-           .ours = {.name = "one_pool", .make = [=] { return shared; }, .threads = 4},
-           .peers = {calls("curl_reused_4_transfer", curl_reused, post, 4)}}};
+                     calls("poco", poco, embeddings)}}};
 }
 
 Row decode_row(const std::string& name, const std::string& text) {
   const auto kept = std::make_shared<const std::string>(text);
-  const auto with = [&](std::string by, auto decode) {
-    return on(std::move(by), [=] { benchmark::DoNotOptimize(decode(*kept)); });
-  };
-  const auto without_result = [&](std::string by, void (*decode)(const std::string&)) {
-    return on(std::move(by), [=] { decode(*kept); });
-  };
   return {.name = "decode_" + name,
-          .ours = with("decode_json", [](const std::string& it) { return decode_json(it); }),
-          .peers = {without_result("nlohmann", parse_nlohmann),
-                    without_result("rapidjson_dom", parse_rapidjson),
-                    without_result("simdjson_dom", parse_simdjson),
-                    with("simdjson_converted", convert_simdjson)}};
+          .ours = on("decode_json", [=] { benchmark::DoNotOptimize(decode_json(*kept)); }),
+          .peers = {on("nlohmann", [=] { benchmark::DoNotOptimize(Json::parse(*kept)); }),
+                    on("simdjson_dom", [=] {  // a view of the text, not a value of its own
+                      simdjson::dom::parser parser;
+                      benchmark::DoNotOptimize(parser.parse(*kept).value());
+                    })}};
 }
 
 Row encode_row(const std::string& name, const Json& value) {
@@ -129,38 +112,14 @@ Row encode_row(const std::string& name, const Json& value) {
           .peers = {on("nlohmann_dump", [=] { benchmark::DoNotOptimize(kept->dump()); })}};
 }
 
-/// Writes numbers, each to where the one before stood.
-template <class Write>
-auto write_all(Write write) {
-  return [write, values = numbers(100'000)] {
-    std::array<char, detail::MAX_DECIMAL> text;
-    for (const float value : values) {
-      benchmark::DoNotOptimize(write(std::fabs(static_cast<double>(value)), text.data()));
-    }
-  };
-}
-
 std::vector<Row> json_rows() {
-  const auto members = [](std::size_t count) {
-    return on("decode_" + std::to_string(count),
-              [text = members_json(count)] { benchmark::DoNotOptimize(decode_json(text)); });
-  };
   return {decode_row("chat_2MB", chat_json(2'000'000)),
           decode_row("embeddings_16MiB", embeddings_json(LARGE_BYTES)),
-          {.name = "decode_twice_the_members",
-           .ours = members(1'000'000),
-           .peers = {members(500'000)},
-           .ours_over_peer = true},
           encode_row("chat_request", chat_request()),
-          encode_row("1500000_floats", Json(numbers(1'500'000))),
-          {.name = "number_to_text",
-           .ours = on("write_decimal", write_all(detail::write_decimal)),
-           .peers = {on("std_to_chars", write_all([](double number, char* to) {
-                          return std::to_chars(to, to + detail::MAX_DECIMAL, number).ptr;
-                        }))}}};
+          encode_row("1500000_floats", Json(numbers(1'500'000)))};
 }
 
-std::vector<Row> text_rows() {
+std::vector<Row> redaction_rows() {
   std::vector<std::string> secrets;
   for (int i = 0; i < 10; ++i) secrets.push_back("sk-secret-number-" + std::to_string(1000 + i));
   const Secrets hidden(secrets);
@@ -177,26 +136,6 @@ std::vector<Row> text_rows() {
           memmem(megabyte.data(), megabyte.size(), secret.data(), secret.size()));
     }
   };
-  // The reply is the same each time; the script would otherwise be built anew.
-  class Canned final : public Response {
-    std::string do_read(std::size_t amt) override {
-      return left_ ? (left_ = false, small_.substr(0, amt)) : std::string();
-    }
-    void do_close() override {}
-    const std::string small_ = reply();
-    bool left_ = true;
-
-   public:
-    static const std::string& reply() {
-      static const std::string text = small_json();
-      return text;
-    }
-  };
-  const auto request = std::make_shared<const Json>(chat_request());
-  const auto policy = std::make_shared<const RetryPolicy>();
-  const Transport canned = [](const Request&, TransportOptions) {
-    return std::make_shared<Canned>();
-  };
   return {
       {.name = "excerpt_any_length",
        .ours = quote("excerpt_of_16MiB", LARGE_BYTES),
@@ -205,25 +144,12 @@ std::vector<Row> text_rows() {
       {.name = "redact_1MB",
        .ours = on("redact_10_secrets", [=] { benchmark::DoNotOptimize(redact(megabyte, hidden)); }),
        .peers = {on("memmem_10_passes", search)},
-       .ours_over_peer = true},
-      {.name = "post_json_bookkeeping",
-       .ours = on("post_json_scripted",
-                  [=] {
-                    benchmark::DoNotOptimize(
-                        post_json("http://127.0.0.1/", *request,
-                                  {.policy = *policy, .label = "b", .transport = canned}));
-                  }),
-       .peers = {on("encode_and_decode",
-                    [=] {
-                      benchmark::DoNotOptimize(encode_json(*request));
-                      benchmark::DoNotOptimize(decode_json(Canned::reply()));
-                    })},
        .ours_over_peer = true}};
 }
 
 std::vector<Row> all_rows(const Servers& servers) {
   std::vector<Row> rows = transfer_rows(servers);
-  for (auto more : {json_rows, text_rows}) {
+  for (auto more : {json_rows, redaction_rows}) {
     for (Row& row : more()) rows.push_back(std::move(row));
   }
   return rows;
@@ -231,30 +157,15 @@ std::vector<Row> all_rows(const Servers& servers) {
 
 // ---- Measuring ----------------------------------------------------------------------------------
 
-/// Keeps every run, for the ratios and for Google Benchmark's own report.
-class Collector final : public benchmark::BenchmarkReporter {
+/// Keeps the time of the latest run, in seconds per call and thread.
+class LatestTime final : public benchmark::BenchmarkReporter {
  public:
   bool ReportContext(const Context&) override { return true; }
   void ReportRuns(const std::vector<Run>& runs) override {
-    runs_.insert(runs_.end(), runs.begin(), runs.end());
-  }
-  /// Of the latest run: seconds per call and thread.
-  double latest() const {
-    if (runs_.empty() || runs_.back().error_occurred) throw std::runtime_error("a run failed");
-    return runs_.back().real_accumulated_time / static_cast<double>(runs_.back().iterations);
-  }
-  void write(const std::string& file) const {
-    std::ofstream out(file);
-    benchmark::JSONReporter json;
-    json.SetOutputStream(&out);
-    json.SetErrorStream(&std::cerr);
-    json.ReportContext(Context());
-    json.ReportRuns(runs_);
-    json.Finalize();
+    seconds = runs.back().real_accumulated_time / static_cast<double>(runs.back().iterations);
   }
 
- private:
-  std::vector<Run> runs_;
+  double seconds = 0;
 };
 
 double median(std::vector<double> values) {
@@ -263,7 +174,7 @@ double median(std::vector<double> values) {
   return *middle;
 }
 
-void enrol(const std::string& name, const Contestant& contestant) {
+void add(const std::string& name, const Contestant& contestant) {
   benchmark::RegisterBenchmark(name.c_str(),
                                [make = contestant.make](benchmark::State& state) {
                                  const Call call = make();
@@ -274,17 +185,18 @@ void enrol(const std::string& name, const Contestant& contestant) {
       ->Threads(contestant.threads);
 }
 
-void compare(const Row& row, int rounds, Collector& collector) {
+void compare(const Row& row, int rounds) {
   std::vector<const Contestant*> contestants{&row.ours};
   for (const Contestant& peer : row.peers) contestants.push_back(&peer);
-  for (const Contestant* one : contestants) enrol(row.name + "/" + one->name, *one);
+  for (const Contestant* one : contestants) add(row.name + "/" + one->name, *one);
   std::map<const Contestant*, std::vector<double>> seconds;
   for (int round = 0; round < rounds; ++round) {
     for (const Contestant* one : contestants) {
-      benchmark::RunSpecifiedBenchmarks(&collector, "^" + row.name + "/" + one->name + "/");
-      seconds[one].push_back(collector.latest());
+      LatestTime latest;
+      benchmark::RunSpecifiedBenchmarks(&latest, "^" + row.name + "/" + one->name + "/");
+      seconds[one].push_back(latest.seconds);
     }
-    std::ranges::reverse(contestants);  // who runs after whom changes
+    std::ranges::reverse(contestants);  // so that no one always runs first
   }
   for (const Contestant& peer : row.peers) {
     std::vector<double> ratios;
@@ -316,8 +228,8 @@ int print_peak(const Servers& servers, const std::string& name) {
   const Exchange large{.url = servers.get_url(json ? "/embeddings.json" : "/large.bin")};
   const Call call = json ? pooled(large) : pooled_body(large);
   small();
-  malloc_trim(0);  // what made the documents is not there to be used again
-  std::ofstream("/proc/self/clear_refs") << "5" << std::flush;  // VmHWM starts anew
+  malloc_trim(0);  // gives back what making the documents has left
+  std::ofstream("/proc/self/clear_refs") << "5" << std::flush;  // resets VmHWM
   const long before = status_kb("VmRSS");
   call();
   std::cout << "peak " << name << "/body "
@@ -343,14 +255,12 @@ int call_often(const Servers& servers, const std::string& name, int count) {
 }
 
 int run(int argc, char** argv) {
-  std::map<std::string, std::string> options{{"--rounds", "9"}, {"--only", ""}, {"--json", ""}};
+  std::map<std::string, std::string> options{{"--rounds", "9"}, {"--only", ""}};
   const std::vector<std::string> arguments(argv + 1, argv + argc);
   if (arguments.size() == 4 && arguments[0] == "--echo-server") {
     serve_echoes(std::stoi(arguments[2]));
   }
   const Servers servers;
-  setenv("SSL_CERT_DIR", servers.hashed_directory().c_str(), 1);
-  unsetenv("SSL_CERT_FILE");
   if (arguments.size() == 3 && arguments[0] == "--calls") {
     return call_often(servers, arguments[1], std::stoi(arguments[2]));
   }
@@ -362,13 +272,11 @@ int run(int argc, char** argv) {
   std::array<char*, 2> library_argv{argv[0], library_arguments.data()};
   int library_argc = library_argv.size();
   benchmark::Initialize(&library_argc, library_argv.data());
-  Collector collector;
   for (const Row& row : all_rows(servers)) {
     if (row.name.find(options["--only"]) != std::string::npos) {
-      compare(row, std::stoi(options["--rounds"]), collector);
+      compare(row, std::stoi(options["--rounds"]));
     }
   }
-  if (!options["--json"].empty()) collector.write(options["--json"]);
   return 0;
 }
 

@@ -6,7 +6,6 @@
 #include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPResponse.h>
 #include <Poco/URI.h>
-#include <cpprest/http_client.h>
 #include <curl/curl.h>
 #include <httplib.h>
 
@@ -85,13 +84,6 @@ std::string encoded(const Exchange& exchange) {
   return exchange.body ? encode_json(*exchange.body) : std::string();
 }
 
-/// The same document as another library's own value, so that it encodes what we encode.
-template <class Value, class Parse>
-std::shared_ptr<const Value> same_document(const Exchange& exchange, Parse parse) {
-  if (!exchange.body) return nullptr;
-  return std::make_shared<const Value>(parse(encode_json(*exchange.body)));
-}
-
 }  // namespace
 
 Call pooled(const Exchange& exchange) {
@@ -139,8 +131,11 @@ Call poco(const Exchange& exchange) {
   const Poco::URI uri(exchange.url);
   auto session = std::make_shared<Poco::Net::HTTPClientSession>(uri.getHost(), uri.getPort());
   session->setKeepAlive(true);
-  const auto body = same_document<Poco::Dynamic::Var>(
-      exchange, [](const std::string& text) { return Poco::JSON::Parser().parse(text); });
+  std::shared_ptr<const Poco::Dynamic::Var> body;  // the same document, as Poco's own value
+  if (exchange.body) {
+    body = std::make_shared<const Poco::Dynamic::Var>(
+        Poco::JSON::Parser().parse(encode_json(*exchange.body)));
+  }
   return [session, body, path = uri.getPath()] {
     using namespace Poco::Net;
     HTTPRequest request(body ? HTTPRequest::HTTP_POST : HTTPRequest::HTTP_GET, path,
@@ -159,20 +154,6 @@ Call poco(const Exchange& exchange) {
     std::istream& stream = session->receiveResponse(response);
     require(response.getStatus() == HTTPResponse::HTTP_OK, "Poco's call");
     require(!Poco::JSON::Parser().parse(stream).isEmpty(), "Poco's parser");
-  };
-}
-
-Call cpprest(const Exchange& exchange) {
-  const Poco::URI uri(exchange.url);
-  const auto client = std::make_shared<web::http::client::http_client>(
-      "http://" + uri.getHost() + ":" + std::to_string(uri.getPort()));
-  const auto body = same_document<web::json::value>(
-      exchange, [](const std::string& text) { return web::json::value::parse(text); });
-  return [client, body, path = uri.getPath()] {
-    const auto reply = body ? client->request(web::http::methods::POST, path, *body).get()
-                            : client->request(web::http::methods::GET, path).get();
-    require(reply.status_code() == 200, "cpprestsdk's call");
-    require(reply.extract_json().get().is_object(), "cpprestsdk's parser");
   };
 }
 

@@ -8,7 +8,7 @@
 
 namespace bench {
 
-/// One call, made again and again by whoever holds it. Throws when it did not go well.
+/// One call, to be made again and again. Throws when it fails.
 using Call = std::function<void()>;
 
 /// A body to post as JSON, or a GET where there is none. `ca_file` is trusted over TLS.
@@ -23,9 +23,8 @@ Call pooled(const Exchange& exchange);
 Call fresh(const Exchange& exchange);
 Call httplib_nlohmann(const Exchange& exchange);
 Call poco(const Exchange& exchange);
-Call cpprest(const Exchange& exchange);
 
-// The transfer alone: a body that is encoded already, a reply that is appended to a string.
+// libcurl's transfer alone: the body is encoded already, the reply is appended to a string.
 Call curl_reused(const Exchange& exchange);
 Call curl_fresh(const Exchange& exchange);
 

@@ -80,17 +80,8 @@ std::string embeddings_json(std::size_t bytes) {
   return text += R"(], "model": "e-small-1"})";
 }
 
-std::string members_json(std::size_t count) {
-  std::mt19937_64 random(SEED + 3);
-  std::string text = "{";
-  for (std::size_t i = 0; i < count; ++i) {
-    text += (i == 0 ? "\"" : ", \"") + std::to_string(random()) + "\": " + std::to_string(i);
-  }
-  return text += "}";
-}
-
 std::vector<float> numbers(std::size_t count) {
-  std::mt19937 random(SEED + 4);
+  std::mt19937 random(SEED + 3);
   std::normal_distribution<float> normal(0, 0.03F);
   std::vector<float> made(count);
   for (float& number : made) number = normal(random);

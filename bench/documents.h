@@ -24,10 +24,7 @@ std::string chat_json(std::size_t bytes);
 /// Vectors of 1,536 numbers as embedding services send them, about so many bytes and never more.
 std::string embeddings_json(std::size_t bytes);
 
-/// An object with so many distinct members.
-std::string members_json(std::size_t count);
-
-/// Numbers as a model gives them: of single precision, between -1 and 1.
+/// Numbers like those of an embedding: of single precision, between -1 and 1.
 std::vector<float> numbers(std::size_t count);
 
 }  // namespace bench

@@ -7,6 +7,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -26,7 +28,7 @@ void answer(int connection, std::string& received) {
     const std::size_t head_end = received.find("\r\n\r\n");
     if (head_end == std::string::npos) return;
     std::string head = received.substr(0, head_end);
-    for (char& c : head) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c;
+    std::ranges::transform(head, head.begin(), [](unsigned char c) { return std::tolower(c); });
     const std::size_t at = head.find(LENGTH);
     const std::size_t size =
         at == std::string::npos ? 0 : std::strtoul(head.c_str() + at + LENGTH.size(), nullptr, 10);
@@ -90,11 +92,6 @@ Servers::Servers()
   std::ofstream(directory_.file("small.json")) << small_json();
   std::ofstream(directory_.file("large.bin")) << std::string(LARGE_BYTES, 'x');
   std::ofstream(directory_.file("embeddings.json")) << embeddings_json(LARGE_BYTES);
-  const std::string hashed = hashed_directory();
-  engines::http::test::run("cat /etc/ssl/certs/ca-certificates.crt " + ca_file() + " > " +
-                           bundle_file() + " && mkdir " + hashed +
-                           " && cp -L /etc/ssl/certs/*.[0-9] " + hashed + " && cp " + ca_file() +
-                           " " + hashed + "/$(openssl x509 -hash -noout -in " + ca_file() + ").0");
 }
 
 }  // namespace bench

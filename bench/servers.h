@@ -8,8 +8,8 @@
 
 namespace bench {
 
-/// Serves on the loopback port until it is killed: each request over HTTP/1.1 is answered with its
-/// own body, in one write, over a connection that is kept.
+/// Serves on the loopback port until it is killed. Each request over HTTP/1.1 is answered with its
+/// own body, in one write; connections are kept.
 [[noreturn]] void serve_echoes(int port);
 
 class Servers {
@@ -22,10 +22,6 @@ class Servers {
   std::string tls_url(const std::string& path) const { return nginx_.tls_url(path); }
   std::string echo_url() const { return echo_.url("/echo"); }
   std::string ca_file() const { return authority_.file(); }
-  /// The platform's certificates and the one that the server is trusted by: as one file, and as a
-  /// directory by hash.
-  std::string bundle_file() const { return directory_.file("bundle.pem"); }
-  std::string hashed_directory() const { return directory_.file("hashed"); }
 
  private:
   engines::http::test::CertificateAuthority authority_;

@@ -1,5 +1,5 @@
-// Without memory: a call is made again and again, each time with another of its allocations failing
-// (that one alone, or all from it on), until it is made without.
+// Without memory: a call is repeated, each time with the next of its allocations failing (that one
+// alone, or all from it on), until none fails.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -30,13 +30,16 @@ bool has_memory() {
 
 }  // namespace
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)  // whose malloc must stay
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)  // malloc is the sanitizer's
 void* operator new(std::size_t size) {
   return has_memory() ? std::malloc(size) : throw std::bad_alloc();
 }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return has_memory() ? std::malloc(size) : nullptr;
+}
 void operator delete(void* memory) noexcept { live -= memory != nullptr, std::free(memory); }
 void operator delete(void* memory, std::size_t) noexcept { operator delete(memory); }
-#else  // libcurl's, ICU's and PCRE2's too
+#else  // malloc, which libcurl, ICU and PCRE2 use, too
 extern "C" {
 void* libc_calloc(std::size_t, std::size_t) __asm__("__libc_calloc");
 void* libc_realloc(void*, std::size_t) __asm__("__libc_realloc");
@@ -58,10 +61,10 @@ void free(void* memory) { live -= memory != nullptr, libc_free(memory); }
 namespace engines::http {
 namespace {
 
-/// Calls with each allocation failing in turn, and looks at how the call ended, the last time with
-/// none failing. What is allocated in a call is gone after it.
-template <class Call, class Look>
-void starve(const Call& call, const Look& look) {
+/// Repeats the call, with each of its allocations failing in turn and at last none, and passes to
+/// `check` how it ended and whether none failed. Nothing that a call allocates may remain.
+template <class Call, class Check>
+void starve(const Call& call, const Check& check) {
   struct Shortage {
     Shortage(long n, bool all) { has_failed = false, for_good = all, until_failure = n; }
     ~Shortage() { until_failure = 0; }
@@ -70,7 +73,7 @@ void starve(const Call& call, const Look& look) {
     bool in_full = false;
     for (long n = 1, before = 0; !in_full; ++n, before = live) {
       {
-        const std::string told = test::outcome([&] {
+        const std::string ended = test::outcome([&] {
           const auto answer = [&] {
             const Shortage shortage(n, all);
             return call();
@@ -78,7 +81,7 @@ void starve(const Call& call, const Look& look) {
           return answer.dump();
         });
         in_full = !has_failed;
-        look(told, in_full);
+        check(ended, in_full);
       }
       EXPECT_EQ(all && n > 1 ? live - before : 0, 0) << "kept at " << n;
     }
@@ -87,17 +90,10 @@ void starve(const Call& call, const Look& look) {
 
 TEST(WithoutMemory, WhatFailsAtItsFirstUseIsTriedAgain) {
   starve([] { return Json(redact("plain", {})); },
-         [](const std::string& told, bool in_full) {
-           EXPECT_TRUE(!in_full || told == "\"plain\"") << told;
+         [](const std::string& ended, bool in_full) {
+           EXPECT_TRUE(!in_full || ended == "\"plain\"") << ended;
          });
 }
-
-/// Its name has more brackets, one in another, than a short string has room for.
-template <class>
-struct Odd : HTTPException {
-  using HTTPException::HTTPException;
-};
-using Odder = Odd<Odd<Odd<Odd<Odd<Odd<Odd<Odd<Odd<Odd<Odd<Odd<Odd<Odd<Odd<Odd<int>>>>>>>>>>>>>>>>;
 
 TEST(WithoutMemory, ACallEndsInBadAllocOrAsEver) {
   const std::string key = "schl\u00fcssel-\u00c4-123456";
@@ -111,20 +107,23 @@ TEST(WithoutMemory, ACallEndsInBadAllocOrAsEver) {
   std::string wide = "{";
   for (int i = 0; i < 40; ++i) wide += "\"\\u00e4 " + std::to_string(i % 20) + "\": [1, {}], ";
   struct Case {
-    std::string told;
+    std::string expected;
     std::vector<StatusCode> statuses;
     std::vector<http::testing::Piece> pieces;
   };
   for (const Case& one : std::vector<Case>{
            {"[[1,2],{\"a\":[3]}]", {200}, {"[[1, 2], ", "{\"a\": [3]}]"}},
            {"{}", {503, 422}, {"{}"}},
+           {"{\"\u00e4 0\":[1,{}],\"\u00e4 1\":", {200}, {wide, "\"z\": 0}"}},
            {"Exhausted: call failed after 2 attempts: HTTP 503", {503, 503}, {"\u00c4 " + key}},
            {"Refused: HTTP 403 | 403 | [redacted]", {403}, {key}},
            {"Refused: HTTP 404, an HTML page | 404 | <HTML>", {404}, {"<HTML>"}},
            {"BadReply: reply not JSON: '[[1, 2], {\"a\"", {200}, {"[[1, 2], {\"a\": [3]}, no"}},
            {"BadReply: reply not JSON: '{\"\\\\u00e4 0\": [1", {200}, {wide}},
            {"BadReply: reply longer than 2000 bytes", {200}, {std::string(3000, '[')}},
-           {"HttpFailure: network error: broke [redacted]", {200}, {"[", Odder("broke " + key)}},
+           {"HttpFailure: network error: broke [redacted]",
+            {200},
+            {"[", HTTPException("broke " + key)}},
            {"DeadlineExceeded: the reply was", {200}, {time.after(9, "[")}},
            {"Stopped: call was asked", {503}, {[&] { return time.stop(), "no"; }}},
        }) {
@@ -153,13 +152,13 @@ TEST(WithoutMemory, ACallEndsInBadAllocOrAsEver) {
           time.advance(-time.now()), time.stop_at(1e9);
           return post_json("http://service.test/", body, options);
         },
-        [&](const std::string& told, bool in_full) {
-          const std::string kind = one.told.substr(0, one.told.find(':'));
-          EXPECT_TRUE(told.starts_with(in_full ? one.told : kind) ||
-                      (!in_full && told.starts_with("bad_alloc")))
-              << told;
-          EXPECT_EQ(told.find(key), std::string::npos) << told;
-          for (const auto& reply : replies) EXPECT_EQ(reply->closes(), 1) << told;
+        [&](const std::string& ended, bool in_full) {
+          const std::string kind = one.expected.substr(0, one.expected.find(':'));
+          EXPECT_TRUE(ended.starts_with(in_full ? one.expected : kind) ||
+                      (!in_full && ended.starts_with("bad_alloc")))
+              << ended;
+          EXPECT_EQ(ended.find(key), std::string::npos) << ended;
+          for (const auto& reply : replies) EXPECT_EQ(reply->closes(), 1) << ended;
           replies.clear();
         });
   }
@@ -190,10 +189,10 @@ TEST(WithoutMemory, ARedirectIsFollowedAndABodyHasNoHole) {
         }
         return Json(true);
       },
-      [&](const std::string& told, bool in_full) {
-        EXPECT_TRUE(body.starts_with(read)) << told;
-        EXPECT_TRUE(read == body || (!in_full && told != "true")) << told;
-        not_followed += told.starts_with("HTTPError");
+      [&](const std::string& ended, bool in_full) {
+        EXPECT_TRUE(body.starts_with(read)) << ended;
+        EXPECT_TRUE(read == body || (!in_full && ended != "true")) << ended;
+        not_followed += ended.starts_with("HTTPError");
       });
   EXPECT_LT(not_followed, 6);  // libcurl hides a want of memory in a few places
 }

@@ -1,6 +1,6 @@
-// A whole call over a transport that the input scripts: what comes in which pieces, what fails and
-// how, when the time passes and the stop comes. However it ends, it ends in one of the ways that a
-// caller was promised, within the policy's bounds, and tells no secret.
+// A whole call over a transport that the input scripts: the pieces of the replies, the failures,
+// the passing of time and the stop. However it ends, it ends in one of the ways that a caller was
+// promised, within the policy's bounds, and reveals no secret.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <spdlog/sinks/ostream_sink.h>
 #include <spdlog/spdlog.h>
@@ -23,7 +23,7 @@
 
 #include "engines/http/http.h"
 #include "engines/http/testing.h"
-#include "engines/http/text/text.h"
+#include "engines/http/text/utf8.h"
 #include "fuzz/expect.h"
 
 namespace http = engines::http;
@@ -31,11 +31,11 @@ using fuzz::expect;
 
 namespace {
 
-// One is the start of another, and none can come of the library's own words.
+// One is the start of another, and none can arise from the library's own words.
 constexpr std::array<std::string_view, 3> SECRETS = {"~named-secret-0123456789", "~named-secret",
                                                      "~clé-ключ-密码-42"};
 
-bool tells_secret(std::string_view text) {
+bool has_secret(std::string_view text) {
   return std::ranges::any_of(
       SECRETS, [text](auto secret) { return text.find(secret) != std::string_view::npos; });
 }
@@ -101,7 +101,7 @@ class Script {
     return text;
   }
 
-  // Never, once the input has come to its end.
+  // False once the input is used up.
   bool once_in(int n) { return input_.ConsumeIntegralInRange(1, n) == n; }
 
   void pass_time() {
@@ -135,7 +135,7 @@ class Script {
     return replies_.back();
   }
 
-  /// Throws an error of the input's choice, and keeps one that must reach the caller as it is.
+  /// Throws an error of the input's choice, and remembers one that must reach the caller unchanged.
   [[noreturn]] void raise(bool closing = false) {
     const std::string text = this->text();
     const std::exception_ptr of_network[] = {
@@ -163,13 +163,14 @@ class Script {
   const http::RetryPolicy& policy_;
   int attempts_ = 0;
   std::vector<std::shared_ptr<http::testing::ScriptedReply>> replies_;
-  std::string body_;  // what the latest reply has given
+  std::string body_;  // what has been read of the latest reply
   std::exception_ptr foreign_;
 };
 
 void check(const http::HttpFailure& failure, const http::RetryPolicy& policy, int attempts) {
   using namespace http;
-  expect(!tells_secret(failure.message()) && !tells_secret(failure.detail()), "no secret leaves");
+  expect(!has_secret(failure.message()) && !has_secret(failure.detail()),
+         "no secret is in a failure");
   expect(detail::is_utf8(failure.message()) && detail::is_utf8(failure.detail()),
          "every text is UTF-8");
   expect(detail::length(failure.detail()) <= policy.detail_chars, "a quote is bounded");
@@ -241,7 +242,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     expect(script.raised(std::current_exception()), "only a foreign error passes through");
   }
   script.check_replies();
-  expect(!tells_secret(log.str()), "no secret is logged");
+  expect(!has_secret(log.str()), "no secret is logged");
   log.str("");
   return 0;
 }

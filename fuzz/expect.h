@@ -1,5 +1,5 @@
-// What a harness calls when the library breaks a promise: the fuzzer takes the trap for a crash and
-// keeps the input.
+// What each harness checks the library's promises with. A broken promise aborts, which the fuzzer
+// reports as a crash, and keeps the input.
 #pragma once
 
 #include <cstdio>

@@ -1,5 +1,5 @@
-// Texts made of secrets, whole and cut, between whatever else a stranger may send: none of them is
-// left, and nothing else is lost.
+// Texts made of secrets, whole and cut, between other text from a stranger: no secret is left, and
+// nothing else is lost.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <unicode/unistr.h>
 
@@ -21,7 +21,7 @@ namespace {
 
 constexpr std::int32_t MIN_CHARS = 8;
 
-/// Whether a secret and the mark that stands for removed ones can share characters: then a mark can
+/// Whether a secret and the mark in place of removed ones can share characters: then a mark can
 /// complete the secret.
 bool can_join_mark(const UnicodeString& secret) {
   const UnicodeString mark = UnicodeString::fromUTF8(std::string(http::REDACTED));
@@ -33,7 +33,7 @@ bool can_join_mark(const UnicodeString& secret) {
   return false;
 }
 
-/// A text without the words and marks by which an echoed credential is known.
+/// Whether a text has none of the words that mark an echoed credential.
 bool has_no_echo(UnicodeString text) {
   text.foldCase();
   return text.indexOf("authorization") < 0 && text.indexOf("bearer") < 0;

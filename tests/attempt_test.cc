@@ -13,7 +13,6 @@
 #include "engines/http/classification.h"
 #include "engines/http/reply.h"
 #include "engines/http/testing.h"
-#include "engines/http/text/text.h"
 #include "tests/support/told.h"
 
 namespace engines::http {

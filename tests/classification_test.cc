@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "engines/http/testing.h"
-#include "engines/http/text/text.h"
 #include "tests/support/told.h"
 
 // Errors of libraries that this one has never seen.

@@ -139,8 +139,8 @@ TEST(DecodeJson, TakesWhatIsJson) {
 TEST(DecodeJson, RefusesWhatIsNot) {
   using namespace std::literals;
   std::istringstream words(R"(nul nulll True nan +Infinity -NaN Inf - + +1 01 -01 .5 1. 1.e1 1e 1e+
-      0x1 1_0 1,2 [ ] [1 [1, [1,] [,1] [1} { {"a" {"a": {"a":1 {"a":1, {"a":1,} {a:1} {1:1} {"a",1}
-      {"a":1] {,} {"a"} 'a' " "a "\ "\" "\a" "\u12" "\u12g4" "\u-123" "\u+123" "\ud800\u" "\ud800\
+      0x1 1_0 -.5 -00 00.5 1.5. 1.5e 1.5e+ 1e5.5 inf -inf nan -nan infinity
+      1,2 [ ] [1 [1, [1,] [,1] [1} { {"a" {"a": {"a":1 {"a":1, {"a":1,} {a:1} {1:1} {"a",1} {"a":1] {,} {"a"} 'a' " "a "\ "\" "\a" "\u12" "\u12g4" "\u-123" "\u+123" "\ud800\u" "\ud800\
       1//x)");
   for (std::string word; words >> word;) EXPECT_EQ(decoded(word), "refused") << word;
   const std::string_view cases[] = {""sv,      "\0"sv,       "1\0"sv,      "[1]\0x"sv,

@@ -11,7 +11,7 @@
 
 #include "engines/http/http.h"
 #include "engines/http/testing.h"
-#include "engines/http/text/text.h"
+#include "engines/http/text/utf8.h"
 #include "tests/support/fault_server.h"
 
 namespace engines::http {

@@ -4,7 +4,7 @@
 #include <ostream>
 #include <sstream>
 
-#include "engines/http/text/text.h"
+#include "engines/http/text/utf8.h"
 
 namespace engines::http {
 namespace {

@@ -3,7 +3,9 @@
 #include <algorithm>
 
 #include "engines/http/closing.h"
-#include "engines/http/text/text.h"
+#include "engines/http/text/case.h"
+#include "engines/http/text/utf8.h"
+#include "engines/http/text/white_space.h"
 #include "engines/http/text/type_name.h"
 
 namespace engines::http {

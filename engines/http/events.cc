@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "engines/http/reply.h"
-#include "engines/http/text/text.h"
+#include "engines/http/text/utf8.h"
 
 namespace engines::http {
 

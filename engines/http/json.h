@@ -1,5 +1,5 @@
-// JSON as the library reads and writes it (RFC 8259), with the numbers that it lacks: NaN, Infinity
-// and -Infinity. What C++ values become which JSON is said in body.h.
+// JSON as the library reads and writes it: RFC 8259, and the numbers NaN, Infinity and -Infinity.
+// The JSON form of each C++ type is described in body.h.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -23,14 +23,8 @@ namespace engines::http {
 /// - An escaped surrogate without its other half is U+FFFD.
 /// - More than 1,000 nested arrays and objects are not JSON.
 ///
-/// Takes memory in proportion to the text and, but for a factor of log n for the n members of an
-/// object, time as well, whatever the text; a constant amount of stack.
+/// For any text, the memory used is proportional to its size, and so is the time, but for a factor
+/// of log n where an object has n members. The amount of stack is constant.
 std::optional<Json> decode_json(std::string_view text);
 
-namespace detail {
-
-/// The same for a text that is known to be well-formed UTF-8.
-std::optional<Json> decode_utf8_json(std::string_view text);
-
-}  // namespace detail
 }  // namespace engines::http

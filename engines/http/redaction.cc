@@ -8,7 +8,9 @@
 #include <cstring>
 #include <new>
 
-#include "engines/http/text/text.h"
+#include "engines/http/text/case.h"
+#include "engines/http/text/utf8.h"
+#include "engines/http/text/white_space.h"
 
 namespace engines::http {
 namespace {

@@ -4,7 +4,9 @@
 #include <charconv>
 #include <utility>
 
-#include "engines/http/text/text.h"
+#include "engines/http/json/decoder.h"
+#include "engines/http/text/literal.h"
+#include "engines/http/text/utf8.h"
 
 namespace engines::http {
 namespace {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <stdexcept>
 
-#include "engines/http/text/text.h"
+#include "engines/http/text/case.h"
 
 namespace engines::http {
 namespace {

@@ -10,7 +10,7 @@
 
 #include "engines/http/detail/curl_failure.h"
 #include "engines/http/failure.h"
-#include "engines/http/text/text.h"
+#include "engines/http/text/case.h"
 
 namespace engines::http::detail {
 namespace {

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <system_error>
 
-#include "engines/http/text/text.h"
+#include "engines/http/text/case.h"
 
 namespace engines::http::detail {
 namespace {

@@ -4,7 +4,7 @@
 #include <array>
 #include <stdexcept>
 
-#include "engines/http/text/text.h"
+#include "engines/http/text/case.h"
 
 namespace engines::http::detail {
 namespace {

@@ -1,13 +1,15 @@
 #include "engines/http/json/encoder.h"
 
-#include <bit>
+#include <fmt/compile.h>
+
+#include <charconv>
 #include <cmath>
 #include <stdexcept>
 #include <utility>
 
-#include "engines/http/json/decimal.h"
-#include "engines/http/text/scan.h"
-#include "engines/http/text/text.h"
+#include "engines/http/json/syntax.h"
+#include "engines/http/text/ascii.h"
+#include "engines/http/text/utf8.h"
 
 namespace engines::http::detail {
 namespace {
@@ -15,12 +17,12 @@ namespace {
 constexpr auto NUMBERED_ESCAPES = []() {
   std::array<std::array<char, 6>, 0x20> escapes{};
   for (std::size_t c = 0; c < escapes.size(); ++c) {
-    escapes[c] = {'\\', 'u', '0', '0', static_cast<char>('0' + c / 16), "0123456789abcdef"[c % 16]};
+    escapes[c] = {'\\', 'u', '0', '0', HEX_DIGITS[c / 16], HEX_DIGITS[c % 16]};
   }
   return escapes;
 }();
 
-/// What stands in a string for a character that `skip_plain` does not skip.
+/// What stands in a string for a character that is not plain.
 std::string_view escape_of(char c) noexcept {
   switch (c) {
     case '"':
@@ -43,39 +45,32 @@ std::string_view escape_of(char c) noexcept {
   }
 }
 
-unsigned char byte(const char* at) noexcept { return static_cast<unsigned char>(*at); }
+/// Whether fmt writes a finite number without an exponent and without a point.
+bool is_written_as_integer(double value) noexcept {
+  constexpr double FIRST_WITH_EXPONENT = 1e16;
+  return std::fabs(value) < FIRST_WITH_EXPONENT &&
+         value == static_cast<double>(static_cast<std::int64_t>(value));
+}
 
 }  // namespace
 
-const char* skip_plain(const char* begin, const char* end) noexcept {
-  for (; end - begin >= std::ptrdiff_t{Block::SIZE}; begin += Block::SIZE) {
-    if (const unsigned found = Block(begin).not_plain()) return begin + std::countr_zero(found);
-  }
-  while (begin != end && *begin != '"' && *begin != '\\' && byte(begin) >= 0x20) ++begin;
-  return begin;
+template <class Integer>
+void JsonWriter::append_integer(Integer value) {
+  char* const to = room(MAX_NUMBER);
+  staged_ += static_cast<std::size_t>(std::to_chars(to, to + MAX_NUMBER, value).ptr - to);
 }
 
-void JsonWriter::integer(std::int64_t value) {
-  if (value >= 0) return natural(static_cast<std::uint64_t>(value));
-  append("-");
-  natural(~static_cast<std::uint64_t>(value) + 1);
-}
+void JsonWriter::integer(std::int64_t value) { append_integer(value); }
 
-void JsonWriter::natural(std::uint64_t value) {
-  char* const to = room(MAX_DECIMAL);
-  staged_ += static_cast<std::size_t>(write_natural(value, to) - to);
-}
+void JsonWriter::natural(std::uint64_t value) { append_integer(value); }
 
 void JsonWriter::number(double value) {
-  if (std::isnan(value)) return append("NaN");
-  char* const begin = room(1 + MAX_DECIMAL);
-  *begin = '-';
-  char* const to = begin + std::signbit(value);
-  value = std::fabs(value);
-  const bool is_plain = value != 0 && !std::isinf(value);
-  const char* const end = is_plain ? write_decimal(value, to) : to;
-  staged_ += static_cast<std::size_t>(end - begin);
-  if (!is_plain) append(value == 0 ? "0.0" : "Infinity");
+  if (!std::isfinite(value)) {
+    return append(std::isnan(value) ? "NaN" : value < 0 ? "-Infinity" : "Infinity");
+  }
+  char* const to = room(MAX_NUMBER);
+  staged_ += static_cast<std::size_t>(fmt::format_to(to, FMT_COMPILE("{}"), value) - to);
+  if (is_written_as_integer(value)) append(".0");
 }
 
 void JsonWriter::text(std::string_view value) {

@@ -1,5 +1,5 @@
-// Writes one JSON text (RFC 8259) piece by piece: the layout of every value is here, which C++ type
-// becomes which value is in body.h.
+// Writes one JSON text (RFC 8259) piece by piece: how each JSON value is laid out. The JSON form of
+// each C++ type is described in body.h.
 #pragma once
 
 #include <array>
@@ -9,14 +9,6 @@
 #include <string_view>
 
 namespace engines::http::detail {
-
-/// How deeply arrays and objects may be nested, in what is written and in what is read. It bounds
-/// the stack of whoever walks a value, and ends the walk through a value that contains itself.
-inline constexpr int MAX_JSON_DEPTH = 1000;
-
-/// The first character, from `begin` on, that does not stand for itself in a JSON string: a
-/// quotation mark, a backslash or a control character below U+0020; `end` when there is none.
-const char* skip_plain(const char* begin, const char* end) noexcept;
 
 /// The caller keeps the order: `item` before each item of an array, `name` and then one value for
 /// each member of an object.
@@ -38,7 +30,7 @@ class JsonWriter {
   /// Throws `std::invalid_argument` for text that is not valid UTF-8.
   void text(std::string_view value);
 
-  /// Throws `std::invalid_argument` beyond `MAX_JSON_DEPTH`.
+  /// Throws `std::invalid_argument` beyond 1,000 levels.
   void open(char bracket);
   void close(char bracket) {
     --depth_;
@@ -46,8 +38,8 @@ class JsonWriter {
     *room(1) = bracket;
     ++staged_;
   }
-  /// One step through a pointer or the like to a value, while it lives. So many steps as there may
-  /// be levels of nesting: a value can contain itself through such steps alone.
+  /// While it lives, one step through a pointer or the like to a value. There may be 1,000 such
+  /// steps within each other: a value can contain itself through them alone.
   class Link {
    public:
     explicit Link(JsonWriter& out) : out_(out) { check_depth(++out_.links_); }
@@ -75,8 +67,7 @@ class JsonWriter {
     append(": ");
   }
 
-  /// So many numbers come next. A long row of them is written where it stays: growing under it
-  /// would touch twice the memory.
+  /// Announces a row of so many numbers, for which room is made at once when it is long.
   void expect_numbers(std::size_t count) {
     if (count > STAGE) out_.reserve(out_.size() + 20 * count);
   }
@@ -85,6 +76,9 @@ class JsonWriter {
 
  private:
   static constexpr std::size_t STAGE = 2048;
+  static constexpr std::size_t MAX_NUMBER = 32;  // the longest is -2.2250738585072014e-308
+
+  static void check_depth(int depth);
 
   /// Where the next characters go: at least `size` fit, which is far less than the stage.
   char* room(std::size_t size) {
@@ -96,17 +90,16 @@ class JsonWriter {
     staged_ += piece.copy(room(piece.size()), piece.size());
   }
   void append_long(std::string_view piece);
+  template <class Integer>
+  void append_integer(Integer value);
   void flush();
 
   std::string out_;
-  std::array<char, STAGE>
-      stage_;  // not initialised: what comes after out_: short pieces are cheap to add here
-  std::size_t staged_ = 0;
-  static void check_depth(int depth);
-
+  std::size_t staged_ = 0;  // characters in `stage_`
   int depth_ = 0;
   int links_ = 0;
-  bool first_ = true;  // of the innermost open array or object
+  bool first_ = true;              // of the innermost open array or object
+  std::array<char, STAGE> stage_;  // the text after `out_`: a short piece is cheap to add here
 };
 
 }  // namespace engines::http::detail

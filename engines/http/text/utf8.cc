@@ -1,0 +1,83 @@
+#include "engines/http/text/utf8.h"
+
+#include <unicode/utf8.h>
+
+#include <cstring>
+
+namespace engines::http::detail {
+namespace {
+
+/// The position of the first byte outside ASCII from `position` on, or the text's size.
+std::size_t skip_ascii(std::string_view text, std::size_t position) noexcept {
+  constexpr std::uint64_t NOT_ASCII = 0x8080808080808080;
+  for (std::uint64_t eight; text.size() - position >= sizeof eight; position += sizeof eight) {
+    std::memcpy(&eight, text.data() + position, sizeof eight);
+    if ((eight & NOT_ASCII) != 0) break;
+  }
+  while (position < text.size() && U8_IS_SINGLE(text[position])) ++position;
+  return position;
+}
+
+/// The position of the first ill-formed subsequence, or the text's size.
+std::size_t first_ill_formed(std::string_view text) noexcept {
+  for (std::size_t position = 0;;) {
+    std::size_t start = position = skip_ascii(text, position);
+    do {  // a run of characters outside ASCII
+      if (start == text.size() || next_char(text, position) < 0) return start;
+      start = position;
+    } while (position < text.size() && !U8_IS_SINGLE(text[position]));
+  }
+}
+
+}  // namespace
+
+bool is_utf8(std::string_view text) noexcept { return first_ill_formed(text) == text.size(); }
+
+std::string decode_utf8(std::string text) {
+  std::size_t position = first_ill_formed(text);
+  if (position == text.size()) return text;
+  const std::string_view bytes = text;
+  std::string decoded(bytes.substr(0, position));
+  while (position < bytes.size()) {
+    const std::size_t start = position;
+    if (next_char(bytes, position) < 0) {
+      append_utf8(decoded, REPLACEMENT);
+    } else {
+      decoded += bytes.substr(start, position - start);
+    }
+  }
+  return decoded;
+}
+
+void append_utf8(std::string& out, char32_t code_point) {
+  if (code_point > 0x10FFFF || U_IS_SURROGATE(code_point)) code_point = REPLACEMENT;
+  char bytes[U8_MAX_LENGTH];
+  std::size_t size = 0;
+  U8_APPEND_UNSAFE(bytes, size, code_point);
+  out.append(bytes, size);
+}
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wconversion"  // ICU's macro narrows
+
+std::int32_t next_char(std::string_view text, std::size_t& position) noexcept {
+  UChar32 c = 0;
+  U8_NEXT(text.data(), position, text.size(), c);
+  return c;
+}
+
+#pragma GCC diagnostic pop
+
+std::size_t length(std::string_view text) noexcept {
+  std::size_t count = 0;
+  for (std::size_t position = 0; position < text.size(); ++count) next_char(text, position);
+  return count;
+}
+
+std::string_view first_chars(std::string_view text, std::size_t count) noexcept {
+  std::size_t position = 0;
+  for (; count > 0 && position < text.size(); --count) next_char(text, position);
+  return text.substr(0, position);
+}
+
+}  // namespace engines::http::detail
