@@ -244,53 +244,12 @@ TEST_P(EveryFault, HasItsKindItsTextAndOneRequest) {
   for (const Fault& fault : faults()) expect(fault, transport, tls);
 }
 
-std::string frame(char type, char flags, char stream, const std::string& payload = {}) {
-  return std::string({0, 0, static_cast<char>(payload.size()), type, flags, 0, 0, 0, stream}) +
-         payload;
-}
-
-TEST(Http2, EveryFaultHasItsKindItsTextAndOneRequest) {
-  const std::string settings = frame(4, 0, 0), data = frame(0, 0, 1, "abc");
-  const std::string ok = settings + frame(1, 4, 1, "\x88"), end = frame(0, 1, 1, "hi");
-  const auto reset = [](char code) { return frame(3, 0, 1, {0, 0, 0, code}); };
-  const std::string goaway = frame(7, 0, 0, {0, 0, 0, 0, 0, 0, 0, 2});
-  const Play closes = [](Peer& peer) { peer.sleep(50), peer.say_goodbye(); };
-  const std::string pings = times(60, frame(6, 0, 0, "12345678"));
-  const std::string priorities = times(2000, frame(2, 0, 1, {0, 0, 0, 0, 1}));
-  for (const Fault& fault : std::vector<Fault>{
-           {"well", answer(ok + end, stalls), "200 hi", ""},
-           {"404", answer(settings + frame(1, 4, 1, "\x8d") + end, stalls), "404! hi", "404"},
-           {"closed", answer(settings, closes), "DroppedConnection", "dropped before a reply"},
-           {"reset", answer(settings + reset(2), stalls), "HTTPException", "INTERNAL_ERROR"},
-           {"refused", answer(settings + reset(7), stalls), "DroppedConnection", "twice"},
-           {"goaway", answer(settings + goaway, stalls), "HTTPException", "framing"},
-           {"no frames", answer(times(99, "x"), stalls), "DroppedConnection", "dropped"},
-           {"silent", answer(settings, stalls), "TimeoutError", "waiting for the headers"},
-           {"pings", answer(settings, drips(pings, 1)), "TimeoutError", "waiting for the headers"},
-           {"pings in body", answer(ok, drips(pings, 1)), "TimeoutError", "reading the body"},
-           {"flood", answer(settings, floods(priorities)), "TimeoutError", "after 0.5 s"},
-           {"flood in body", answer(ok, floods(priorities)), "TimeoutError", "reading the body"},
-           {"cut", answer(ok + data, closes), "abc, IncompleteRead", "closed cleanly"},
-       }) {
-    expect(fault, PooledTransport(), true, "h2");
-  }
-}
-
-TEST(Http2, AClosedWindowIsWaitedForInPeace) {
-  FaultServer server(answer(frame(4, 0, 0), stalls), identity(true), "h2");
-  int asks = 0;
-  const PooledTransport counts({.should_stop = [&] { return ++asks < 0; }});
-  const Request upload(server.url(), {.data = std::string(200'000, 'x'), .method = "POST"});
-  EXPECT_EQ(outcome_of(counts, upload).told, "URLError(TimeoutError)");
-  EXPECT_LT(asks, 100);
-}
-
 TEST(Tls, KeysThatAreRenewedWithoutEndHoldNoCall) {
   const Play renews = answer("", [](Peer& peer) {
     while (peer.renew_key()) {
     }
   });
-  const PooledTransport direct({.http_version = HttpVersion::http1_1});
+  const PooledTransport direct;
   expect({"direct", renews, "TimeoutError", "waiting for the headers"}, direct, true);
   FaultServer proxy(renews, identity(true));
   const PooledTransport tunnels({.proxy = proxy.url()});
@@ -657,7 +616,11 @@ TEST(Pool, NeverSendsARequestTwice) {
 
 TEST(Pool, AStopSignalEndsEveryWait) {
   double stop_at = 0;
-  const PooledTransport pool({.should_stop = [&] { return monotonic() >= stop_at; }});
+  const Transport inner = PooledTransport();
+  const Transport pool = [&](const Request& request, TransportOptions options) {
+    options.should_stop = [&] { return monotonic() >= stop_at; };
+    return inner(request, options);
+  };
   for (const auto& play :
        {Play(stalls), answer(OK, stalls), answer(OK + "Content-Length: 9\r\n\r\nhi", stalls)}) {
     for (const bool tls : {false, true}) {  // the first play stalls the handshake
@@ -716,12 +679,11 @@ TEST(RealPeers, NginxOverHttpTlsAndHttp2) {
   const test::Identity identity = authority().issue("localhost");
   const test::RealPeer nginx("nginx", identity.certificate + " " + identity.key);
   const std::string upload(3'000'000, 'u');
-  for (const auto version : {HttpVersion::http1_1, HttpVersion::http2}) {
-    const PooledTransport pool({.http_version = version});
+  {
+    const PooledTransport pool;
     for (const bool tls : {false, true}) {
       const auto at = [&](const char* path) { return tls ? nginx.tls_url(path) : nginx.url(path); };
-      const bool http2 = tls && version == HttpVersion::http2;
-      const std::string hello = "200 hello HTTP/" + std::string(http2 ? "2.0 " : "1.1 ");
+      const std::string hello = "200 hello HTTP/1.1 ";
       std::set<std::string> connections;
       for (int i = 0; i < 120; ++i) {  // more than a connection of this server serves
         const std::string told = outcome_of(pool, Request(at("/hello")), 5).told;

@@ -1,17 +1,20 @@
-#include "engines/http/detail/hop.h"
+#include "engines/http/net/redirect.h"
 
 #include <algorithm>
-#include <array>
+#include <span>
 #include <stdexcept>
 
 #include "engines/http/text/text.h"
 
-namespace engines::http::detail {
+namespace engines::http::net {
 namespace {
 
-constexpr std::array CREDENTIALS = {"authorization", "proxy-authorization", "x-api-key", "cookie"};
-constexpr std::array CONTENT = {"content-type", "content-length", "content-encoding",
-                                "content-language", "content-location"};
+/// What another origin may know of a request. A list of credentials would never be complete.
+constexpr std::string_view HARMLESS[] = {"accept", "accept-language", "content-type",
+                                         "content-language", "user-agent"};
+/// What describes a body.
+constexpr std::string_view CONTENT[] = {"content-type", "content-length", "content-encoding",
+                                        "content-language", "content-location"};
 
 bool is_token(std::string_view text) {  // RFC 9110, section 5.6.2
   return !text.empty() && std::ranges::all_of(text, [](char c) {
@@ -22,16 +25,18 @@ bool is_token(std::string_view text) {  // RFC 9110, section 5.6.2
 
 [[noreturn]] void refuse(const std::string& why) { throw std::invalid_argument(why); }
 
-template <std::size_t n>
-Headers without(const Headers& headers, const std::array<const char*, n>& names) {
-  Headers kept;
+bool is_any_of(std::string_view name, std::span<const std::string_view> names) {
+  return std::ranges::any_of(
+      names, [name](std::string_view other) { return detail::equal_ignoring_case(name, other); });
+}
+
+template <class Keep>
+Headers kept(const Headers& headers, Keep keep) {
+  Headers left;
   for (const auto& [name, value] : headers) {
-    const auto is_it = [&name = name](const char* other) {
-      return equal_ignoring_case(name, other);
-    };
-    if (std::ranges::none_of(names, is_it)) kept.add(name, value);
+    if (keep(name)) left.add(name, value);
   }
-  return kept;
+  return left;
 }
 
 /// Whether a `Host` value names the origin that the request goes to.
@@ -47,22 +52,25 @@ bool names_origin(const std::string& host, const Origin& origin) {
 }
 
 void check_header(const std::string& name, const std::string& value, const Hop& hop) {
-  if (!is_token(name))
+  if (!is_token(name)) {
     refuse("a header name of the request is empty or holds a forbidden character");
+  }
   if (std::ranges::any_of(value, is_forbidden_in_value)) {
     refuse("the request's header " + name + " holds a control character in its value");
   }
-  if (equal_ignoring_case(name, "content-length") &&
+  if (detail::equal_ignoring_case(name, "content-length") &&
       value != std::to_string(hop.body.value_or("").size())) {
     refuse("the request's header Content-Length contradicts its body");
   }
-  if (equal_ignoring_case(name, "transfer-encoding")) {
+  if (detail::equal_ignoring_case(name, "transfer-encoding")) {
     refuse("the request's header Transfer-Encoding contradicts its body, which is sent as it is");
   }
-  if (equal_ignoring_case(name, "host") && !names_origin(value, hop.url->origin)) {
+  if (detail::equal_ignoring_case(name, "host") && !names_origin(value, hop.url->origin)) {
     refuse("the request's header Host contradicts its URL");
   }
-  if (equal_ignoring_case(name, "expect")) refuse("the request's header Expect cannot be sent");
+  if (detail::equal_ignoring_case(name, "expect")) {
+    refuse("the request's header Expect cannot be sent");
+  }
 }
 
 }  // namespace
@@ -71,8 +79,8 @@ bool is_forbidden_in_value(char c) noexcept {
   return (static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == '\x7f';
 }
 
-Hop first_hop(const Request& request, std::shared_ptr<const Url> url) {
-  Hop hop{.url = std::move(url),
+Hop first_hop(const Request& request) {
+  Hop hop{.url = parse_url(request.url),
           .credentials = {},
           .method = request.method,
           .headers = {std::shared_ptr<void>(), &request.headers},
@@ -90,25 +98,21 @@ std::optional<Hop> next_hop(const Hop& hop, StatusCode status,
   if (!repeats && status != 301 && status != 302 && status != 303) return std::nullopt;
   auto url = resolve(*hop.url, location.value_or(""));
   if (!url) return std::nullopt;
-  Hop next{.url = std::move(url),
-           .credentials = {},
-           .method = hop.method,
-           .headers = {},
-           .body = hop.body};
+  Hop next = hop;
+  next.url = std::move(url);
   Headers headers = *hop.headers;
   const bool keeps_method = hop.method == "GET" || hop.method == "HEAD";
   if (!repeats && !keeps_method && (status == 303 || hop.method == "POST")) {
     next.method = "GET";
     next.body.reset();
-    headers = without(headers, CONTENT);
+    headers = kept(headers, [](std::string_view name) { return !is_any_of(name, CONTENT); });
   }
-  if (next.url->origin == hop.url->origin) {
-    next.credentials = hop.credentials;
-  } else {
-    headers = without(without(headers, CREDENTIALS), std::array{"host"});
+  if (next.url->origin != hop.url->origin) {
+    next.credentials.reset();
+    headers = kept(headers, [](std::string_view name) { return is_any_of(name, HARMLESS); });
   }
   next.headers = std::make_shared<const Headers>(std::move(headers));
   return next;
 }
 
-}  // namespace engines::http::detail
+}  // namespace engines::http::net

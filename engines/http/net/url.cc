@@ -1,14 +1,21 @@
-#include "engines/http/detail/url.h"
+#include "engines/http/net/url.h"
+
+#include <curl/curl.h>
 
 #include <algorithm>
 #include <new>
+#include <span>
 #include <stdexcept>
 #include <utility>
 
-namespace engines::http::detail {
+namespace engines::http::net {
 namespace {
 
 using Handle = std::unique_ptr<CURLU, decltype(&curl_url_cleanup)>;
+
+constexpr std::string_view REQUEST_SCHEMES[] = {"http", "https"};
+constexpr std::string_view PROXY_SCHEMES[] = {"http",    "https",  "socks4",
+                                              "socks4a", "socks5", "socks5h"};
 
 Handle new_handle() {
   Handle handle(curl_url(), curl_url_cleanup);
@@ -25,8 +32,8 @@ std::optional<std::string> part_of(const Handle& handle, CURLUPart part, unsigne
   return std::string(found);
 }
 
-[[noreturn]] void refuse(const char* why) {
-  throw std::invalid_argument(std::string("the request's URL ") + why);
+[[noreturn]] void refuse(std::string_view why) {
+  throw std::invalid_argument("the URL " + std::string(why));
 }
 
 std::string decoded(const Handle& handle, CURLUPart part) {
@@ -39,9 +46,16 @@ bool is_control(unsigned char byte) { return byte < 0x20 || byte == 0x7f; }
 
 char lower_ascii(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
+std::string lower(std::string_view text) {
+  std::string lowered(text);
+  std::ranges::transform(lowered, lowered.begin(), lower_ascii);
+  return lowered;
+}
+
 void set_url(const Handle& handle, const std::string& text) {
-  // Only the schemes that may be followed or sent are looked at here; dots stay as they are.
-  switch (curl_url_set(handle.get(), CURLUPART_URL, text.c_str(), CURLU_PATH_AS_IS)) {
+  // Which schemes are taken is checked by `parse`; dots stay as they are.
+  constexpr unsigned FLAGS = CURLU_PATH_AS_IS | CURLU_NON_SUPPORT_SCHEME;
+  switch (curl_url_set(handle.get(), CURLUPART_URL, text.c_str(), FLAGS)) {
     case CURLUE_OK:
       return;
     case CURLUE_OUT_OF_MEMORY:
@@ -50,9 +64,6 @@ void set_url(const Handle& handle, const std::string& text) {
       refuse("has a port that is no number from 1 to 65535");
     case CURLUE_NO_HOST:
       refuse("has no host");
-    case CURLUE_UNSUPPORTED_SCHEME:
-    case CURLUE_BAD_SCHEME:
-      refuse("has a scheme other than http and https");
     case CURLUE_BAD_HOSTNAME:
     case CURLUE_BAD_IPV6:
       refuse("has a host that is no host name and no address");
@@ -61,49 +72,69 @@ void set_url(const Handle& handle, const std::string& text) {
   }
 }
 
-}  // namespace
-
-std::shared_ptr<const Url> parse_url(std::string_view text) {
+void check_characters(std::string_view text) {
   for (const char c : text) {
     const auto byte = static_cast<unsigned char>(c);
     if (byte == ' ' || is_control(byte)) refuse("holds a space or a control character");
     if (byte >= 0x80) refuse("holds a character outside ASCII: it must be percent-encoded");
   }
-  const std::size_t scheme_end = text.find("://");
-  if (scheme_end == std::string_view::npos || scheme_end == 0) refuse("has no scheme");
-  const auto parsed = std::make_shared<Url>();
-  Url& url = *parsed;
-  url.given = text;
-  std::ranges::transform(text.substr(0, scheme_end), std::back_inserter(url.origin.scheme),
-                         lower_ascii);
-  if (url.origin.scheme != "http" && url.origin.scheme != "https") {
-    refuse("has a scheme other than http and https");
+}
+
+std::string scheme_of(std::string_view text, std::span<const std::string_view> schemes) {
+  const std::size_t end = text.find("://");
+  if (end == std::string_view::npos || end == 0) refuse("has no scheme");
+  std::string scheme = lower(text.substr(0, end));
+  if (std::ranges::find(schemes, scheme) == schemes.end()) {
+    refuse("has a scheme other than " + std::string(schemes[0]) + " and " +
+           std::string(schemes[1]) + (schemes.size() > 2 ? " and those of SOCKS" : ""));
   }
-  const std::size_t authority = scheme_end + 3;
+  return scheme;
+}
+
+Url parse(std::string_view text, std::span<const std::string_view> schemes) {
+  check_characters(text);
+  Url url;
+  Origin& origin = url.origin;
+  origin.scheme = scheme_of(text, schemes);
+  const std::size_t authority = origin.scheme.size() + 3;
   const std::size_t authority_end = std::min(text.find_first_of("/?#", authority), text.size());
   if (authority == authority_end) refuse("has no host");
-  const std::size_t at = text.substr(0, authority_end).rfind('@');
-  const bool has_userinfo = at != std::string_view::npos && at >= authority;
+  url.target = text.substr(authority_end, text.find('#', authority_end) - authority_end);
+  if (!url.target.starts_with('/')) url.target.insert(0, 1, '/');
 
-  Handle handle = new_handle();
+  const Handle handle = new_handle();
   url.text = text;
   set_url(handle, url.text);
-  if (has_userinfo) {
+  const std::size_t at = text.substr(0, authority_end).rfind('@');
+  if (at != std::string_view::npos && at >= authority) {
     if (at > authority) {
       url.credentials =
           Credentials{decoded(handle, CURLUPART_USER), decoded(handle, CURLUPART_PASSWORD)};
     }
     url.text.erase(authority, at + 1 - authority);
-    set_url(handle, url.text);
+    set_url(handle, url.text);  // what is connected to is what was looked at here
   }
-  url.origin.host = part_of(handle, CURLUPART_HOST).value_or("");
-  if (url.origin.host.empty()) refuse("has no host");
-  std::ranges::transform(url.origin.host, url.origin.host.begin(), lower_ascii);
-  url.origin.zone = part_of(handle, CURLUPART_ZONEID).value_or("");
-  url.origin.port = part_of(handle, CURLUPART_PORT, CURLU_DEFAULT_PORT).value_or("");
-  if (url.origin.port == "0") refuse("has a port that is no number from 1 to 65535");
-  url.parsed = std::move(handle);
-  return parsed;
+  origin.host = lower(part_of(handle, CURLUPART_HOST).value_or(""));
+  if (origin.host.empty()) refuse("has no host");
+  origin.zone = part_of(handle, CURLUPART_ZONEID).value_or("");
+  origin.port = part_of(handle, CURLUPART_PORT).value_or("");
+  if (origin.port == "0") refuse("has a port that is no number from 1 to 65535");
+  return url;
+}
+
+}  // namespace
+
+std::shared_ptr<const Url> parse_url(std::string_view text) {
+  const auto url = std::make_shared<Url>(parse(text, REQUEST_SCHEMES));
+  if (url->origin.port.empty()) url->origin.port = url->origin.scheme == "https" ? "443" : "80";
+  return url;
+}
+
+Url parse_proxy_url(std::string_view text) {
+  const bool has_scheme = text.find("://") != std::string_view::npos;
+  Url url = parse((has_scheme ? "" : "http://") + std::string(text), PROXY_SCHEMES);
+  if (url.origin.port.empty()) url.origin.port = url.origin.scheme == "https" ? "443" : "1080";
+  return url;
 }
 
 std::shared_ptr<const Url> resolve(const Url& base, std::string_view location) {
@@ -134,4 +165,4 @@ std::shared_ptr<const Url> resolve(const Url& base, std::string_view location) {
   }
 }
 
-}  // namespace engines::http::detail
+}  // namespace engines::http::net
