@@ -221,18 +221,31 @@ bool Exchange::receive_head() {
   }
 }
 
+/// The next part of a head that is parsed at once, so that no outcome depends on how it arrives:
+/// the status line, then all fields. Empty while it is not whole.
+std::string_view Exchange::next_part_of_head() {
+  const std::string_view bytes = input_.bytes();
+  const bool has_status = parser_->status != 0;
+  const std::string_view end_mark = has_status ? "\r\n\r\n" : "\n";
+  if (has_status && bytes.starts_with("\r\n")) return bytes.substr(0, 2);  // no fields
+  const std::size_t found = bytes.find(end_mark, searched_);
+  searched_ =
+      found == std::string_view::npos ? bytes.size() - std::min<std::size_t>(bytes.size(), 3) : 0;
+  return found == std::string_view::npos ? "" : bytes.substr(0, found + end_mark.size());
+}
+
 /// Parses what has been received of the final head and the interim ones before it (RFC 9110,
 /// section 15.2); whether the final head is whole.
 bool Exchange::parse_head() {
-  while (!input_.bytes().empty()) {
+  for (;;) {
     if (!parser_) parser_ = std::make_unique<Parser>(options_.max_headers, is_head_request_);
-    const std::size_t used = parser_->take(input_.bytes());
-    input_.consume(used);
-    head_bytes_ += used;
-    if (!parser_->is_header_done()) return false;
-    if (take_head()) return true;
+    const std::string_view part = next_part_of_head();
+    if (part.empty()) return false;
+    head_bytes_ += part.size();
+    parser_->take(part);
+    input_.consume(part.size());
+    if (parser_->is_header_done() && take_head()) return true;
   }
-  return false;
 }
 
 /// Takes a head that is whole; whether it is the final one.
@@ -273,8 +286,7 @@ bool Exchange::take_head() {
 
 void Exchange::fail_without_head(Io state) const {
   const StreamError error = stream_.error();
-  const std::string_view bytes = input_.bytes();
-  const bool has_begun = parser_ && (parser_->status != 0 || !bytes.empty());
+  const bool has_begun = parser_ && (parser_->status != 0 || !input_.bytes().empty());
   if (!is_sent_ && !has_begun) {
     constexpr std::string_view SITUATION = "the connection broke while the request was sent";
     if (error.os_error != 0) throw_unsent(SITUATION, error);

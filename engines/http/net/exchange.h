@@ -70,6 +70,7 @@ class Exchange {
   void send(std::string_view bytes);
   void await_head();
   bool receive_head();
+  std::string_view next_part_of_head();
   bool parse_head();
   bool take_head();
   [[noreturn]] void fail_without_head(Io state) const;
@@ -89,6 +90,7 @@ class Exchange {
   bool is_head_request_ = false;
   bool is_sent_ = false;        // the request, whole
   std::size_t head_bytes_ = 0;  // of the heads so far, interim ones included
+  std::size_t searched_ = 0;    // of the input, for the end of a part of a head
   bool has_final_head_ = false;
   StatusCode status_ = 0;
   Headers headers_;
