@@ -274,7 +274,7 @@ TEST(Exchange, AStopAndTheEndOfTheCallsTimeEndEveryWait) {
     ScriptedStream first(bytes, Then::stalls, 3), second(bytes, Then::stalls, 3);
     int asks = 0;
     const std::string stopped = played(first, {3, 9, true}, false,
-                                       {.timeout = 9, .should_stop = [&] { return ++asks > 40; }});
+                                       {.timeout = 9, .should_stop = [&] { return ++asks > 8; }});
     EXPECT_TRUE(stopped.starts_with("Stopped: the transport was asked to stop while")) << stopped;
     const std::string late = played(second, {3, 9, true}, false, {.timeout = 9, .time_left = 0.02});
     EXPECT_TRUE(late.starts_with("TimeoutError: timed out after all the time that was left"));
