@@ -2,58 +2,18 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <chrono>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "engines/http/failure.h"
+#include "tests/support/scripted_stream.h"
 #include "tests/support/told.h"
 
 namespace engines::http::net {
 namespace {
 
-/// How the peer goes on after its bytes.
-enum class Then { ends, cuts, resets, stalls };
-
-/// A peer whose bytes come in pieces of a given size, each after a wait.
-class ScriptedStream final : public Stream {
- public:
-  ScriptedStream(std::string bytes, Then then, std::size_t piece)
-      : bytes_(std::move(bytes)), then_(then), piece_(piece) {}
-
-  IoResult send(std::string_view bytes) override {
-    if (sent.size() >= takes) return {Io::blocked};
-    sent += bytes;
-    return {Io::moved, bytes.size()};
-  }
-  IoResult receive(char* to, std::size_t room) override {
-    if (received_ < arrived_) {
-      const std::size_t size = bytes_.copy(to, std::min(room, arrived_ - received_), received_);
-      received_ += size;
-      return {Io::moved, size};
-    }
-    if (arrived_ < bytes_.size() || then_ == Then::stalls) return {Io::blocked};
-    return {then_ == Then::resets ? Io::broken : Io::ended};
-  }
-  void wait(bool, Duration at_most) override {
-    if (arrived_ == bytes_.size()) std::this_thread::sleep_for(at_most);
-    arrived_ = std::min(bytes_.size(), arrived_ + piece_);
-  }
-  bool ended_properly() const override { return then_ == Then::ends; }
-  StreamError error() const override { return {then_ == Then::resets ? ECONNRESET : 0, "quote"}; }
-
-  std::string sent;
-  std::size_t takes = SIZE_MAX;  // so much is taken of what is sent
-
- private:
-  std::string bytes_;
-  Then then_;
-  std::size_t piece_;
-  std::size_t arrived_ = 0;
-  std::size_t received_ = 0;
-};
+using test::ScriptedStream;
+using test::Then;
 
 struct Way {
   std::size_t piece;  // bytes that arrive at a time

@@ -259,17 +259,17 @@ bool Exchange::take_head() {
     parser_->lines = lines;
     return false;
   }
-  has_final_head_ = true;
-  status_ = parser_->status;
-  headers_ = Headers(std::move(parser_->fields));
-  is_reusable_ = parser_->keep_alive();
-  for (const auto& [name, value] : headers_) {
+  for (const auto& [name, value] : parser_->fields) {
     if (detail::equal_ignoring_case(name, "transfer-encoding") &&
         !detail::equal_ignoring_case(value, "chunked") &&
         !detail::equal_ignoring_case(value, "identity")) {
       throw HTTPException("the reply has a transfer coding that was not asked for");
     }
   }
+  has_final_head_ = true;
+  status_ = parser_->status;
+  headers_ = Headers(std::move(parser_->fields));
+  is_reusable_ = parser_->keep_alive();
   if (parser_->is_done()) {
     framing_ = Framing::none;
   } else if (parser_->chunked()) {
@@ -384,7 +384,7 @@ void Exchange::end_body(Io state) {
 }
 
 bool Exchange::finish() {
-  const bool is_worth_it = is_reusable_ && is_sent_ && !failure_ &&
+  const bool is_worth_it = has_final_head_ && is_reusable_ && is_sent_ && !failure_ &&
                            (framing_ != Framing::sized || bytes_left_ <= DRAINED_BYTES);
   if (!is_worth_it) return false;
   try {
