@@ -104,6 +104,11 @@ class Exchange::Parser final : public beast::http::basic_parser<false> {
 
   /// Takes what it can of the bytes and returns how many.
   std::size_t take(std::string_view bytes) {
+    // Boost 1.74 to 1.83 (newer ones were not tried) assert that, behind the size of the last
+    // chunk, at least so many bytes are here: what begins or ends a chunk is given to it no
+    // earlier.
+    constexpr std::size_t LAST_CHUNK_BYTES = std::string_view("0\r\n\r\n").size();
+    if (this->is_header_done() && chunk_left_ == 0 && bytes.size() < LAST_CHUNK_BYTES) return 0;
     beast::error_code error;
     const std::size_t used = this->put({bytes.data(), bytes.size()}, error);
     if (error && error != beast::http::error::need_more &&
@@ -148,6 +153,7 @@ class Exchange::Parser final : public beast::http::basic_parser<false> {
     const std::size_t size = std::min(room, body.size());
     out->append(body.data(), size);
     room -= size;
+    chunk_left_ -= size;
     if (size < body.size()) error = beast::http::error::need_buffer;
     return size;
   }
@@ -159,10 +165,13 @@ class Exchange::Parser final : public beast::http::basic_parser<false> {
   std::size_t on_body_impl(beast::string_view body, beast::error_code&) override {
     return body.size();
   }
-  void on_chunk_header_impl(std::uint64_t, beast::string_view, beast::error_code&) override {}
+  void on_chunk_header_impl(std::uint64_t size, beast::string_view, beast::error_code&) override {
+    chunk_left_ = size;
+  }
   void on_finish_impl(beast::error_code&) override {}
 
   std::size_t max_lines_;
+  std::uint64_t chunk_left_ = 0;  // of the data of the current chunk
 };
 
 // ---- Sending, and the head of the reply ---------------------------------------------------------
