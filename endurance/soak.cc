@@ -148,7 +148,8 @@ void serve(Peer& peer, Ledger& ledger) {
     const std::size_t end = request.find_first_of(" ?", slash);
     const std::string id = request.substr(slash + 1, end - slash - 1);
     if (request[end] != '?') ++ledger.seen[std::stoul(id)];
-    goes_on = faults().at(std::stoul(request.substr(begin, slash - begin))).play(peer, id);
+    goes_on = faults().at(std::stoul(request.substr(begin, slash - begin))).play(peer, id) &&
+              request.find("\r\nConnection: close") == std::string::npos;  // as the proxy asks
   }
 }
 

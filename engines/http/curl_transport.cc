@@ -27,12 +27,11 @@ struct Call {
 };
 
 net::Route route_of(const net::Hop& hop, const std::shared_ptr<const net::Url>& proxy) {
-  const net::Origin& origin = hop.url->origin;
-  if (!proxy) return {.peer = origin, .tunnel = nullptr};
-  if (net::is_forwarding(*proxy, origin)) return {.peer = proxy->origin, .tunnel = nullptr};
-  return {.peer = origin,
-          .tunnel = proxy,
-          .tunnel_authorization = hop.headers->get("proxy-authorization").value_or("")};
+  net::Route route{.origin = hop.url->origin, .proxy = proxy};
+  if (route.tunnel()) {
+    route.tunnel_authorization = hop.headers->get("proxy-authorization").value_or("");
+  }
+  return route;
 }
 
 class Reply final : public Response {

@@ -18,6 +18,8 @@
 #include <system_error>
 #include <utility>
 
+#include "engines/http/net/proxy.h"
+
 namespace engines::http::net {
 namespace {
 
@@ -148,16 +150,22 @@ void check_certificates(const PoolOptions& options) {
 unsigned process_number() noexcept { return forks; }
 
 bool Route::operator==(const Route& other) const {
-  if (peer != other.peer || (tunnel == nullptr) != (other.tunnel == nullptr)) return false;
-  return !tunnel || (tunnel->origin == other.tunnel->origin &&
-                     tunnel->credentials == other.tunnel->credentials &&
-                     tunnel_authorization == other.tunnel_authorization);
+  if (origin != other.origin || (proxy == nullptr) != (other.proxy == nullptr)) return false;
+  return !proxy ||
+         (proxy->origin == other.proxy->origin && proxy->credentials == other.proxy->credentials &&
+          tunnel_authorization == other.tunnel_authorization);
 }
+
+const Url* Route::tunnel() const {
+  return proxy && !is_forwarding(*proxy, origin) ? proxy.get() : nullptr;
+}
+
+const Origin& Route::peer() const { return proxy && !tunnel() ? proxy->origin : origin; }
 
 // ---- Connecting ---------------------------------------------------------------------------------
 
 Connection::Connection(Route route, const PoolOptions& options, Limits& limits)
-    : route_(std::move(route)), is_secure_(route_.peer.scheme == "https") {
+    : route_(std::move(route)), is_secure_(route_.peer().scheme == "https") {
   limits.check(Phase::connecting);
   initialise_libcurl();
   multi_.reset(curl_multi_init());
@@ -186,7 +194,7 @@ Connection::~Connection() {
 }
 
 void Connection::set_up(const PoolOptions& options) {
-  set(easy_, CURLOPT_URL, url_of(route_.peer).c_str());
+  set(easy_, CURLOPT_URL, url_of(route_.peer()).c_str());
   set(easy_, CURLOPT_CONNECT_ONLY, 1L);
   set(easy_, CURLOPT_ERRORBUFFER, error_text_);
   set(easy_, CURLOPT_PROTOCOLS_STR, "http,https");
@@ -199,14 +207,16 @@ void Connection::set_up(const PoolOptions& options) {
   set(easy_, CURLOPT_QUICK_EXIT, 1L);
   set(easy_, CURLOPT_OPENSOCKETFUNCTION, &on_socket);
   set_up_proxy();
-  if (is_secure_ || (route_.tunnel && route_.tunnel->origin.scheme == "https")) set_up_tls(options);
+  const Url* const tunnel = route_.tunnel();
+  if (is_secure_ || (tunnel && tunnel->origin.scheme == "https")) set_up_tls(options);
 }
 
 void Connection::set_up_proxy() {
   set(easy_, CURLOPT_NOPROXY, "");  // which proxy there is was decided before
-  set(easy_, CURLOPT_PROXY, route_.tunnel ? url_of(route_.tunnel->origin).c_str() : "");
-  if (!route_.tunnel) return;
-  if (const auto& credentials = route_.tunnel->credentials) {
+  const Url* const tunnel = route_.tunnel();
+  set(easy_, CURLOPT_PROXY, tunnel ? url_of(tunnel->origin).c_str() : "");
+  if (!tunnel) return;
+  if (const auto& credentials = tunnel->credentials) {
     set(easy_, CURLOPT_PROXYUSERNAME, credentials->user.c_str());
     set(easy_, CURLOPT_PROXYPASSWORD, credentials->password.c_str());
   }

@@ -15,13 +15,18 @@
 
 namespace engines::http::net {
 
-/// Where a connection leads. Requests with the same route may share a connection.
+/// Where a connection leads. Requests with the same route may share a connection: a proxy that
+/// forwards one request may pass the bytes after it on to the same server.
 struct Route {
-  Origin peer;                         // whom an exchange speaks to: an origin, or a proxy
-  std::shared_ptr<const Url> tunnel;   // the proxy that passes its bytes on; null: none
-  std::string tunnel_authorization{};  // for that proxy; empty: the userinfo of its URL, if any
+  Origin origin;                       // what the requests are for
+  std::shared_ptr<const Url> proxy;    // null: none
+  std::string tunnel_authorization{};  // for a proxy that is a tunnel; empty: its URL's userinfo
 
   bool operator==(const Route& other) const;
+  /// The proxy, where it is a tunnel to the origin; else null.
+  const Url* tunnel() const;
+  /// Whom an exchange speaks to: the origin, or the proxy that forwards its requests.
+  const Origin& peer() const;
 };
 
 /// Throws `ValueError`, which names the option, for certificates and keys of the options that
