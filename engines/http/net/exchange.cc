@@ -102,7 +102,8 @@ class Exchange::Parser final : public beast::http::basic_parser<false> {
     fields.reserve(USUAL_HEADERS);
   }
 
-  /// Takes what it can of the bytes and returns how many.
+  /// Takes the next part of a message from the bytes and returns how many it took; 0: more must
+  /// come.
   std::size_t take(std::string_view bytes) {
     // Boost 1.74 to 1.83 (newer ones were not tried) assert that, behind the size of the last
     // chunk, at least so many bytes are here: what begins or ends a chunk is given to it no
@@ -283,7 +284,6 @@ bool Exchange::take_head() {
     framing_ = Framing::none;
   } else if (parser_->chunked()) {
     framing_ = Framing::chunked;
-    parser_->eager(true);
   } else if (const auto length = parser_->content_length()) {
     framing_ = Framing::sized;
     bytes_left_ = *length;
@@ -369,7 +369,11 @@ std::size_t Exchange::take_chunked(std::string& out, std::size_t amt) {
   parser_->out = &out;
   parser_->room = amt;
   for (;;) {
-    if (!input_.bytes().empty()) input_.consume(parser_->take(input_.bytes()));
+    while (!input_.bytes().empty() && !parser_->is_done()) {
+      const std::size_t used = parser_->take(input_.bytes());
+      if (used == 0) break;
+      input_.consume(used);
+    }
     if (parser_->is_done()) framing_ = Framing::none;
     if (parser_->is_done() || out.size() > begin) return out.size() - begin;
     if (input_.bytes().size() >= RECEIVE_BYTES) {
