@@ -1,6 +1,7 @@
-// Many calls from four threads against servers that misbehave at random, over both transports, in
-// the clear and over TLS, some stopped and some out of time. It shows what no single call can: that
-// nothing piles up, that no reply reaches another call, that no request is sent twice.
+// Many calls from four threads against servers that misbehave at random: over both transports, in
+// the clear, over TLS and through a proxy, some stopped and some out of time. It shows what no
+// single call can: that nothing piles up, that no reply reaches another call, that no request is
+// sent twice.
 //
 //   soak [CALLS [SEED]]
 //
@@ -37,6 +38,7 @@
 #include "engines/http/classification.h"
 #include "engines/http/http.h"
 #include "tests/support/fault_server.h"
+#include "tests/support/real_peers.h"
 
 using namespace engines::http;
 using namespace std::chrono_literals;
@@ -146,7 +148,8 @@ void serve(Peer& peer, Ledger& ledger) {
     const std::size_t end = request.find_first_of(" ?", slash);
     const std::string id = request.substr(slash + 1, end - slash - 1);
     if (request[end] != '?') ++ledger.seen[std::stoul(id)];
-    goes_on = faults().at(std::stoul(request.substr(begin, slash - begin))).play(peer, id);
+    goes_on = faults().at(std::stoul(request.substr(begin, slash - begin))).play(peer, id) &&
+              request.find("\r\nConnection: close") == std::string::npos;  // as the proxy asks
   }
 }
 
@@ -172,11 +175,13 @@ bool should_stop() { return asks_until_stop >= 0 && asks_until_stop-- == 0; }
 
 class Caller {
  public:
-  Caller(Ledger& ledger, std::size_t most_attempts, const std::string& ca_file)
+  Caller(Ledger& ledger, std::size_t most_attempts, const std::string& ca_file,
+         const std::string& proxy)
       : ledger_(ledger),
         closed_port_(test::closed_port()),
         answered_(most_attempts),
-        pool_({.ca_file = ca_file, .max_idle = MAX_IDLE, .should_stop = should_stop}) {
+        pool_({.ca_file = ca_file, .max_idle = MAX_IDLE}),
+        proxied_({.ca_file = ca_file, .proxy = proxy, .max_idle = MAX_IDLE}) {
     for (const Fault& fault : faults()) shares_.push_back(fault.share);
   }
 
@@ -193,7 +198,13 @@ class Caller {
     const RetryPolicy policy =
         one_in(20) ? usual.within(std::chrono::microseconds(random() % 20000)) : usual;
     asks_until_stop = one_in(20) ? static_cast<int>(random() % 10) : -1;
-    const bool pooled = !one_in(3);
+    const bool is_proxied = one_in(10);
+    Transport inner = pool_;
+    if (is_proxied) {
+      inner = proxied_;
+    } else if (one_in(3)) {
+      inner = urlopen_transport;
+    }
     const Json body{{"question", std::string(one_in(200) ? 70000 : 40, 'q')}};
 
     std::size_t last = 0;
@@ -201,11 +212,11 @@ class Caller {
       last = ++attempts_;
       const Request attempt(url(random, last), {request.data, request.headers, request.method});
       try {
-        auto opened = pooled ? pool_(attempt, options) : urlopen_transport(attempt, options);
+        auto opened = inner(attempt, options);
         answered_.at(last) = 1;
         return opened;
       } catch (const HTTPError&) {
-        answered_.at(last) = 1;
+        answered_.at(last) = is_proxied ? 0 : 1;  // the proxy answers for a server that fails
         throw;
       }
     };
@@ -252,6 +263,7 @@ class Caller {
   std::vector<unsigned char> answered_;
   std::atomic<std::size_t> attempts_ = 0;
   PooledTransport pool_;
+  PooledTransport proxied_;
 };
 
 // ---- What is measured ---------------------------------------------------------------------------
@@ -288,6 +300,7 @@ int soak(unsigned calls, unsigned seed) {
   auto& ledger = *static_cast<Ledger*>(shared);
   const pid_t servers = start_servers(ledger, identity);
   while (ledger.hasty == 0) std::this_thread::sleep_for(1ms);
+  const test::RealPeer proxy("tinyproxy", std::to_string(ledger.tls));
   spdlog::set_default_logger(
       std::make_shared<spdlog::logger>("soak", std::make_shared<spdlog::sinks::null_sink_mt>()));
 
@@ -303,7 +316,7 @@ int soak(unsigned calls, unsigned seed) {
   print("none", before);
   const auto from = std::chrono::steady_clock::now();
   {
-    Caller caller(ledger, std::size_t{3} * calls + 1, authority.file());
+    Caller caller(ledger, std::size_t{3} * calls + 1, authority.file(), proxy.url());
     const auto look = [&]() noexcept {
       samples.push_back(sample());
       print(std::to_string(calls / SAMPLES * samples.size()), samples.back());
@@ -343,7 +356,7 @@ int soak(unsigned calls, unsigned seed) {
     if (is_end) ended_well += count;
   }
   // An idle connection has a socket, and its multi handle two descriptors to be woken by.
-  const long most_descriptors = before.descriptors + 3 * static_cast<long>(MAX_IDLE);
+  const long most_descriptors = before.descriptors + 2 * 3 * static_cast<long>(MAX_IDLE);
   bool is_bounded = after.descriptors == before.descriptors && after.threads == before.threads;
   for (const Sample& one : samples) {
     is_bounded = is_bounded && one.descriptors <= most_descriptors;

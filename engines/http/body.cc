@@ -4,6 +4,7 @@
 #include <ostream>
 #include <sstream>
 
+#include "engines/http/text/ascii.h"
 #include "engines/http/text/utf8.h"
 
 namespace engines::http {
@@ -13,18 +14,16 @@ namespace {
 void append_form_text(std::string& out, std::string_view text) {
   constexpr std::string_view UNCHANGED =
       "*-._0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
-  constexpr std::string_view HEX = "0123456789ABCDEF";
   if (!detail::is_utf8(text)) {
     throw std::invalid_argument("a text that is not valid UTF-8 cannot be a part of a form");
   }
   for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
     if (c == ' ') {
       out += '+';
     } else if (UNCHANGED.find(c) != std::string_view::npos) {
       out += c;
     } else {
-      out += {'%', HEX[byte / 16], HEX[byte % 16]};
+      detail::append_percent_encoded(out, static_cast<unsigned char>(c));
     }
   }
 }

@@ -4,9 +4,9 @@
 
 #include "engines/http/closing.h"
 #include "engines/http/text/case.h"
+#include "engines/http/text/type_name.h"
 #include "engines/http/text/utf8.h"
 #include "engines/http/text/white_space.h"
-#include "engines/http/text/type_name.h"
 
 namespace engines::http {
 namespace {

@@ -1,62 +1,122 @@
 #include "engines/http/curl_transport.h"
 
 #include <algorithm>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 
-#include "engines/http/detail/curl_exchange.h"
-#include "engines/http/detail/curl_failure.h"
-#include "engines/http/detail/curl_pool.h"
-#include "engines/http/detail/hop.h"
+#include "engines/http/net/exchange.h"
+#include "engines/http/net/gzip.h"
+#include "engines/http/net/pool.h"
+#include "engines/http/net/proxy.h"
+#include "engines/http/net/redirect.h"
+#include "engines/http/text/case.h"
 
 namespace engines::http {
 namespace {
 
-class CurlReply final : public Response {
- public:
-  CurlReply(std::shared_ptr<detail::Pool> pool, const detail::Hop& hop)
-      : pool_(std::move(pool)), exchange_(pool_->acquire(hop.url), hop, pool_->options()) {}
-  ~CurlReply() override { do_close(); }
+/// The most that is read of a coded body at a time.
+constexpr std::size_t CODED_BYTES = 65536;
+/// The most that is quoted of a coding's name.
+constexpr std::size_t MOST_QUOTED = 64;
 
-  detail::Exchange& exchange() noexcept { return exchange_; }
-  std::optional<StatusCode> status() const override { return exchange_.status(); }
-  const Headers* headers() const override { return &exchange_.headers(); }
+/// What one call shares between its hops.
+struct Call {
+  std::shared_ptr<net::Pool> pool;
+  net::Limits limits;
+};
+
+net::Route route_of(const net::Hop& hop, const std::shared_ptr<const net::Url>& proxy) {
+  net::Route route{.origin = hop.url->origin, .proxy = proxy};
+  if (route.tunnel()) {
+    route.tunnel_authorization = hop.headers->get("proxy-authorization").value_or("");
+  }
+  return route;
+}
+
+class Reply final : public Response {
+ public:
+  /// Sends the hop's request and waits for the final head.
+  Reply(std::shared_ptr<Call> call, const net::Hop& hop) : call_(std::move(call)) {
+    const PoolOptions& options = call_->pool->options();
+    const auto proxy = net::proxy_for(hop.url->origin, options.proxy);
+    const net::Route route = route_of(hop, proxy);
+    call_->limits.peer = hop.url->origin.address();
+    call_->limits.check(net::Phase::connecting);
+    connection_ = call_->pool->take(route);
+    if (!connection_) {
+      connection_ = std::make_unique<net::Connection>(route, options, call_->limits);
+    }
+    exchange_.emplace(*connection_, call_->limits, options);
+    exchange_->run(net::request_head(hop, proxy.get(), options), hop.body.value_or(""),
+                   hop.method == "HEAD");
+    if (!hop.headers->get("accept-encoding")) set_up_decoding();
+  }
+  ~Reply() override { do_close(); }
+
+  std::optional<StatusCode> status() const override { return exchange_->status(); }
+  const Headers* headers() const override { return &exchange_->headers(); }
 
  private:
   std::string do_read(std::size_t amt) override {
     std::string piece;
-    exchange_.read(piece, amt, true);
+    read(piece, amt, true);
     return piece;
   }
   std::string do_read1(std::size_t amt) override {
     std::string piece;
-    exchange_.read(piece, amt, false);
+    read(piece, amt, false);
     return piece;
   }
   std::size_t do_append1(std::string& body, std::size_t amt) override {
-    return exchange_.read(body, amt, false);
+    return read(body, amt, false);
   }
-  void do_close() override { pool_->release(exchange_.finish()); }
+  void do_close() override {
+    if (!connection_) return;
+    const bool is_reusable = connection_->is_ours() && exchange_->finish();
+    if (is_reusable) call_->pool->keep(std::move(connection_));
+    connection_.reset();
+  }
 
-  std::shared_ptr<detail::Pool> pool_;
-  detail::Exchange exchange_;
+  std::size_t read(std::string& out, std::size_t amt, bool fill) {
+    if (!connection_->is_ours()) throw OSError("the reply belongs to the process that opened it");
+    return decoder_ ? decoder_->read(out, amt, fill) : exchange_->read(out, amt, fill);
+  }
+
+  /// Decides how the body is decoded: a coding that nobody asked for fails where there is a body.
+  void set_up_decoding() {
+    const std::string coding = detail::lower(headers()->get("content-encoding").value_or(""));
+    if (coding.empty() || coding == "identity") return;
+    const bool is_gzip = coding == "gzip" || coding == "x-gzip";  // RFC 9110, section 8.4.1.3
+    decoder_.emplace([this, coding, is_gzip](std::string& coded) {
+      const std::size_t size = exchange_->read(coded, CODED_BYTES, false);
+      if (size > 0 && !is_gzip) {
+        throw HTTPException("the reply has a content coding that was not asked for: " +
+                            coding.substr(0, MOST_QUOTED));
+      }
+      return size;
+    });
+  }
+
+  std::shared_ptr<Call> call_;
+  std::unique_ptr<net::Connection> connection_;
+  std::optional<net::Exchange> exchange_;
+  std::optional<net::GzipDecoder> decoder_;
 };
 
-std::shared_ptr<Response> exchange(const Request& request, double timeout,
-                                   const std::shared_ptr<detail::Pool>& pool) {
-  detail::Hop hop = detail::first_hop(request, pool->parsed(request.url));
-  detail::Patience patience(timeout);
-  if (patience.timeout == detail::Clock::duration::zero()) {
-    std::rethrow_exception(detail::timeout_failure(timeout, "connecting", false));
-  }
+std::shared_ptr<Response> call(const Request& request, const TransportOptions& options,
+                               const std::shared_ptr<net::Pool>& pool) {
+  net::Hop hop = net::first_hop(request);
+  const PoolOptions& pool_options = pool->options();
+  const auto call = std::make_shared<Call>(
+      Call{.pool = pool, .limits = net::Limits(options, pool_options.connect_timeout_s)});
   for (int followed = 0;; ++followed) {
-    auto reply = std::make_shared<CurlReply>(pool, hop);
-    reply->exchange().await_headers(patience);
+    auto reply = std::make_shared<Reply>(call, hop);
     const StatusCode status = *reply->status();
     if (status >= 200 && status < 300) return reply;
-    if (followed < pool->options().max_redirects) {
-      if (auto next = detail::next_hop(hop, status, reply->headers()->get("location"))) {
-        hop = std::move(*next);
+    if (followed < pool_options.max_redirects) {
+      if (auto next = net::next_hop(hop, status, reply->headers()->get("location"))) {
+        hop = *std::move(next);
         continue;
       }
     }
@@ -64,25 +124,29 @@ std::shared_ptr<Response> exchange(const Request& request, double timeout,
   }
 }
 
+PoolOptions checked(PoolOptions options) {
+  net::check_certificates(options);
+  if (options.proxy) net::proxy_for({}, options.proxy);
+  if (std::ranges::any_of(options.user_agent, net::is_forbidden_in_value)) {
+    throw std::invalid_argument("PoolOptions::user_agent holds a control character");
+  }
+  return options;
+}
+
 }  // namespace
 
 std::shared_ptr<Response> urlopen_transport(const Request& request, TransportOptions options) {
   // A pool that keeps nothing. Never destroyed: a reply may outlive the end of `main`.
-  static const auto& pool = *new auto(std::make_shared<detail::Pool>(
-      PoolOptions{.http_version = HttpVersion::http1_1, .max_idle = 0}));
-  return exchange(request, options.timeout, pool);
+  static const auto& pool = *new auto(std::make_shared<net::Pool>(PoolOptions{.max_idle = 0}));
+  return call(request, options, pool);
 }
 
-PooledTransport::PooledTransport(PoolOptions options) {
-  if (std::ranges::any_of(options.user_agent, detail::is_forbidden_in_value)) {
-    throw std::invalid_argument("the pool's user agent holds a control character");
-  }
-  pool_ = std::make_shared<detail::Pool>(std::move(options));
-}
+PooledTransport::PooledTransport(PoolOptions options)
+    : pool_(std::make_shared<net::Pool>(checked(std::move(options)))) {}
 
 std::shared_ptr<Response> PooledTransport::operator()(const Request& request,
                                                       TransportOptions options) const {
-  return exchange(request, options.timeout, pool_);
+  return call(request, options, pool_);
 }
 
 }  // namespace engines::http

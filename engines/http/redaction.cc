@@ -8,6 +8,8 @@
 #include <cstring>
 #include <new>
 
+#include "engines/http/text/ascii.h"
+#include "engines/http/text/base64.h"
 #include "engines/http/text/case.h"
 #include "engines/http/text/utf8.h"
 #include "engines/http/text/white_space.h"
@@ -173,38 +175,17 @@ std::vector<std::string> by_name(const Headers& headers) {
 
 // ---- Userinfo -----------------------------------------------------------------------------------
 
-int hex_digit(char c) noexcept {
-  if (c >= '0' && c <= '9') return c - '0';
-  const int letter = (c | 0x20) - 'a';
-  return letter >= 0 && letter < 6 ? letter + 10 : -1;
-}
-
 std::string percent_decoded(std::string_view text) {  // RFC 3986, section 2.1
   std::string decoded;
   for (std::size_t i = 0; i < text.size(); ++i) {
-    const bool escaped = text[i] == '%' && i + 2 < text.size() && hex_digit(text[i + 1]) >= 0 &&
-                         hex_digit(text[i + 2]) >= 0;
-    decoded +=
-        escaped ? static_cast<char>(hex_digit(text[i + 1]) * 16 + hex_digit(text[i + 2])) : text[i];
+    const bool escaped = text[i] == '%' && i + 2 < text.size() &&
+                         detail::hex_value(text[i + 1]) >= 0 && detail::hex_value(text[i + 2]) >= 0;
+    decoded += escaped ? static_cast<char>(detail::hex_value(text[i + 1]) * 16 +
+                                           detail::hex_value(text[i + 2]))
+                       : text[i];
     if (escaped) i += 2;
   }
   return decoded;
-}
-
-std::string base64(std::string_view bytes) {  // RFC 4648, section 4
-  constexpr std::string_view ALPHABET =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string encoded;
-  for (std::size_t i = 0; i < bytes.size(); i += 3) {
-    std::uint32_t group = 0;
-    for (std::size_t j = 0; j < 3; ++j) {
-      group = group << 8 | (i + j < bytes.size() ? static_cast<unsigned char>(bytes[i + j]) : 0U);
-    }
-    for (std::size_t j = 0; j < 4; ++j) {
-      encoded += i + j <= bytes.size() ? ALPHABET[group >> (18 - 6 * j) & 63] : '=';
-    }
-  }
-  return encoded;
 }
 
 }  // namespace
@@ -248,7 +229,7 @@ Secrets secrets_of_url(std::string_view url) {
   const std::string_view password = userinfo.substr(std::min(colon + 1, userinfo.size()));
   const std::string_view secret = password.empty() ? userinfo.substr(0, colon) : password;
   return {std::string(secret), percent_decoded(secret),
-          base64(user + ":" + percent_decoded(password))};
+          detail::base64(user + ":" + percent_decoded(password))};
 }
 
 Secrets _secrets_of_call(const Secrets& given, const Headers& headers, std::string_view url) {

@@ -1,5 +1,6 @@
 // A field of a parameter struct that must be given: leaving it out of the designated initialisers
-// does not compile, and the compiler says that a field is missing. There are two ways to declare one:
+// does not compile, and the compiler says that a field is missing. There are two ways to declare
+// one:
 //
 //   required<std::string> label;
 //   RetryPolicy policy = detail::missing<RetryPolicy, Given>();

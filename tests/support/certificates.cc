@@ -23,19 +23,23 @@ void run(const std::string& command) {
 }
 
 CertificateAuthority::CertificateAuthority() {
-  run("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 "
-      "-subj '/CN=Test CA' -keyout " +
-      directory_.file("ca.key") + " -out " + file());
+  run("cd " + directory_.file("") +
+      " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 "
+      "-subj '/CN=Test CA' -keyout ca.key -out ca.pem && touch index.txt && mkdir hashed && "
+      "cp ca.pem hashed && openssl rehash hashed && printf '[ca]\ndefault_ca=d\n[d]\n"
+      "database=index.txt\nnew_certs_dir=.\nrand_serial=yes\nunique_subject=no\n"
+      "default_md=sha256\npolicy=p\n[p]\ncommonName=supplied\n' > ca.conf");
 }
 
-Identity CertificateAuthority::issue(const std::string& host, int days) const {
-  const std::string name = directory_.file(host + std::to_string(days));
-  run("openssl req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -subj '/CN=" + host +
+Identity CertificateAuthority::issue(const std::string& host, const std::string& until) const {
+  const std::string name = host + until;
+  run("cd " + directory_.file("") +
+      " && openssl req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -subj '/CN=" + host +
       "' -keyout " + name + ".key -out " + name + ".csr && echo subjectAltName=DNS:" + host +
-      " > " + name + ".ext && openssl x509 -req -in " + name + ".csr -CA " + file() + " -CAkey " +
-      directory_.file("ca.key") + " -CAcreateserial -days " + std::to_string(days) + " -extfile " +
-      name + ".ext -out " + name + ".pem");
-  return {.certificate = name + ".pem", .key = name + ".key"};
+      " > ext && openssl ca -batch -notext -config ca.conf -cert ca.pem -keyfile ca.key"
+      " -startdate 20190101000000Z -enddate " +
+      until + " -extfile ext -in " + name + ".csr -out " + name + ".pem");
+  return {.certificate = directory_.file(name + ".pem"), .key = directory_.file(name + ".key")};
 }
 
 }  // namespace engines::http::test

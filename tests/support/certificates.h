@@ -31,10 +31,17 @@ class CertificateAuthority {
 
   /// The authority's own certificate (PEM).
   std::string file() const { return directory_.file("ca.pem"); }
-  /// A certificate for the host name; one that is `days` < 0 old has expired.
-  Identity issue(const std::string& host, int days = 2) const;
+  /// A directory that holds it under the hash of its subject, as OpenSSL looks for it.
+  std::string directory() const { return directory_.file("hashed"); }
+  /// A certificate for the host name, valid now; or one that expired long ago.
+  /// @{
+  Identity issue(const std::string& host) const { return issue(host, "30000101000000Z"); }
+  Identity issue_expired(const std::string& host) const { return issue(host, "20200101000000Z"); }
+  /// @}
 
  private:
+  Identity issue(const std::string& host, const std::string& until) const;
+
   TemporaryDirectory directory_;
 };
 

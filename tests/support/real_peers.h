@@ -12,9 +12,10 @@ namespace engines::http::test {
 
 /// A server that runs until the object is destroyed.
 ///
-/// "nginx", with a certificate and its key: "/hello" tells the protocol and the connection, "/big"
-/// is 20 MB, "/chunked" a chunked page, "/upload" takes any body; over HTTP and over TLS, with
-/// HTTP/2. A connection serves no more than 50 requests.
+/// "nginx", with a certificate, its key and the CA of client certificates: "/hello" names the
+/// protocol and the connection, "/big" is 20 MB, "/chunked" a chunked page, "/fixed" a text in the
+/// gzip coding with a length, "/upload" takes any body, "/who" says whether the client's
+/// certificate is good; over HTTP and over TLS. A connection serves no more than 50 requests.
 ///
 /// "tinyproxy", with a port: lets CONNECT through to that port only.
 ///

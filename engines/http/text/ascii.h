@@ -1,6 +1,7 @@
 // The digits and letters of ASCII, the same in every locale.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 namespace engines::http::detail {
@@ -18,6 +19,12 @@ constexpr int hex_value(char c) noexcept {
   if (is_digit(c)) return c - '0';
   const char letter = lower_ascii(c);
   return letter >= 'a' && letter <= 'f' ? letter - 'a' + 10 : -1;
+}
+
+/// Appends a byte as URLs encode it (RFC 3986, section 2.1).
+inline void append_percent_encoded(std::string& out, unsigned char byte) {
+  constexpr std::string_view DIGITS = "0123456789ABCDEF";
+  out += {'%', DIGITS[byte >> 4], DIGITS[byte & 0xF]};
 }
 
 }  // namespace engines::http::detail

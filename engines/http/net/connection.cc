@@ -1,0 +1,387 @@
+#include "engines/http/net/connection.h"
+
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <new>
+#include <stdexcept>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include "engines/http/net/proxy.h"
+
+namespace engines::http::net {
+namespace {
+
+/// Until it is connected, libcurl has to be called this often to try a host's next address.
+constexpr Duration CONNECT_POLL = std::chrono::milliseconds(50);
+
+/// The most that is sent over TLS at a time. OpenSSL shows no progress within one write.
+constexpr std::size_t TLS_RECORD_BYTES = 16384;
+
+std::atomic<unsigned> forks = 0;  // between the first process and this one
+const int atfork_error = pthread_atfork(nullptr, nullptr, [] { ++forks; });
+
+void initialise_libcurl() {
+  // Never undone: another user of libcurl in the process may still need it.
+  static const CURLcode code = curl_global_init(CURL_GLOBAL_DEFAULT);
+  if (code != CURLE_OK || atfork_error != 0) throw std::bad_alloc();
+}
+
+template <class Value>
+void set(CURL* easy, CURLoption option, Value value) {
+  const CURLcode code = curl_easy_setopt(easy, option, value);
+  if (code == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
+  if (code != CURLE_OK) throw std::logic_error(curl_easy_strerror(code));
+}
+
+const char* or_null(const std::string& text) { return text.empty() ? nullptr : text.c_str(); }
+
+std::string url_of(const Origin& origin) {
+  std::string host = origin.host;
+  if (!origin.zone.empty()) host.insert(host.size() - 1, "%25" + origin.zone);
+  return origin.scheme + "://" + host + ":" + origin.port;
+}
+
+// ---- Certificates -------------------------------------------------------------------------------
+
+[[noreturn]] void refuse(const std::string& what) { throw std::invalid_argument(what); }
+
+/// One of OpenSSL's variables; throws where it is set and no file or directory can be read there.
+std::string trust_variable(const char* name, char separator = '\0') {
+  const char* const value = std::getenv(name);
+  if (value == nullptr || *value == '\0') return {};
+  const std::string paths = value;
+  for (std::size_t begin = 0; begin < paths.size();) {
+    const std::size_t end = std::min(paths.find(separator, begin), paths.size());
+    if (access(paths.substr(begin, end - begin).c_str(), R_OK) == 0) return paths;
+    begin = end + 1;
+  }
+  refuse(std::string(name) + " names nothing that can be read");
+}
+
+/// Whether OpenSSL finds certificates in the directory: by the hash of their subject.
+bool is_hashed(const std::string& directory) {
+  std::error_code error;
+  for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
+       entry.increment(error)) {
+    const std::string name = entry->path().filename().string();
+    if (name.size() == 10 && name.ends_with(".0") &&
+        name.find_first_not_of("0123456789abcdef") == 8) {
+      return true;
+    }
+  }
+  return false;
+}
+
+struct Trust {
+  std::string file;
+  std::string directory;
+};
+
+/// The trusted certificates; empty: libcurl's own default. libcurl takes neither OpenSSL's
+/// variables nor the cheaper of the platform's two stores by itself: it parses the whole bundle for
+/// each fresh connection, where a hashed directory gives the one certificate that is needed.
+Trust trust(CURL* easy, const PoolOptions& options) {
+  Trust trust{options.ca_file, options.ca_directory};
+  if (!trust.file.empty() || !trust.directory.empty()) return trust;
+  trust = {trust_variable("SSL_CERT_FILE"), trust_variable("SSL_CERT_DIR", ':')};
+  char* platforms = nullptr;
+  curl_easy_getinfo(easy, CURLINFO_CAPATH, &platforms);
+  if (trust.directory.empty() && platforms != nullptr && is_hashed(platforms)) {
+    trust.directory = platforms;
+  }
+  return trust;
+}
+
+/// OpenSSL by default stays inside one read while records without content keep coming (new keys
+/// without end), and libcurl has it hide that a peer ended without saying so.
+CURLcode prepare_openssl(CURL*, void* context, void*) noexcept {
+  SSL_CTX_clear_mode(static_cast<SSL_CTX*>(context), SSL_MODE_AUTO_RETRY);
+  SSL_CTX_clear_options(static_cast<SSL_CTX*>(context), SSL_OP_IGNORE_UNEXPECTED_EOF);
+  return CURLE_OK;
+}
+
+/// libcurl's TLS session on this handle; its backend says whose object `internals` is.
+curl_tlssessioninfo tls_session(CURL* easy) {
+  curl_tlssessioninfo* session = nullptr;
+  curl_easy_getinfo(easy, CURLINFO_TLS_SSL_PTR, &session);
+  return session != nullptr ? *session : curl_tlssessioninfo{CURLSSLBACKEND_NONE, nullptr};
+}
+
+}  // namespace
+
+void check_certificates(const PoolOptions& options) {
+  const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(SSL_CTX_new(TLS_client_method()),
+                                                                  &SSL_CTX_free);
+  if (!context) throw std::bad_alloc();
+  SSL_CTX_set_default_passwd_cb(context.get(), [](char*, int, int, void*) { return 0; });
+  const char* const file = options.ca_file.c_str();
+  const char* const certificate = options.client_certificate.c_str();
+  const char* const key = options.client_key.empty() ? certificate : options.client_key.c_str();
+  const char* unusable = nullptr;
+  if (*file != '\0' && SSL_CTX_load_verify_locations(context.get(), file, nullptr) != 1) {
+    unusable = "ca_file";
+  } else if (!options.ca_directory.empty() &&
+             access((options.ca_directory + "/.").c_str(), R_OK) != 0) {
+    unusable = "ca_directory";
+  } else if (*certificate != '\0' &&
+             SSL_CTX_use_certificate_chain_file(context.get(), certificate) != 1) {
+    unusable = "client_certificate";
+  } else if (*key != '\0' &&
+             (*certificate == '\0' ||
+              SSL_CTX_use_PrivateKey_file(context.get(), key, SSL_FILETYPE_PEM) != 1)) {
+    unusable = "client_key";
+  }
+  ERR_clear_error();
+  if (unusable) refuse(std::string("PoolOptions::") + unusable + " cannot be read or used");
+}
+
+unsigned process_number() noexcept { return forks; }
+
+bool Route::operator==(const Route& other) const {
+  if (origin != other.origin || (proxy == nullptr) != (other.proxy == nullptr)) return false;
+  return !proxy ||
+         (proxy->origin == other.proxy->origin && proxy->credentials == other.proxy->credentials &&
+          tunnel_authorization == other.tunnel_authorization);
+}
+
+const Url* Route::tunnel() const {
+  return proxy && !is_forwarding(*proxy, origin) ? proxy.get() : nullptr;
+}
+
+const Origin& Route::peer() const { return proxy && !tunnel() ? proxy->origin : origin; }
+
+// ---- Connecting ---------------------------------------------------------------------------------
+
+Connection::Connection(Route route, const PoolOptions& options, Limits& limits)
+    : route_(std::move(route)), is_secure_(route_.peer().scheme == "https") {
+  limits.check(Phase::connecting);
+  initialise_libcurl();
+  multi_.reset(curl_multi_init());
+  easy_ = curl_easy_init();
+  // From here on the destructor does not run: the easy handle is the guard's until the end.
+  std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> guard(easy_, &curl_easy_cleanup);
+  if (!multi_ || !easy_) throw std::bad_alloc();
+  set_up(options);
+  if (curl_multi_add_handle(multi_.get(), easy_) != CURLM_OK) throw std::bad_alloc();
+  try {
+    connect(limits);
+  } catch (...) {
+    curl_multi_remove_handle(multi_.get(), easy_);
+    throw;
+  }
+  static_cast<void>(guard.release());
+}
+
+Connection::~Connection() {
+  if (is_ours()) {
+    curl_multi_remove_handle(multi_.get(), easy_);
+    curl_easy_cleanup(easy_);
+  } else {
+    static_cast<void>(multi_.release());
+  }
+}
+
+void Connection::set_up(const PoolOptions& options) {
+  set(easy_, CURLOPT_URL, url_of(route_.peer()).c_str());
+  set(easy_, CURLOPT_CONNECT_ONLY, 1L);
+  set(easy_, CURLOPT_ERRORBUFFER, error_text_);
+  set(easy_, CURLOPT_PROTOCOLS_STR, "http,https");
+  set(easy_, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+  set(easy_, CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
+  set(easy_, CURLOPT_USERAGENT, or_null(options.user_agent));  // of a CONNECT
+  set(easy_, CURLOPT_TCP_NODELAY, 1L);
+  // Signals belong to the application; a resolver that hangs must not hold the end of the call.
+  set(easy_, CURLOPT_NOSIGNAL, 1L);
+  set(easy_, CURLOPT_QUICK_EXIT, 1L);
+  set(easy_, CURLOPT_OPENSOCKETFUNCTION, &on_socket);
+  set_up_proxy();
+  const Url* const tunnel = route_.tunnel();
+  if (is_secure_ || (tunnel && tunnel->origin.scheme == "https")) set_up_tls(options);
+}
+
+void Connection::set_up_proxy() {
+  set(easy_, CURLOPT_NOPROXY, "");  // which proxy there is was decided before
+  const Url* const tunnel = route_.tunnel();
+  set(easy_, CURLOPT_PROXY, tunnel ? url_of(tunnel->origin).c_str() : "");
+  if (!tunnel) return;
+  if (const auto& credentials = tunnel->credentials) {
+    set(easy_, CURLOPT_PROXYUSERNAME, credentials->user.c_str());
+    set(easy_, CURLOPT_PROXYPASSWORD, credentials->password.c_str());
+  }
+  if (!route_.tunnel_authorization.empty()) {
+    const std::string line = "Proxy-Authorization: " + route_.tunnel_authorization;
+    proxy_headers_.reset(curl_slist_append(nullptr, line.c_str()));
+    if (!proxy_headers_) throw std::bad_alloc();
+    set(easy_, CURLOPT_PROXYHEADER, proxy_headers_.get());
+  }
+  set(easy_, CURLOPT_HEADERFUNCTION, &on_proxy_line);
+  set(easy_, CURLOPT_HEADERDATA, this);
+}
+
+void Connection::set_up_tls(const PoolOptions& options) {
+  set(easy_, CURLOPT_SSL_VERIFYPEER, 1L);
+  set(easy_, CURLOPT_SSL_VERIFYHOST, 2L);
+  const auto [file, directory] = trust(easy_, options);
+  if (!file.empty() || !directory.empty()) {
+    set(easy_, CURLOPT_CAINFO, or_null(file));
+    set(easy_, CURLOPT_CAPATH, or_null(directory));
+    set(easy_, CURLOPT_PROXY_CAINFO, or_null(file));
+    set(easy_, CURLOPT_PROXY_CAPATH, or_null(directory));
+  }
+  if (!options.client_certificate.empty()) {
+    const bool has_key = !options.client_key.empty();
+    set(easy_, CURLOPT_SSLCERT, options.client_certificate.c_str());
+    set(easy_, CURLOPT_SSLKEY, (has_key ? options.client_key : options.client_certificate).c_str());
+  }
+  has_openssl_ = tls_session(easy_).backend == CURLSSLBACKEND_OPENSSL;
+  if (has_openssl_) set(easy_, CURLOPT_SSL_CTX_FUNCTION, &prepare_openssl);
+}
+
+curl_socket_t Connection::on_socket(void*, curlsocktype, curl_sockaddr* address) noexcept {
+  return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+}
+
+/// libcurl would read the body of a proxy's refusal to its end, and look at no time while lines
+/// come fast enough.
+std::size_t Connection::on_proxy_line(char* text, std::size_t, std::size_t size,
+                                      void* self) noexcept {
+  auto& connection = *static_cast<Connection*>(self);
+  try {
+    connection.limits_->check(Phase::connecting, connection.connect_until_);
+    const std::string_view line(text, size);
+    if (line.starts_with("HTTP/") && line.size() > 12 && line[9] != '1' && line[9] != '2') {
+      throw URLError(OSError("cannot connect: the proxy refused the tunnel, status " +
+                             std::string(line.substr(9, 3))));
+    }
+    return size;
+  } catch (...) {
+    connection.failure_ = std::current_exception();
+    return 0;
+  }
+}
+
+void Connection::connect(Limits& limits) {
+  const TimePoint from = SteadyClock::now();
+  limits_ = &limits;
+  connect_until_ = from + limits.longest_wait(Phase::connecting);
+  // libcurl divides this among a host's addresses, so that a dead one leaves time for the next.
+  const int longest = milliseconds(connect_until_ - from);
+  set(easy_, CURLOPT_CONNECTTIMEOUT_MS, std::max(static_cast<long>(longest), 1L));
+  for (;;) {
+    const Duration wait = std::min(limits.check(Phase::connecting, connect_until_), CONNECT_POLL);
+    int count = 0;
+    const CURLMcode code = curl_multi_perform(multi_.get(), &count);
+    if (code == CURLM_OUT_OF_MEMORY) throw std::bad_alloc();
+    if (code != CURLM_OK) throw URLError(OSError(curl_multi_strerror(code)));
+    if (failure_) std::rethrow_exception(failure_);
+    if (const CURLMsg* const message = curl_multi_info_read(multi_.get(), &count)) {
+      if (message->data.result != CURLE_OK) fail(message->data.result);
+      break;
+    }
+    curl_multi_poll(multi_.get(), nullptr, 0, milliseconds(wait), nullptr);
+  }
+  limits_ = nullptr;
+  error_text_[0] = '\0';
+  curl_easy_getinfo(easy_, CURLINFO_OS_ERRNO, &connect_errno_);
+  curl_easy_getinfo(easy_, CURLINFO_ACTIVESOCKET, &socket_);
+  limits.spend(Phase::connecting, SteadyClock::now() - from);
+}
+
+void Connection::fail(CURLcode code) const {
+  long os_error = 0;
+  curl_easy_getinfo(easy_, CURLINFO_OS_ERRNO, &os_error);
+  const auto text = [&](const char* situation) {
+    const char* const quote = error_text_[0] != '\0' ? error_text_ : curl_easy_strerror(code);
+    return std::string(situation) + ": " + quote;
+  };
+  switch (code) {
+    case CURLE_OUT_OF_MEMORY:
+      throw std::bad_alloc();
+    case CURLE_COULDNT_RESOLVE_HOST:
+      throw URLError(gaierror(text("the host name did not resolve")));
+    case CURLE_COULDNT_RESOLVE_PROXY:
+      throw URLError(gaierror(text("the proxy's name did not resolve")));
+    case CURLE_OPERATION_TIMEDOUT:
+      throw URLError(TimeoutError(text("timed out while connecting")));
+    case CURLE_PEER_FAILED_VERIFICATION:
+      throw URLError(OSError(text("the peer's certificate is not trusted")));
+    case CURLE_SSL_CACERT_BADFILE:
+      throw URLError(OSError(text("the CA certificates cannot be read")));
+    case CURLE_SSL_CERTPROBLEM:
+      throw URLError(OSError(text("the client's certificate cannot be used")));
+    default:
+      throw_unsent(
+          code == CURLE_SSL_CONNECT_ERROR ? "cannot set up a secure connection" : "cannot connect",
+          {static_cast<int>(os_error), error_text_});
+  }
+}
+
+// ---- Bytes --------------------------------------------------------------------------------------
+
+IoResult Connection::send(std::string_view bytes) {
+  if (is_secure_) bytes = bytes.substr(0, TLS_RECORD_BYTES);
+  std::size_t sent = 0;
+  const CURLcode code = curl_easy_send(easy_, bytes.data(), bytes.size(), &sent);
+  if (code == CURLE_OK) return {Io::moved, sent};
+  if (code == CURLE_AGAIN) return {Io::blocked};
+  broke_by_ = code;
+  return {Io::broken};
+}
+
+IoResult Connection::receive(char* to, std::size_t room) {
+  std::size_t received = 0;
+  const CURLcode code = curl_easy_recv(easy_, to, room, &received);
+  if (code == CURLE_OK) return {received == 0 ? Io::ended : Io::moved, received};
+  if (code == CURLE_AGAIN) return {Io::blocked};
+  if (code == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
+  broke_by_ = code;
+  // Without an error of the system, TLS ended: without its close (libcurl 7.88 takes that for an
+  // end), or by an alert.
+  return {error().os_error == 0 ? Io::ended : Io::broken};
+}
+
+void Connection::wait(bool to_send, Duration at_most) {
+  const short events = to_send ? POLLIN | POLLOUT : POLLIN;
+  pollfd connection{.fd = socket_, .events = events, .revents = 0};
+  poll(&connection, 1, milliseconds(at_most));
+}
+
+bool Connection::ended_properly() const {
+  if (broke_by_ != CURLE_OK) return false;
+  if (!is_secure_ || !has_openssl_) return true;
+  const auto* const session = static_cast<const SSL*>(tls_session(easy_).internals);
+  return session != nullptr && (SSL_get_shutdown(session) & SSL_RECEIVED_SHUTDOWN) != 0;
+}
+
+StreamError Connection::error() const {
+  long os_error = 0;
+  curl_easy_getinfo(easy_, CURLINFO_OS_ERRNO, &os_error);
+  if (os_error == connect_errno_) os_error = 0;
+  const bool has_text = error_text_[0] != '\0' || broke_by_ == CURLE_OK;
+  return {static_cast<int>(os_error), has_text ? error_text_ : curl_easy_strerror(broke_by_)};
+}
+
+bool Connection::is_quiet() {
+  // What carries nothing of a reply (late session tickets) is received away, within reason.
+  for (int records = 0; records < 16; ++records) {
+    char byte = 0;
+    if (receive(&byte, 1).state != Io::blocked) return false;
+    pollfd connection{.fd = socket_, .events = POLLIN, .revents = 0};
+    if (poll(&connection, 1, 0) == 0) return true;
+  }
+  return false;
+}
+
+}  // namespace engines::http::net

@@ -1,0 +1,94 @@
+// A connection to a peer, made by libcurl: name lookup, the race of a host's addresses, a proxy's
+// tunnel, SOCKS, TLS and its verification. What is said on it is the exchange's subject.
+#pragma once
+
+#include <curl/curl.h>
+
+#include <exception>
+#include <memory>
+#include <string>
+
+#include "engines/http/net/limits.h"
+#include "engines/http/net/stream.h"
+#include "engines/http/net/url.h"
+#include "engines/http/pool_options.h"
+
+namespace engines::http::net {
+
+/// Where a connection leads. Requests with the same route may share a connection: a proxy that
+/// forwards one request may pass the bytes after it on to the same server.
+struct Route {
+  Origin origin;                       // what the requests are for
+  std::shared_ptr<const Url> proxy;    // null: none
+  std::string tunnel_authorization{};  // for a proxy that is a tunnel; empty: its URL's userinfo
+
+  bool operator==(const Route& other) const;
+  /// The proxy, where it is a tunnel to the origin; else null.
+  const Url* tunnel() const;
+  /// Whom an exchange speaks to: the origin, or the proxy that forwards its requests.
+  const Origin& peer() const;
+};
+
+/// Throws `ValueError`, which names the option, for certificates and keys of the options that
+/// cannot be used.
+void check_certificates(const PoolOptions& options);
+
+/// Which process this is: another number in the child of a fork than in its parent. It asks no
+/// kernel, for it is asked several times in each call.
+unsigned process_number() noexcept;
+
+class Connection final : public Stream {
+ public:
+  /// Connects. Throws a `URLError`, `Stopped`, or `ValueError`, which names the variable, where
+  /// SSL_CERT_FILE or SSL_CERT_DIR cannot be used.
+  Connection(Route route, const PoolOptions& options, Limits& limits);
+  ~Connection() override;
+
+  const Route& route() const noexcept { return route_; }
+
+  /// Whether this process made the connection. One that came through a fork shares its socket with
+  /// the parent: anything done to it, closing included, would be seen by the parent's peer.
+  bool is_ours() const noexcept { return process_ == process_number(); }
+
+  /// Whether the peer has neither ended the connection nor sent anything: what came unasked would
+  /// be taken for the next reply.
+  bool is_quiet();
+
+  IoResult send(std::string_view bytes) override;
+  IoResult receive(char* to, std::size_t room) override;
+  void wait(bool to_send, Duration at_most) override;
+  bool ended_properly() const override;
+  StreamError error() const override;
+
+ private:
+  struct Free {
+    void operator()(CURLM* multi) const noexcept { curl_multi_cleanup(multi); }
+    void operator()(curl_slist* list) const noexcept { curl_slist_free_all(list); }
+  };
+
+  void set_up(const PoolOptions& options);
+  void set_up_proxy();
+  void set_up_tls(const PoolOptions& options);
+  void connect(Limits& limits);
+  [[noreturn]] void fail(CURLcode code) const;
+
+  static curl_socket_t on_socket(void*, curlsocktype, curl_sockaddr* address) noexcept;
+  static std::size_t on_proxy_line(char* line, std::size_t, std::size_t size, void* self) noexcept;
+
+  const Route route_;
+  const unsigned process_ = process_number();
+  bool is_secure_ = false;  // whether the peer is spoken to over TLS
+  bool has_openssl_ = false;
+  curl_socket_t socket_ = CURL_SOCKET_BAD;
+  long connect_errno_ = 0;  // what an address that failed left behind
+  CURLcode broke_by_ = CURLE_OK;
+  char error_text_[CURL_ERROR_SIZE] = {};
+  const Limits* limits_ = nullptr;  // while connecting,
+  TimePoint connect_until_;         // until when,
+  std::exception_ptr failure_;      // and what a callback threw
+  std::unique_ptr<curl_slist, Free> proxy_headers_;
+  std::unique_ptr<void, Free> multi_;  // its easy handle stays in it: it owns the connection
+  CURL* easy_ = nullptr;
+};
+
+}  // namespace engines::http::net

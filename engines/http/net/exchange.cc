@@ -1,0 +1,414 @@
+#include "engines/http/net/exchange.h"
+
+#include <algorithm>
+#include <boost/beast/http/basic_parser.hpp>
+#include <cstring>
+#include <limits>
+#include <optional>
+#include <utility>
+
+#include "engines/http/net/proxy.h"
+#include "engines/http/text/case.h"
+
+namespace engines::http::net {
+namespace {
+
+namespace beast = boost::beast;
+
+constexpr std::size_t FIRST_INPUT_BYTES = 16384;
+/// One receive of a body, and the most that frames a chunk.
+constexpr std::size_t RECEIVE_BYTES = 65536;
+/// The most of a body that `finish` takes.
+constexpr std::size_t DRAINED_BYTES = 65536;
+/// Bodies up to this size leave in one piece with the head.
+constexpr std::size_t COPIED_BODY_BYTES = 61440;
+/// The most that `max_header_bytes` can say.
+constexpr std::size_t MAX_HEADER_BYTES = 307200;
+/// More header lines than most replies have.
+constexpr std::size_t USUAL_HEADERS = 16;
+
+bool is_final(StatusCode status) { return status >= 200; }
+
+}  // namespace
+
+// ---- Request head -------------------------------------------------------------------------------
+
+std::string request_head(const Hop& hop, const Url* proxy, const PoolOptions& options) {
+  const Origin& origin = hop.url->origin;
+  const bool is_default_port = origin.port == (origin.scheme == "https" ? "443" : "80");
+  const std::string host = is_default_port ? origin.host : origin.address();
+  const bool to_proxy = proxy && is_forwarding(*proxy, origin);
+  std::string head;
+  const auto add = [&head](std::string_view name, std::string_view value) {
+    head.append(name).append(value.empty() ? ":" : ": ").append(value).append("\r\n");
+  };
+  const auto add_default = [&](std::string_view name, std::string_view value) {
+    if (!hop.headers->get(name)) add(name, value);
+  };
+  head.reserve(512);
+  head.append(hop.method).append(" ");
+  if (to_proxy) head.append(origin.scheme).append("://").append(host);
+  head.append(hop.url->target).append(" HTTP/1.1\r\n");
+  add_default("Host", host);
+  if (!options.user_agent.empty()) add_default("User-Agent", options.user_agent);
+  add_default("Accept", "*/*");
+  add_default("Accept-Encoding", "gzip");
+  if (hop.credentials) add("Authorization", basic_authorization(*hop.credentials));
+  if (to_proxy && proxy->credentials) {
+    add_default("Proxy-Authorization", basic_authorization(*proxy->credentials));
+  }
+  for (const auto& [name, value] : *hop.headers) {
+    // The proxy of a tunnel reads its own header; the server behind the tunnel must not.
+    const bool is_tunnels = proxy && !to_proxy;
+    if (is_tunnels && detail::equal_ignoring_case(name, "proxy-authorization")) continue;
+    add(name, value);
+  }
+  const bool expects_body = hop.method == "POST" || hop.method == "PUT" || hop.method == "PATCH";
+  if (hop.body || expects_body) {
+    add_default("Content-Length", std::to_string(hop.body.value_or("").size()));
+  }
+  return head.append("\r\n");
+}
+
+// ---- InputBuffer --------------------------------------------------------------------------------
+
+Io InputBuffer::fill(Stream& stream, std::size_t most) {
+  if (begin_ == end_) begin_ = end_ = 0;
+  if (end_ == capacity_) {
+    const std::size_t size = end_ - begin_;
+    const std::size_t capacity =
+        size < capacity_ ? capacity_ : std::min(std::max(2 * capacity_, FIRST_INPUT_BYTES), most);
+    auto moved = std::make_unique_for_overwrite<char[]>(capacity);
+    if (size > 0) std::memcpy(moved.get(), data_.get() + begin_, size);
+    data_ = std::move(moved);
+    capacity_ = capacity;
+    begin_ = 0;
+    end_ = size;
+  }
+  const IoResult result = stream.receive(data_.get() + end_, capacity_ - end_);
+  end_ += result.bytes;
+  return result.state;
+}
+
+// ---- Parser -------------------------------------------------------------------------------------
+
+/// Reads a head, and after it the chunks of a body into `out`, up to `room` bytes.
+class Exchange::Parser final : public beast::http::basic_parser<false> {
+ public:
+  Parser(std::size_t max_lines, bool has_no_body) : max_lines_(max_lines) {
+    this->header_limit(std::numeric_limits<std::uint32_t>::max());  // is bounded by the exchange
+    this->body_limit(std::numeric_limits<std::uint64_t>::max());
+    this->skip(has_no_body);
+    fields.reserve(USUAL_HEADERS);
+  }
+
+  /// Takes the next part of a message from the bytes and returns how many it took; 0: more must
+  /// come.
+  std::size_t take(std::string_view bytes) {
+    // Boost 1.74 to 1.83 (newer ones were not tried) assert that, behind the size of the last
+    // chunk, at least so many bytes are here: what begins or ends a chunk is given to it no
+    // earlier.
+    constexpr std::size_t LAST_CHUNK_BYTES = std::string_view("0\r\n\r\n").size();
+    if (this->is_header_done() && chunk_left_ == 0 && bytes.size() < LAST_CHUNK_BYTES) return 0;
+    beast::error_code error;
+    const std::size_t used = this->put({bytes.data(), bytes.size()}, error);
+    if (error && error != beast::http::error::need_more &&
+        error != beast::http::error::need_buffer) {
+      fail(error);
+    }
+    return used;
+  }
+
+  StatusCode status = 0;
+  std::vector<Headers::Entry> fields;
+  std::size_t lines = 0;  // trailers included
+  std::string* out = nullptr;
+  std::size_t room = 0;
+
+ private:
+  [[noreturn]] void fail(const beast::error_code& error) const {
+    const std::string quote = ": " + error.message();
+    if (this->is_header_done()) throw HTTPException("the reply's chunks are malformed" + quote);
+    if (status == 0) throw BadStatusLine("the reply's status line is malformed" + quote);
+    throw HTTPException("the reply's headers are malformed" + quote);
+  }
+
+  void on_response_impl(int code, beast::string_view, int, beast::error_code&) override {
+    if (code < 100) throw BadStatusLine("the reply's status line is malformed: its status");
+    status = code;
+  }
+
+  void on_field_impl(beast::http::field, beast::string_view name, beast::string_view value,
+                     beast::error_code&) override {
+    if (++lines > max_lines_) {
+      throw HTTPException("the reply has more than " + std::to_string(max_lines_) + " headers");
+    }
+    if (!this->is_header_done()) {  // else it is a trailer
+      fields.emplace_back(std::string(name.data(), name.size()),
+                          std::string(value.data(), value.size()));
+    }
+  }
+
+  std::size_t on_chunk_body_impl(std::uint64_t, beast::string_view body,
+                                 beast::error_code& error) override {
+    const std::size_t size = std::min(room, body.size());
+    out->append(body.data(), size);
+    room -= size;
+    chunk_left_ -= size;
+    if (size < body.size()) error = beast::http::error::need_buffer;
+    return size;
+  }
+
+  void on_request_impl(beast::http::verb, beast::string_view, beast::string_view, int,
+                       beast::error_code&) override {}
+  void on_header_impl(beast::error_code&) override {}
+  void on_body_init_impl(const boost::optional<std::uint64_t>&, beast::error_code&) override {}
+  std::size_t on_body_impl(beast::string_view body, beast::error_code&) override {
+    return body.size();
+  }
+  void on_chunk_header_impl(std::uint64_t size, beast::string_view, beast::error_code&) override {
+    chunk_left_ = size;
+  }
+  void on_finish_impl(beast::error_code&) override {}
+
+  std::size_t max_lines_;
+  std::uint64_t chunk_left_ = 0;  // of the data of the current chunk
+};
+
+// ---- Sending, and the head of the reply ---------------------------------------------------------
+
+Exchange::Exchange(Stream& stream, Limits& limits, const PoolOptions& options)
+    : stream_(stream), limits_(limits), options_(options) {}
+
+Exchange::~Exchange() = default;
+
+void Exchange::run(std::string head, std::string_view body, bool is_head_request) {
+  is_head_request_ = is_head_request;
+  if (body.size() <= COPIED_BODY_BYTES) head.append(std::exchange(body, {}));
+  send(head);
+  if (!has_final_head_) send(body);
+  is_sent_ = !has_final_head_;
+  if (is_sent_) await_head();
+}
+
+/// Sends the bytes, or a part of them when the final head comes meanwhile.
+void Exchange::send(std::string_view bytes) {
+  std::optional<TimePoint> until;
+  while (!bytes.empty()) {
+    const IoResult result = stream_.send(bytes);
+    if (result.state == Io::moved) {
+      bytes.remove_prefix(result.bytes);
+      until.reset();
+      if (!bytes.empty()) limits_.check(Phase::sending);
+      continue;
+    }
+    // The peer may have answered before it closed.
+    if (receive_head()) return;
+    if (result.state == Io::broken) fail_without_head(result.state);
+    if (!until) until = SteadyClock::now() + limits_.longest_wait(Phase::sending);
+    wait(Phase::sending, *until, true);
+  }
+}
+
+void Exchange::await_head() {
+  const TimePoint from = SteadyClock::now();
+  const TimePoint until = from + limits_.longest_wait(Phase::awaiting_head);
+  while (!receive_head()) wait(Phase::awaiting_head, until);
+  limits_.spend(Phase::awaiting_head, SteadyClock::now() - from);
+}
+
+/// Takes what is here; whether the final head is whole.
+bool Exchange::receive_head() {
+  const std::size_t most = std::min(options_.max_header_bytes, MAX_HEADER_BYTES);
+  for (;;) {
+    if (head_bytes_ + input_.bytes().size() > most) {
+      throw HTTPException("the reply's headers are longer than " + std::to_string(most) + " bytes");
+    }
+    const Io state = input_.fill(stream_, most + 1);
+    if (state == Io::blocked) return false;
+    if (state != Io::moved) fail_without_head(state);
+    if (parse_head()) return true;
+  }
+}
+
+/// The next part of a head that is parsed at once, so that no outcome depends on how it arrives:
+/// the status line, then all fields. Empty while it is not whole.
+std::string_view Exchange::next_part_of_head() {
+  const std::string_view bytes = input_.bytes();
+  const bool has_status = parser_->status != 0;
+  const std::string_view end_mark = has_status ? "\r\n\r\n" : "\n";
+  if (has_status && bytes.starts_with("\r\n")) return bytes.substr(0, 2);  // no fields
+  const std::size_t found = bytes.find(end_mark, searched_);
+  searched_ =
+      found == std::string_view::npos ? bytes.size() - std::min<std::size_t>(bytes.size(), 3) : 0;
+  return found == std::string_view::npos ? "" : bytes.substr(0, found + end_mark.size());
+}
+
+/// Parses what has been received of the final head and the interim ones before it (RFC 9110,
+/// section 15.2); whether the final head is whole.
+bool Exchange::parse_head() {
+  for (;;) {
+    if (!parser_) parser_ = std::make_unique<Parser>(options_.max_headers, is_head_request_);
+    const std::string_view part = next_part_of_head();
+    if (part.empty()) return false;
+    head_bytes_ += part.size();
+    parser_->take(part);
+    input_.consume(part.size());
+    if (parser_->is_header_done() && take_head()) return true;
+  }
+}
+
+/// Takes a head that is whole; whether it is the final one.
+bool Exchange::take_head() {
+  if (parser_->status == 101) {
+    throw HTTPException("the reply switches protocols, which was not asked for");
+  }
+  if (!is_final(parser_->status)) {
+    const std::size_t lines = parser_->lines;
+    parser_ = std::make_unique<Parser>(options_.max_headers, is_head_request_);
+    parser_->lines = lines;
+    return false;
+  }
+  for (const auto& [name, value] : parser_->fields) {
+    if (detail::equal_ignoring_case(name, "transfer-encoding") &&
+        !detail::equal_ignoring_case(value, "chunked") &&
+        !detail::equal_ignoring_case(value, "identity")) {
+      throw HTTPException("the reply has a transfer coding that was not asked for");
+    }
+  }
+  has_final_head_ = true;
+  status_ = parser_->status;
+  headers_ = Headers(std::move(parser_->fields));
+  is_reusable_ = parser_->keep_alive();
+  if (parser_->is_done()) {
+    framing_ = Framing::none;
+  } else if (parser_->chunked()) {
+    framing_ = Framing::chunked;
+  } else if (const auto length = parser_->content_length()) {
+    framing_ = Framing::sized;
+    bytes_left_ = *length;
+  } else {
+    framing_ = Framing::until_end;
+  }
+  return true;
+}
+
+void Exchange::fail_without_head(Io state) const {
+  const StreamError error = stream_.error();
+  const bool has_begun = parser_ && (parser_->status != 0 || !input_.bytes().empty());
+  if (!is_sent_ && !has_begun) {
+    constexpr std::string_view SITUATION = "the connection broke while the request was sent";
+    if (error.os_error != 0) throw_unsent(SITUATION, error);
+    throw URLError(ConnectionError(described(SITUATION, error)));
+  }
+  if (state == Io::broken) throw ConnectionError(described("the connection broke", error));
+  if (parser_ && parser_->status != 0) {
+    throw HTTPException(described("the connection was closed inside the reply's headers", error));
+  }
+  throw DroppedConnection(described("the connection was dropped before a reply began", error));
+}
+
+// ---- The body -----------------------------------------------------------------------------------
+
+void Exchange::wait(Phase phase, TimePoint until, bool to_send) {
+  stream_.wait(to_send, limits_.check(phase, until));
+}
+
+std::size_t Exchange::read(std::string& out, std::size_t amt, bool fill) {
+  limits_.check(Phase::reading_body);
+  if (failure_) std::rethrow_exception(failure_);
+  const std::size_t begin = out.size();
+  std::optional<TimePoint> until;
+  try {
+    while (framing_ != Framing::none && out.size() - begin < amt) {
+      if (take_body(out, amt - (out.size() - begin)) > 0) {
+        if (!fill) break;
+        limits_.check(Phase::reading_body);
+      } else if (framing_ != Framing::none) {
+        if (!until) until = SteadyClock::now() + limits_.longest_wait(Phase::reading_body);
+        wait(Phase::reading_body, *until);
+      }
+    }
+  } catch (const TimeoutError&) {
+    if (out.size() == begin) failure_ = std::current_exception();
+  } catch (...) {
+    failure_ = std::current_exception();
+  }
+  limits_.spend(Phase::reading_body, Duration::zero());
+  if (failure_ && out.size() == begin) std::rethrow_exception(failure_);
+  return out.size() - begin;
+}
+
+/// Takes some of what is here, without waiting.
+std::size_t Exchange::take_body(std::string& out, std::size_t amt) {
+  return framing_ == Framing::chunked ? take_chunked(out, amt) : take_unframed(out, amt);
+}
+
+std::size_t Exchange::take_unframed(std::string& out, std::size_t amt) {
+  const bool is_sized = framing_ == Framing::sized;
+  std::size_t size =
+      is_sized ? static_cast<std::size_t>(std::min<std::uint64_t>(amt, bytes_left_)) : amt;
+  if (const std::string_view here = input_.bytes(); !here.empty()) {
+    size = std::min(size, here.size());
+    out.append(here.substr(0, size));
+    input_.consume(size);
+  } else {
+    const std::size_t begin = out.size();
+    out.resize(begin + std::min(size, RECEIVE_BYTES));
+    const IoResult result = stream_.receive(out.data() + begin, out.size() - begin);
+    size = result.bytes;
+    out.resize(begin + size);
+    if (size == 0) end_body(result.state);
+  }
+  if (is_sized && (bytes_left_ -= size) == 0) framing_ = Framing::none;
+  return size;
+}
+
+std::size_t Exchange::take_chunked(std::string& out, std::size_t amt) {
+  const std::size_t begin = out.size();
+  parser_->out = &out;
+  parser_->room = amt;
+  for (;;) {
+    while (!input_.bytes().empty() && !parser_->is_done()) {
+      const std::size_t used = parser_->take(input_.bytes());
+      if (used == 0) break;
+      input_.consume(used);
+    }
+    if (parser_->is_done()) framing_ = Framing::none;
+    if (parser_->is_done() || out.size() > begin) return out.size() - begin;
+    if (input_.bytes().size() >= RECEIVE_BYTES) {
+      throw HTTPException("a chunk size or the trailers of the reply are longer than " +
+                          std::to_string(RECEIVE_BYTES) + " bytes");
+    }
+    const Io state = input_.fill(stream_, RECEIVE_BYTES);
+    if (state != Io::moved) return end_body(state), 0;
+  }
+}
+
+/// Nothing more can be taken for now, or at all.
+void Exchange::end_body(Io state) {
+  if (state == Io::blocked) return;
+  const StreamError error = stream_.error();
+  if (state == Io::broken) throw ConnectionError(described("the connection broke", error));
+  if (framing_ != Framing::until_end || !stream_.ended_properly()) {
+    throw IncompleteRead(described("the reply was cut short", error));
+  }
+  framing_ = Framing::none;
+}
+
+bool Exchange::finish() {
+  const bool is_worth_it = has_final_head_ && is_reusable_ && is_sent_ && !failure_ &&
+                           (framing_ != Framing::sized || bytes_left_ <= DRAINED_BYTES);
+  if (!is_worth_it) return false;
+  try {
+    std::string drained;
+    while (framing_ != Framing::none && drained.size() < DRAINED_BYTES &&
+           take_body(drained, DRAINED_BYTES) > 0) {
+    }
+  } catch (...) {
+    return false;
+  }
+  return framing_ == Framing::none && input_.bytes().empty();
+}
+
+}  // namespace engines::http::net

@@ -1,0 +1,90 @@
+#include "engines/http/net/limits.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <string_view>
+
+#include "engines/http/failure.h"
+
+namespace engines::http::net {
+namespace {
+
+constexpr double LONGEST_S = 1e6;
+
+/// The longest wait before the stop signal is asked again: half of what is promised.
+constexpr Duration STOP_POLL = std::chrono::milliseconds(50);
+
+std::string_view text_of(Phase phase) {
+  constexpr std::array<std::string_view, 4> TEXTS = {"connecting", "sending the request",
+                                                     "waiting for the headers of the reply",
+                                                     "reading the body of the reply"};
+  return TEXTS[static_cast<std::size_t>(phase)];
+}
+
+bool is_outward(Phase phase) { return phase == Phase::connecting || phase == Phase::sending; }
+
+}  // namespace
+
+Duration duration_of(double seconds) {
+  if (!(seconds > 0)) return Duration::zero();
+  return std::chrono::duration_cast<Duration>(
+      std::chrono::duration<double>(std::min(seconds, LONGEST_S)));
+}
+
+int milliseconds(Duration duration) {
+  return static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(duration).count());
+}
+
+Limits::Limits(const TransportOptions& options, std::optional<Seconds> connect_timeout)
+    : timeout_s_(options.timeout),
+      connect_timeout_s_(timeout_s_),
+      timeout_(duration_of(timeout_s_)),
+      connect_timeout_(timeout_),
+      should_stop_(options.should_stop) {
+  if (connect_timeout && duration_of(*connect_timeout) < timeout_) {
+    connect_timeout_s_ = *connect_timeout;
+    connect_timeout_ = duration_of(connect_timeout_s_);
+  }
+  if (options.time_left) end_ = SteadyClock::now() + duration_of(*options.time_left);
+}
+
+Duration Limits::longest_wait(Phase phase) const {
+  if (phase == Phase::connecting) return connect_timeout_ - connecting_;
+  if (phase == Phase::awaiting_head) return timeout_ - awaiting_head_;
+  if (phase == Phase::sending || has_read_) return timeout_;
+  // The first read shares what connecting and the head have left over, so that a peer which is slow
+  // at everything holds an attempt no longer than twice the timeout.
+  return std::clamp(2 * timeout_ - connecting_ - awaiting_head_, Duration::zero(), timeout_);
+}
+
+void Limits::spend(Phase phase, Duration waited) {
+  if (phase == Phase::connecting) connecting_ += waited;
+  if (phase == Phase::awaiting_head) awaiting_head_ += waited;
+  if (phase == Phase::reading_body) has_read_ = true;
+}
+
+void Limits::time_out(Phase phase, const std::string& bound) const {
+  const TimeoutError failure("timed out after " + bound + " while " + std::string(text_of(phase)) +
+                             (is_outward(phase) ? " to " : " from ") + peer);
+  if (is_outward(phase)) throw URLError(failure);
+  throw failure;
+}
+
+Duration Limits::check(Phase phase, TimePoint until) const {
+  if (should_stop_ && should_stop_()) {
+    // This text bypasses redaction, so it must not name the host, which a redirect may have chosen.
+    throw Stopped("the transport was asked to stop while " + std::string(text_of(phase)));
+  }
+  const TimePoint now = SteadyClock::now();
+  if (end_ && now >= *end_) time_out(phase, "all the time that was left for the call");
+  if (now >= until) {
+    char seconds[32];
+    std::snprintf(seconds, sizeof seconds, "%g s",
+                  phase == Phase::connecting ? connect_timeout_s_ : timeout_s_);
+    time_out(phase, seconds);
+  }
+  return std::min({STOP_POLL, until - now, end_ ? *end_ - now : Duration::max()});
+}
+
+}  // namespace engines::http::net

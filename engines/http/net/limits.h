@@ -1,0 +1,62 @@
+// How long one call may wait, and what ends it early. A call is one use of a transport: with
+// redirects it is several exchanges.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+#include "engines/http/seconds.h"
+#include "engines/http/stop_signal.h"
+#include "engines/http/transport.h"
+
+namespace engines::http::net {
+
+using SteadyClock = std::chrono::steady_clock;
+using Duration = SteadyClock::duration;
+using TimePoint = SteadyClock::time_point;
+
+/// The duration of so many seconds: zero for what is not above zero or is NaN, and no more than
+/// 1,000,000 s, which overflows neither the clock nor a count of milliseconds.
+Duration duration_of(double seconds);
+
+/// Whole milliseconds, rounded up, for poll(2) and its like.
+int milliseconds(Duration duration);
+
+/// What a call is doing.
+enum class Phase { connecting, sending, awaiting_head, reading_body };
+
+/// The bounds of one call. Connecting, and waiting for the final head, have one budget each over
+/// all redirects; every other wait is bounded by the timeout alone.
+class Limits {
+ public:
+  Limits(const TransportOptions& options, std::optional<Seconds> connect_timeout);
+
+  /// How long a wait that begins now may take in this phase.
+  Duration longest_wait(Phase phase) const;
+
+  /// Takes a wait off the budget of its phase.
+  void spend(Phase phase, Duration waited);
+
+  /// Throws `Stopped` once the stop signal says so, and a timeout once the call's time is over or
+  /// `until` has come. Otherwise returns how long to wait before asking again.
+  Duration check(Phase phase, TimePoint until = TimePoint::max()) const;
+
+  /// The peer of the current exchange, "host:port", for the texts of timeouts.
+  std::string peer;
+
+ private:
+  [[noreturn]] void time_out(Phase phase, const std::string& bound) const;
+
+  double timeout_s_;
+  double connect_timeout_s_;
+  Duration timeout_;
+  Duration connect_timeout_;
+  Duration connecting_ = Duration::zero();     // spent on connecting so far
+  Duration awaiting_head_ = Duration::zero();  // spent on waiting for heads so far
+  bool has_read_ = false;                      // whether a read of the body has ended
+  std::optional<TimePoint> end_;               // of the whole call
+  StopSignal should_stop_;
+};
+
+}  // namespace engines::http::net

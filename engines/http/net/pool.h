@@ -1,0 +1,57 @@
+// The idle connections of a pool.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "engines/http/net/connection.h"
+#include "engines/http/pool_options.h"
+
+namespace engines::http::net {
+
+/// Any thread may call any function at any time, and so may the child of a fork: it begins with no
+/// idle connection.
+class Pool {
+ public:
+  explicit Pool(PoolOptions options);
+  ~Pool();
+  Pool(const Pool&) = delete;
+  Pool& operator=(const Pool&) = delete;
+
+  const PoolOptions& options() const noexcept { return options_; }
+
+  /// The connection with this route that was used last and is quiet; null: none. Closes those that
+  /// have been idle for too long.
+  std::unique_ptr<Connection> take(const Route& route);
+
+  /// Keeps a connection that can serve another exchange.
+  void keep(std::unique_ptr<Connection> connection) noexcept;
+
+ private:
+  struct Idle {
+    std::unique_ptr<Connection> connection;
+    TimePoint since;
+  };
+  using Connections = std::vector<Idle>;  // the one that was used last at the end
+
+  /// The idle connections of one process. A child never touches its parent's, the lock included,
+  /// which another thread may have held when the fork was made.
+  struct OfProcess {
+    OfProcess* inherited;
+    unsigned process = process_number();
+    std::mutex mutex = {};
+    Connections idle = {};
+  };
+
+  OfProcess& own();
+  std::unique_ptr<Connection> take_latest(const Route& route);
+  Connections take_stale(OfProcess& own, TimePoint now) const;
+
+  const PoolOptions options_;
+  const Duration max_idle_time_;
+  std::atomic<OfProcess*> own_;
+};
+
+}  // namespace engines::http::net

@@ -1,0 +1,118 @@
+#include "engines/http/net/redirect.h"
+
+#include <algorithm>
+#include <span>
+#include <stdexcept>
+
+#include "engines/http/text/case.h"
+
+namespace engines::http::net {
+namespace {
+
+/// What another origin may know of a request. A list of credentials would never be complete.
+constexpr std::string_view HARMLESS[] = {"accept", "accept-language", "content-type",
+                                         "content-language", "user-agent"};
+/// What describes a body.
+constexpr std::string_view CONTENT[] = {"content-type", "content-length", "content-encoding",
+                                        "content-language", "content-location"};
+
+bool is_token(std::string_view text) {  // RFC 9110, section 5.6.2
+  return !text.empty() && std::ranges::all_of(text, [](char c) {
+    return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
+           std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos;
+  });
+}
+
+[[noreturn]] void refuse(const std::string& why) { throw std::invalid_argument(why); }
+
+bool is_any_of(std::string_view name, std::span<const std::string_view> names) {
+  return std::ranges::any_of(
+      names, [name](std::string_view other) { return detail::equal_ignoring_case(name, other); });
+}
+
+template <class Keep>
+Headers kept(const Headers& headers, Keep keep) {
+  Headers left;
+  for (const auto& [name, value] : headers) {
+    if (keep(name)) left.add(name, value);
+  }
+  return left;
+}
+
+/// Whether a `Host` value names the origin that the request goes to.
+bool names_origin(const std::string& host, const Origin& origin) {
+  try {
+    const auto url = parse_url(origin.scheme + "://" + host);
+    Origin named = url->origin;
+    named.zone = origin.zone;  // which is no part of a Host
+    return named == origin && !url->credentials && host.find_first_of("/?#") == std::string::npos;
+  } catch (const std::invalid_argument&) {
+    return false;
+  }
+}
+
+void check_header(const std::string& name, const std::string& value, const Hop& hop) {
+  if (!is_token(name)) {
+    refuse("a header name of the request is empty or holds a forbidden character");
+  }
+  if (std::ranges::any_of(value, is_forbidden_in_value)) {
+    refuse("the request's header " + name + " holds a control character in its value");
+  }
+  if (detail::equal_ignoring_case(name, "content-length") &&
+      value != std::to_string(hop.body.value_or("").size())) {
+    refuse("the request's header Content-Length contradicts its body");
+  }
+  if (detail::equal_ignoring_case(name, "transfer-encoding")) {
+    refuse("the request's header Transfer-Encoding contradicts its body, which is sent as it is");
+  }
+  if (detail::equal_ignoring_case(name, "host") && !names_origin(value, hop.url->origin)) {
+    refuse("the request's header Host contradicts its URL");
+  }
+  if (detail::equal_ignoring_case(name, "expect")) {
+    refuse("the request's header Expect cannot be sent");
+  }
+}
+
+}  // namespace
+
+bool is_forbidden_in_value(char c) noexcept {
+  return (static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == '\x7f';
+}
+
+Hop first_hop(const Request& request) {
+  Hop hop{.url = parse_url(request.url),
+          .credentials = {},
+          .method = request.method,
+          .headers = {std::shared_ptr<void>(), &request.headers},
+          .body = request.data};
+  if (!is_token(hop.method)) refuse("the request's method is empty or holds a forbidden character");
+  if (hop.method == "CONNECT") refuse("the request's method CONNECT cannot be sent");
+  for (const auto& [name, value] : *hop.headers) check_header(name, value, hop);
+  if (!hop.headers->get("authorization")) hop.credentials = hop.url->credentials;
+  return hop;
+}
+
+std::optional<Hop> next_hop(const Hop& hop, StatusCode status,
+                            const std::optional<std::string>& location) {
+  const bool repeats = status == 307 || status == 308;
+  if (!repeats && status != 301 && status != 302 && status != 303) return std::nullopt;
+  auto url = resolve(*hop.url, location.value_or(""));
+  if (!url) return std::nullopt;
+  Hop next = hop;
+  next.url = std::move(url);
+  Headers headers = *hop.headers;
+  const bool keeps_method = hop.method == "GET" || hop.method == "HEAD";
+  if (!repeats && !keeps_method && (status == 303 || hop.method == "POST")) {
+    next.method = "GET";
+    next.body.reset();
+    headers = kept(headers, [](std::string_view name) { return !is_any_of(name, CONTENT); });
+  }
+  if (next.url->origin != hop.url->origin) {
+    next.credentials.reset();
+    headers = kept(headers, [](std::string_view name) { return is_any_of(name, HARMLESS); });
+  }
+  next.headers = std::make_shared<const Headers>(std::move(headers));
+  return next;
+}
+
+}  // namespace engines::http::net

@@ -1,0 +1,49 @@
+// One request of a chain of redirects: what is sent, checked before it is sent, and what a redirect
+// makes of it.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "engines/http/net/url.h"
+#include "engines/http/transport.h"
+
+namespace engines::http::net {
+
+struct Hop {
+  std::shared_ptr<const Url> url;
+  /// The URL's userinfo, where it is sent: to the origin that it was given for, unless the headers
+  /// hold an `Authorization`.
+  std::optional<Credentials> credentials;
+  std::string method;
+  /// Borrowed from the caller's request, or made for a redirect.
+  std::shared_ptr<const Headers> headers;
+  /// The body, borrowed from the caller's request; none sends no body.
+  std::optional<std::string_view> body;
+};
+
+/// Whether the character may not appear in a header's value (RFC 9110, section 5.5).
+bool is_forbidden_in_value(char c) noexcept;
+
+/// The first hop of a request. Throws `ValueError`, which names the part and quotes no value, for
+/// what could not be sent as it is given:
+///   - a URL that `parse_url` refuses;
+///   - a method or a header name that is no token, or a control character in a header's value
+///     (RFC 9110, sections 5.5, 5.6.2 and 9.1): they would start another header or request;
+///   - a `Content-Length`, `Transfer-Encoding` or `Host` that contradicts the request, and the
+///     method `CONNECT`: the peer would see other message ends, or another request, than we do;
+///   - `Expect`, which asks for an exchange that a transport may have to repeat.
+/// The request must outlive the hop.
+Hop first_hop(const Request& request);
+
+/// What follows a reply with this status and `Location`; none where the reply is final
+/// (RFC 9110, section 15.4). 307 and 308 repeat the request. 303, and after a POST 301 and 302,
+/// turn it into a GET without a body. Another origin gets neither credentials nor any header but
+/// those that say what the body is and what the client reads; and the peer does not choose which
+/// userinfo is sent.
+std::optional<Hop> next_hop(const Hop& hop, StatusCode status,
+                            const std::optional<std::string>& location);
+
+}  // namespace engines::http::net

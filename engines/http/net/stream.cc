@@ -1,0 +1,32 @@
+#include "engines/http/net/stream.h"
+
+#include <cerrno>
+#include <system_error>
+
+namespace engines::http::net {
+
+std::string described(std::string_view situation, const StreamError& error) {
+  std::string text(situation);
+  if (error.os_error != 0) text += " (" + std::generic_category().message(error.os_error) + ")";
+  // The quote comes last: a library below may have cut it inside a secret, and only at the end of a
+  // text is the start of one looked for.
+  if (!error.text.empty()) text += ": " + error.text;
+  return text;
+}
+
+void throw_unsent(std::string_view situation, const StreamError& error) {
+  const std::string text = described(situation, error);
+  switch (error.os_error) {
+    case ECONNREFUSED:
+    case ECONNRESET:
+    case ECONNABORTED:
+    case EPIPE:
+      throw URLError(ConnectionError(text));
+    case ETIMEDOUT:
+      throw URLError(TimeoutError(text));
+    default:
+      throw URLError(OSError(text));
+  }
+}
+
+}  // namespace engines::http::net

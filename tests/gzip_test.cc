@@ -1,0 +1,83 @@
+#include "engines/http/net/gzip.h"
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <algorithm>
+#include <string>
+
+#include "engines/http/transport.h"
+
+namespace engines::http::net {
+namespace {
+
+std::string gzipped(const std::string& text) {
+  z_stream stream{};
+  deflateInit2(&stream, 9, Z_DEFLATED, 16 + MAX_WBITS, 8, Z_DEFAULT_STRATEGY);
+  std::string coded(deflateBound(&stream, text.size()) + 32, '\0');
+  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
+  stream.avail_in = static_cast<uInt>(text.size());
+  stream.next_out = reinterpret_cast<Bytef*>(coded.data());
+  stream.avail_out = static_cast<uInt>(coded.size());
+  EXPECT_EQ(deflate(&stream, Z_FINISH), Z_STREAM_END);
+  coded.resize(stream.total_out);
+  deflateEnd(&stream);
+  return coded;
+}
+
+/// The coded body in pieces, then its end.
+GzipDecoder::Source source(std::string coded, std::size_t piece) {
+  return [coded, piece, at = std::size_t{0}](std::string& out) mutable {
+    const std::size_t size = std::min(piece, coded.size() - at);
+    out.append(coded, at, size);
+    at += size;
+    return size;
+  };
+}
+
+std::string decoded(const std::string& coded, std::size_t piece, std::size_t amt, bool fill) {
+  GzipDecoder decoder(source(coded, piece));
+  std::string body;
+  std::size_t size = 0;
+  while ((size = decoder.read(body, amt, fill)) > 0) EXPECT_LE(size, amt);
+  EXPECT_EQ(decoder.read(body, amt, fill), 0U) << "a read after the end";
+  return body;
+}
+
+TEST(Gzip, IsDecodedHoweverItArrivesAndIsRead) {
+  std::string text;
+  for (int i = 0; i < 20'000; ++i) text += std::to_string(i * i);
+  for (const std::size_t piece : {1, 7, 65536}) {
+    for (const std::size_t amt : {1, 1000, 65536}) {
+      EXPECT_EQ(decoded(gzipped(text), piece, amt, amt == 1000), text);
+    }
+    EXPECT_EQ(decoded(gzipped("one, ") + gzipped("") + gzipped("two"), piece, 100, false),
+              "one, two");
+    EXPECT_EQ(decoded("", piece, 1, false), "") << "no body at all";
+  }
+}
+
+TEST(Gzip, ABombGivesNoMoreThanIsAskedFor) {
+  const std::string bomb = gzipped(std::string(50'000'000, '\0'));
+  ASSERT_LT(bomb.size(), 65536U);
+  GzipDecoder decoder(source(bomb, 65536));
+  std::string body;
+  EXPECT_EQ(decoder.read(body, 65536, false), 65536U);
+  EXPECT_LT(body.capacity(), 200'000U);
+}
+
+TEST(Gzip, ThatIsCutOrMalformedIsAFailureAfterWhatCameBefore) {
+  const std::string coded = gzipped("hello, hello, hello");
+  for (const std::size_t kept : {1UL, 9UL, 15UL, coded.size() - 9, coded.size() - 1}) {
+    EXPECT_THROW(decoded(coded.substr(0, kept), 65536, 9, false), IncompleteRead) << kept;
+  }
+  EXPECT_THROW(decoded(coded + "x", 65536, 9, false), IncompleteRead) << "a member of one byte";
+  std::string wrong_sum = coded;
+  wrong_sum[wrong_sum.size() - 8] ^= 1;
+  for (const std::string& malformed : {std::string("hello"), coded + "hello", wrong_sum}) {
+    EXPECT_THROW(decoded(malformed, 65536, 9, false), HTTPException);
+  }
+}
+
+}  // namespace
+}  // namespace engines::http::net

@@ -1,0 +1,62 @@
+// A stream that plays a script: the bytes of a peer, in pieces, and how it ends.
+#pragma once
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+
+#include "engines/http/net/stream.h"
+
+namespace engines::http::test {
+
+using net::Io;
+using net::IoResult;
+
+/// How the peer goes on after its bytes.
+enum class Then { ends, cuts, resets, stalls };
+
+/// A peer whose bytes come in pieces of a given size, each after a wait.
+class ScriptedStream final : public net::Stream {
+ public:
+  ScriptedStream(std::string bytes, Then then, std::size_t piece)
+      : bytes_(std::move(bytes)), then_(then), piece_(piece) {}
+
+  IoResult send(std::string_view bytes) override {
+    if (sent.size() >= takes) return {Io::blocked};
+    sent += bytes;
+    return {Io::moved, bytes.size()};
+  }
+  IoResult receive(char* to, std::size_t room) override {
+    if (received_ < arrived_) {
+      const std::size_t size = bytes_.copy(to, std::min(room, arrived_ - received_), received_);
+      received_ += size;
+      return {Io::moved, size};
+    }
+    if (arrived_ < bytes_.size() || then_ == Then::stalls) return {Io::blocked};
+    return {then_ == Then::resets ? Io::broken : Io::ended};
+  }
+  void wait(bool, net::Duration at_most) override {
+    if (arrived_ == bytes_.size()) std::this_thread::sleep_for(at_most);
+    arrived_ = std::min(bytes_.size(), arrived_ + piece_);
+  }
+  bool ended_properly() const override { return then_ == Then::ends; }
+  net::StreamError error() const override {
+    return {then_ == Then::resets ? ECONNRESET : 0, "quote"};
+  }
+
+  std::string sent;
+  std::size_t takes = SIZE_MAX;  // so much is taken of what is sent
+
+ private:
+  std::string bytes_;
+  Then then_;
+  std::size_t piece_;
+  std::size_t arrived_ = 0;
+  std::size_t received_ = 0;
+};
+
+}  // namespace engines::http::test
