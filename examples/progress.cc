@@ -13,7 +13,7 @@ using namespace engines::http;
 
 namespace {
 
-/// Told after each read: the bytes so far, and the bytes announced (0: not announced).
+/// Called after each read with the bytes so far, and those announced (0: unknown).
 using Progress = std::function<void(std::size_t so_far, std::size_t announced)>;
 
 /// A reply that passes everything on to another one and counts what goes through.
@@ -66,6 +66,8 @@ int main() {
     const Json report =
         get_json(server.url("/long"), {.policy = {.max_body_bytes = 8'000'000},
                                        .label = "report",
+                                       // In a coding, the length would be that of the coded body.
+                                       .headers = {{"Accept-Encoding", "identity"}},
                                        .transport = watched(urlopen_transport, show)});
     std::cout << report.at("pages").size() << " pages\n";
     return shown == 100 ? 0 : 1;
