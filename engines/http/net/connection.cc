@@ -26,6 +26,9 @@ namespace {
 /// Until it is connected, libcurl has to be called this often to try a host's next address.
 constexpr Duration CONNECT_POLL = std::chrono::milliseconds(50);
 
+/// The most that one receive gives.
+constexpr long RECEIVE_BYTES = 65536;
+
 /// The most that is sent over TLS at a time. OpenSSL shows no progress within one write.
 constexpr std::size_t TLS_RECORD_BYTES = 16384;
 
@@ -202,6 +205,7 @@ void Connection::set_up(const PoolOptions& options) {
   set(easy_, CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
   set(easy_, CURLOPT_USERAGENT, or_null(options.user_agent));  // of a CONNECT
   set(easy_, CURLOPT_TCP_NODELAY, 1L);
+  set(easy_, CURLOPT_BUFFERSIZE, RECEIVE_BYTES);  // bounds curl_easy_recv
   // Signals belong to the application; a resolver that hangs must not hold the end of the call.
   set(easy_, CURLOPT_NOSIGNAL, 1L);
   set(easy_, CURLOPT_QUICK_EXIT, 1L);

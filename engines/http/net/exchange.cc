@@ -72,16 +72,14 @@ std::string request_head(const Hop& hop, const Url* proxy, const PoolOptions& op
 
 // ---- InputBuffer --------------------------------------------------------------------------------
 
-Io InputBuffer::fill(Stream& stream, std::size_t most) {
+Io InputBuffer::fill(Stream& stream, std::size_t capacity) {
   if (begin_ == end_) begin_ = end_ = 0;
-  if (end_ == capacity_) {
+  if (capacity > capacity_ || end_ == capacity_) {
+    capacity_ = std::max(capacity, capacity_);
+    auto moved = std::make_unique_for_overwrite<char[]>(capacity_);
     const std::size_t size = end_ - begin_;
-    const std::size_t capacity =
-        size < capacity_ ? capacity_ : std::min(std::max(2 * capacity_, FIRST_INPUT_BYTES), most);
-    auto moved = std::make_unique_for_overwrite<char[]>(capacity);
     if (size > 0) std::memcpy(moved.get(), data_.get() + begin_, size);
     data_ = std::move(moved);
-    capacity_ = capacity;
     begin_ = 0;
     end_ = size;
   }
@@ -224,7 +222,9 @@ bool Exchange::receive_head() {
     if (head_bytes_ + input_.bytes().size() > most) {
       throw HTTPException("the reply's headers are longer than " + std::to_string(most) + " bytes");
     }
-    const Io state = input_.fill(stream_, most + 1);
+    const std::size_t here = input_.bytes().size();
+    const Io state =
+        input_.fill(stream_, std::max(FIRST_INPUT_BYTES, std::min(2 * here, most + 1)));
     if (state == Io::blocked) return false;
     if (state != Io::moved) fail_without_head(state);
     if (parse_head()) return true;
@@ -346,22 +346,17 @@ std::size_t Exchange::take_body(std::string& out, std::size_t amt) {
 
 std::size_t Exchange::take_unframed(std::string& out, std::size_t amt) {
   const bool is_sized = framing_ == Framing::sized;
-  std::size_t size =
-      is_sized ? static_cast<std::size_t>(std::min<std::uint64_t>(amt, bytes_left_)) : amt;
-  if (const std::string_view here = input_.bytes(); !here.empty()) {
-    size = std::min(size, here.size());
-    out.append(here.substr(0, size));
-    input_.consume(size);
-  } else {
-    const std::size_t begin = out.size();
-    out.resize(begin + std::min(size, RECEIVE_BYTES));
-    const IoResult result = stream_.receive(out.data() + begin, out.size() - begin);
-    size = result.bytes;
-    out.resize(begin + size);
-    if (size == 0) end_body(result.state);
+  const std::uint64_t left = is_sized ? bytes_left_ : std::numeric_limits<std::uint64_t>::max();
+  if (input_.bytes().empty()) {
+    const auto capacity = static_cast<std::size_t>(std::min<std::uint64_t>(left, RECEIVE_BYTES));
+    const Io state = input_.fill(stream_, capacity);
+    if (state != Io::moved) return end_body(state), 0;
   }
-  if (is_sized && (bytes_left_ -= size) == 0) framing_ = Framing::none;
-  return size;
+  const std::string_view here = input_.bytes().substr(0, std::min<std::uint64_t>(amt, left));
+  out.append(here);
+  input_.consume(here.size());
+  if (is_sized && (bytes_left_ -= here.size()) == 0) framing_ = Framing::none;
+  return here.size();
 }
 
 std::size_t Exchange::take_chunked(std::string& out, std::size_t amt) {

@@ -27,8 +27,8 @@ class InputBuffer {
  public:
   std::string_view bytes() const noexcept { return {data_.get() + begin_, end_ - begin_}; }
   void consume(std::size_t count) noexcept { begin_ += count; }
-  /// Receives once. There must be fewer than `most` bytes, which is how many may be here then.
-  Io fill(Stream& stream, std::size_t most);
+  /// Receives once, up to at least `capacity` bytes in all, of which there must be fewer.
+  Io fill(Stream& stream, std::size_t capacity);
 
  private:
   std::unique_ptr<char[]> data_;
