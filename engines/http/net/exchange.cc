@@ -217,18 +217,21 @@ void Exchange::await_head() {
 
 /// Takes what is here; whether the final head is whole.
 bool Exchange::receive_head() {
-  const std::size_t most = std::min(options_.max_header_bytes, MAX_HEADER_BYTES);
   for (;;) {
-    if (head_bytes_ + input_.bytes().size() > most) {
-      throw HTTPException("the reply's headers are longer than " + std::to_string(most) + " bytes");
-    }
     const std::size_t here = input_.bytes().size();
-    const Io state =
-        input_.fill(stream_, std::max(FIRST_INPUT_BYTES, std::min(2 * here, most + 1)));
+    check_head_size(here);
+    const Io state = input_.fill(stream_, std::max(FIRST_INPUT_BYTES, 2 * here));
     if (state == Io::blocked) return false;
     if (state != Io::moved) fail_without_head(state);
     if (parse_head()) return true;
   }
+}
+
+/// Throws where so many bytes more are too many for the heads.
+void Exchange::check_head_size(std::size_t more) const {
+  const std::size_t most = std::min(options_.max_header_bytes, MAX_HEADER_BYTES);
+  if (head_bytes_ + more <= most) return;
+  throw HTTPException("the reply's headers are longer than " + std::to_string(most) + " bytes");
 }
 
 /// The next part of a head that is parsed at once, so that no outcome depends on how it arrives:
@@ -251,6 +254,7 @@ bool Exchange::parse_head() {
     if (!parser_) parser_ = std::make_unique<Parser>(options_.max_headers, is_head_request_);
     const std::string_view part = next_part_of_head();
     if (part.empty()) return false;
+    check_head_size(part.size());
     head_bytes_ += part.size();
     parser_->take(part);
     input_.consume(part.size());

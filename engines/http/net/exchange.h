@@ -70,6 +70,7 @@ class Exchange {
   void send(std::string_view bytes);
   void await_head();
   bool receive_head();
+  void check_head_size(std::size_t more) const;
   std::string_view next_part_of_head();
   bool parse_head();
   bool take_head();
