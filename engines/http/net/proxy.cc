@@ -90,10 +90,12 @@ std::shared_ptr<const Url> proxy_for(const Origin& origin,
     given = origin.scheme == "https"
                 ? environment({"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"})
                 : environment({"http_proxy", "all_proxy", "ALL_PROXY"});
-    if (is_excluded(environment({"no_proxy", "NO_PROXY"}).second, origin.host)) return nullptr;
   }
   const auto& [name, url] = given;
   if (url.empty()) return nullptr;
+  if (!option && is_excluded(environment({"no_proxy", "NO_PROXY"}).second, origin.host)) {
+    return nullptr;
+  }
   try {
     return std::make_shared<const Url>(parse_proxy_url(url));
   } catch (const std::invalid_argument& error) {
