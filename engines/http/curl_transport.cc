@@ -80,17 +80,27 @@ class Reply final : public Response {
 
   std::size_t read(std::string& out, std::size_t amt, bool fill) {
     if (!connection_->is_ours()) throw OSError("the reply belongs to the process that opened it");
-    return decoder_ ? decoder_->read(out, amt, fill) : exchange_->read(out, amt, fill);
+    if (!decoder_) return exchange_->read(out, amt, fill);
+    const net::Limits& limits = call_->limits;
+    limits.check(net::Phase::reading_body);
+    read_until_ = net::SteadyClock::now() + limits.longest_wait(net::Phase::reading_body);
+    return decoder_->read(out, amt, fill);
   }
 
   /// Decides how the body is decoded: a coding that nobody asked for fails where there is a body.
   void set_up_decoding() {
-    const std::string coding = detail::lower(headers()->get("content-encoding").value_or(""));
+    std::string coding;
+    for (const auto& [name, value] : *headers()) {
+      if (value.empty() || !detail::equal_ignoring_case(name, "content-encoding")) continue;
+      coding += (coding.empty() ? "" : ", ") + detail::lower(value);
+    }
     if (coding.empty() || coding == "identity") return;
     const bool is_gzip = coding == "gzip" || coding == "x-gzip";  // RFC 9110, section 8.4.1.3
-    decoder_.emplace([this, coding, is_gzip](std::string& coded) {
-      const std::size_t size = exchange_->read(coded, CODED_BYTES, false);
-      if (size > 0 && !is_gzip) {
+    decoder_.emplace([this, coding, is_gzip, has_body = false](std::string& coded) mutable {
+      call_->limits.check(net::Phase::reading_body, read_until_);
+      const std::size_t size = exchange_->read(coded, CODED_BYTES, false, read_until_);
+      has_body = has_body || size > 0;
+      if (has_body && !is_gzip) {
         throw HTTPException("the reply has a content coding that was not asked for: " +
                             coding.substr(0, MOST_QUOTED));
       }
@@ -102,6 +112,7 @@ class Reply final : public Response {
   std::unique_ptr<net::Connection> connection_;
   std::optional<net::Exchange> exchange_;
   std::optional<net::GzipDecoder> decoder_;
+  net::TimePoint read_until_;  // when the current read of a coded body ends, however many it needs
 };
 
 std::shared_ptr<Response> call(const Request& request, const TransportOptions& options,

@@ -67,7 +67,8 @@ std::string trust_variable(const char* name, char separator = '\0') {
   const std::string paths = value;
   for (std::size_t begin = 0; begin < paths.size();) {
     const std::size_t end = std::min(paths.find(separator, begin), paths.size());
-    if (access(paths.substr(begin, end - begin).c_str(), R_OK) == 0) return paths;
+    const std::string path = paths.substr(begin, end - begin) + (separator == ':' ? "/." : "");
+    if (access(path.c_str(), R_OK) == 0) return paths;
     begin = end + 1;
   }
   refuse(std::string(name) + " names nothing that can be read");
@@ -105,14 +106,6 @@ Trust trust(CURL* easy, const PoolOptions& options) {
     trust.directory = platforms;
   }
   return trust;
-}
-
-/// OpenSSL by default stays inside one read while records without content keep coming (new keys
-/// without end), and libcurl has it hide that a peer ended without saying so.
-CURLcode prepare_openssl(CURL*, void* context, void*) noexcept {
-  SSL_CTX_clear_mode(static_cast<SSL_CTX*>(context), SSL_MODE_AUTO_RETRY);
-  SSL_CTX_clear_options(static_cast<SSL_CTX*>(context), SSL_OP_IGNORE_UNEXPECTED_EOF);
-  return CURLE_OK;
 }
 
 /// libcurl's TLS session on this handle; its backend says whose object `internals` is.
@@ -250,7 +243,34 @@ void Connection::set_up_tls(const PoolOptions& options) {
     set(easy_, CURLOPT_SSLKEY, (has_key ? options.client_key : options.client_certificate).c_str());
   }
   has_openssl_ = tls_session(easy_).backend == CURLSSLBACKEND_OPENSSL;
-  if (has_openssl_) set(easy_, CURLOPT_SSL_CTX_FUNCTION, &prepare_openssl);
+  if (!has_openssl_) return;
+  set(easy_, CURLOPT_SSL_CTX_FUNCTION, &on_tls_context);
+  set(easy_, CURLOPT_SSL_CTX_DATA, this);
+}
+
+/// OpenSSL by default stays inside one read while records without content keep coming (new keys
+/// without end), and libcurl has it hide that a peer ended without saying so.
+CURLcode Connection::on_tls_context(CURL*, void* context, void* self) noexcept {
+  auto* const tls = static_cast<SSL_CTX*>(context);
+  SSL_CTX_clear_mode(tls, SSL_MODE_AUTO_RETRY);
+  SSL_CTX_clear_options(tls, SSL_OP_IGNORE_UNEXPECTED_EOF);
+  SSL_CTX_set_msg_callback(tls, &on_tls_message);
+  SSL_CTX_set_msg_callback_arg(tls, self);
+  return CURLE_OK;
+}
+
+/// OpenSSL also stays inside one step of the handshake while messages that it skips keep coming.
+/// Once the time is over it has nothing more to read.
+void Connection::on_tls_message(int, int, int, const void*, std::size_t, ssl_st* session,
+                                void* self) noexcept {
+  auto& connection = *static_cast<Connection*>(self);
+  if (connection.limits_ == nullptr || connection.failure_) return;
+  try {
+    connection.limits_->check(Phase::connecting, connection.connect_until_);
+  } catch (...) {
+    connection.failure_ = std::current_exception();
+    SSL_set0_rbio(session, BIO_new(BIO_s_null()));
+  }
 }
 
 curl_socket_t Connection::on_socket(void*, curlsocktype, curl_sockaddr* address) noexcept {
@@ -314,17 +334,20 @@ void Connection::fail(CURLcode code) const {
     case CURLE_OUT_OF_MEMORY:
       throw std::bad_alloc();
     case CURLE_COULDNT_RESOLVE_HOST:
-      throw URLError(gaierror(text("the host name did not resolve")));
-    case CURLE_COULDNT_RESOLVE_PROXY:
-      throw URLError(gaierror(text("the proxy's name did not resolve")));
+    case CURLE_COULDNT_RESOLVE_PROXY: {
+      const bool is_proxys =
+          code == CURLE_COULDNT_RESOLVE_PROXY || &route_.peer() != &route_.origin;
+      throw URLError(gaierror(
+          text(is_proxys ? "the proxy's name did not resolve" : "the host name did not resolve")));
+    }
     case CURLE_OPERATION_TIMEDOUT:
       throw URLError(TimeoutError(text("timed out while connecting")));
     case CURLE_PEER_FAILED_VERIFICATION:
       throw URLError(OSError(text("the peer's certificate is not trusted")));
     case CURLE_SSL_CACERT_BADFILE:
-      throw URLError(OSError(text("the CA certificates cannot be read")));
+      refuse(text("the CA certificates (PoolOptions::ca_file, SSL_CERT_FILE) cannot be read"));
     case CURLE_SSL_CERTPROBLEM:
-      throw URLError(OSError(text("the client's certificate cannot be used")));
+      refuse(text("PoolOptions::client_certificate or client_key cannot be used"));
     default:
       throw_unsent(
           code == CURLE_SSL_CONNECT_ERROR ? "cannot set up a secure connection" : "cannot connect",

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <curl/curl.h>
+#include <openssl/types.h>
 
 #include <exception>
 #include <memory>
@@ -73,6 +74,9 @@ class Connection final : public Stream {
   [[noreturn]] void fail(CURLcode code) const;
 
   static curl_socket_t on_socket(void*, curlsocktype, curl_sockaddr* address) noexcept;
+  static CURLcode on_tls_context(CURL*, void* context, void* self) noexcept;
+  static void on_tls_message(int, int, int, const void*, std::size_t, ssl_st* session,
+                             void* self) noexcept;
   static std::size_t on_proxy_line(char* line, std::size_t, std::size_t size, void* self) noexcept;
 
   const Route route_;

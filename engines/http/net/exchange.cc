@@ -22,6 +22,10 @@ constexpr std::size_t RECEIVE_BYTES = 65536;
 constexpr std::size_t DRAINED_BYTES = 65536;
 /// Bodies up to this size leave in one piece with the head.
 constexpr std::size_t COPIED_BODY_BYTES = 61440;
+/// So much of a request is sent before a reply is looked for.
+constexpr std::size_t UNWATCHED_BYTES = 1 << 20;
+/// How many receives `finish` makes at most.
+constexpr int DRAINING_READS = 4;
 /// The most that `max_header_bytes` can say.
 constexpr std::size_t MAX_HEADER_BYTES = 307200;
 /// More header lines than most replies have.
@@ -117,6 +121,11 @@ class Exchange::Parser final : public beast::http::basic_parser<false> {
     return used;
   }
 
+  /// Takes a part of a head that is whole.
+  void take_whole(std::string_view part) {
+    if (take(part) < part.size()) fail(beast::http::error::partial_message);
+  }
+
   StatusCode status = 0;
   std::vector<Headers::Entry> fields;
   std::size_t lines = 0;  // trailers included
@@ -192,12 +201,17 @@ void Exchange::run(std::string head, std::string_view body, bool is_head_request
 /// Sends the bytes, or a part of them when the final head comes meanwhile.
 void Exchange::send(std::string_view bytes) {
   std::optional<TimePoint> until;
+  std::size_t unwatched = 0;  // bytes sent since a reply was looked for
   while (!bytes.empty()) {
     const IoResult result = stream_.send(bytes);
     if (result.state == Io::moved) {
       bytes.remove_prefix(result.bytes);
+      unwatched += result.bytes;
       until.reset();
       if (!bytes.empty()) limits_.check(Phase::sending);
+      if (unwatched < UNWATCHED_BYTES) continue;
+      unwatched = 0;
+      if (!bytes.empty() && receive_head()) return;
       continue;
     }
     // The peer may have answered before it closed.
@@ -256,7 +270,7 @@ bool Exchange::parse_head() {
     if (part.empty()) return false;
     check_head_size(part.size());
     head_bytes_ += part.size();
-    parser_->take(part);
+    parser_->take_whole(part);
     input_.consume(part.size());
     if (parser_->is_header_done() && take_head()) return true;
   }
@@ -318,11 +332,11 @@ void Exchange::wait(Phase phase, TimePoint until, bool to_send) {
   stream_.wait(to_send, limits_.check(phase, until));
 }
 
-std::size_t Exchange::read(std::string& out, std::size_t amt, bool fill) {
+std::size_t Exchange::read(std::string& out, std::size_t amt, bool fill,
+                           std::optional<TimePoint> until) {
   limits_.check(Phase::reading_body);
   if (failure_) std::rethrow_exception(failure_);
   const std::size_t begin = out.size();
-  std::optional<TimePoint> until;
   try {
     while (framing_ != Framing::none && out.size() - begin < amt) {
       if (take_body(out, amt - (out.size() - begin)) > 0) {
@@ -401,8 +415,8 @@ bool Exchange::finish() {
   if (!is_worth_it) return false;
   try {
     std::string drained;
-    while (framing_ != Framing::none && drained.size() < DRAINED_BYTES &&
-           take_body(drained, DRAINED_BYTES) > 0) {
+    for (int reads = 0; reads < DRAINING_READS && drained.size() < DRAINED_BYTES; ++reads) {
+      if (framing_ == Framing::none || take_body(drained, DRAINED_BYTES) == 0) break;
     }
   } catch (...) {
     return false;

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -54,10 +55,11 @@ class Exchange {
   StatusCode status() const noexcept { return status_; }
   const Headers& headers() const noexcept { return headers_; }
 
-  /// Appends up to `amt` bytes of the body to `out` and returns how many; 0: it has ended. Waits
-  /// for the first bytes; with `fill` it goes on, within the same time, until it has `amt`. A
-  /// failure is kept, and thrown again by every later read.
-  std::size_t read(std::string& out, std::size_t amt, bool fill);
+  /// Appends up to `amt` bytes of the body to `out` and returns how many; 0: it has ended. Waits for
+  /// the first bytes; with `fill` it goes on, within the same time, until it has `amt`. The wait ends
+  /// at `until`, where that is given. A failure is kept, and thrown again by every later read.
+  std::size_t read(std::string& out, std::size_t amt, bool fill,
+                   std::optional<TimePoint> until = std::nullopt);
 
   /// Takes what is left of the body and already here, within reason. Whether the stream can serve
   /// another exchange.

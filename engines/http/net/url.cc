@@ -133,8 +133,9 @@ Url parse_proxy_url(std::string_view text) {
 }
 
 std::shared_ptr<const Url> resolve(const Url& base, std::string_view location) {
+  if (location.starts_with('#')) location = base.text;
   std::string reference;
-  for (const char c : location) {
+  for (const char c : location.substr(0, location.find('#'))) {  // a fragment is not sent
     const auto byte = static_cast<unsigned char>(c);
     if (is_control(byte)) return nullptr;
     if (byte == ' ' || byte >= 0x80) {
