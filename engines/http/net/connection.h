@@ -73,7 +73,7 @@ class Connection final : public Stream {
   [[noreturn]] void fail(CURLcode code) const;
 
   static curl_socket_t on_socket(void*, curlsocktype, curl_sockaddr* address) noexcept;
-  static std::size_t on_proxy_line(char* line, std::size_t, std::size_t size, void* self) noexcept;
+  static std::size_t on_proxy_line(char* text, std::size_t, std::size_t size, void* self) noexcept;
 
   const Route route_;
   const unsigned process_ = process_number();
