@@ -35,10 +35,8 @@ namespace detail {
 /// not the characters from one pointer to the other.
 struct ENGINES_HTTP_EXPORT OneSecret {
   template <class Text>
-  requires std::is_convertible_v<Text, std::string> OneSecret(Text&& secret) {
-    std::string copied = std::forward<Text>(secret);
-    text = std::move(copied);
-  }
+  requires std::is_convertible_v<Text, std::string> OneSecret(Text&& secret)
+      : text([&]() -> std::string { return std::forward<Text>(secret); }()) {}
 
   std::string text;
 };
