@@ -202,6 +202,25 @@ concept Printable = requires(std::ostream& out, const T& value) {
 template <class T>
 void write(JsonWriter& out, const T& value);
 
+template <class Value>
+void write_tree(JsonWriter& out, const Value& value);
+
+template <class Value>
+void write_tree_array(JsonWriter& out, const Value& value) {
+  const auto& items = value.template get_ref<const typename Value::array_t&>();
+  if (!items.empty() && items.front().is_number_float()) out.expect_numbers(items.size());
+  out.open('[');
+  for (const auto& item : items) {
+    out.item();
+    if (const auto* number = item.template get_ptr<const typename Value::number_float_t*>()) {
+      out.number(static_cast<double>(*number));  // embeddings are long rows of these
+    } else {
+      write_tree(out, item);
+    }
+  }
+  out.close(']');
+}
+
 /// Any basic_json; a template, so that its definition is needed only where one is used.
 template <class Value>
 void write_tree(JsonWriter& out, const Value& value) {
@@ -224,20 +243,8 @@ void write_tree(JsonWriter& out, const Value& value) {
       const auto& bytes = value.get_binary();
       return out.text({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
     }
-    case Kind::array: {
-      const auto& items = value.template get_ref<const typename Value::array_t&>();
-      if (!items.empty() && items.front().is_number_float()) out.expect_numbers(items.size());
-      out.open('[');
-      for (const auto& item : items) {
-        out.item();
-        if (const auto* number = item.template get_ptr<const typename Value::number_float_t*>()) {
-          out.number(static_cast<double>(*number));  // embeddings are long rows of these
-        } else {
-          write_tree(out, item);
-        }
-      }
-      return out.close(']');
-    }
+    case Kind::array:
+      return write_tree_array(out, value);
     case Kind::object:
       out.open('{');
       for (const auto& [name, member] : value.template get_ref<const typename Value::object_t&>()) {
