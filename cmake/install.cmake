@@ -10,6 +10,7 @@ install(EXPORT engines_http-targets NAMESPACE engines:: DESTINATION ${config_dir
 get_target_property(type engines_http TYPE)
 if(type STREQUAL "SHARED_LIBRARY")
   set(engines_http_find_for_users engines_http_find_for_headers)
+  set(engines_http_pc_definition " -DENGINES_HTTP_SHARED")
 else()
   set(engines_http_find_for_users engines_http_find_all)
 endif()

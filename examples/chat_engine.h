@@ -27,11 +27,11 @@ inline void to_json(Json& json, const Message& message) {
 class ChatEngine {
  public:
   /// The policy and the transport are parameters so that a test can replace them.
-  ChatEngine(std::string url, std::string key, http::RetryPolicy policy,
+  ChatEngine(std::string url, std::string key, const http::RetryPolicy& policy,
              http::Transport transport = nullptr)
       : url_(std::move(url)),
         key_(std::move(key)),
-        policy_(std::move(policy)),
+        policy_(policy),
         transport_(std::move(transport)) {}
 
   /// The service's answer, within 20 s. Throws an `HttpFailure`.

@@ -24,8 +24,8 @@ using Vector = std::vector<float>;
 
 class Embedder {
  public:
-  Embedder(std::string url, RetryPolicy policy, Transport transport)
-      : url_(std::move(url)), policy_(std::move(policy)), transport_(std::move(transport)) {}
+  Embedder(std::string url, const RetryPolicy& policy, Transport transport)
+      : url_(std::move(url)), policy_(policy), transport_(std::move(transport)) {}
 
   /// One vector for each text, in the order of the texts.
   std::vector<Vector> embed(std::span<const std::string> texts) const {

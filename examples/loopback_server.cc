@@ -131,7 +131,7 @@ struct LoopbackServer::Impl {
   static bool is_form(const httplib::Request& request, httplib::Response& response,
                       const std::map<std::string, std::string>& fields) {
     const bool all = std::ranges::all_of(fields, [&](const auto& field) {
-      return request.get_param_value(field.first.c_str()) == field.second;
+      return request.get_param_value(field.first) == field.second;
     });
     if (all && request.get_header_value("Content-Type") == "application/x-www-form-urlencoded") {
       return true;

@@ -18,6 +18,7 @@
 #include <variant>
 
 #include "engines/http/body.h"
+#include "engines/http/export.h"
 #include "engines/http/failure.h"
 #include "engines/http/policy.h"
 #include "engines/http/redaction.h"
@@ -46,7 +47,8 @@ concept Reads = std::is_invocable_r_v<Result, Read&, Response&, const More&...>;
 ///
 /// A function that quotes what the peer sent must quote it by `excerpt(text, hidden)`.
 template <class Result>
-class Reader : public std::function<Result(Response&, const RetryPolicy&, const Secrets& hidden)> {
+class ENGINES_HTTP_EXPORT Reader
+    : public std::function<Result(Response&, const RetryPolicy&, const Secrets& hidden)> {
  public:
   /// Calls this function, which is copied.
   template <class Read>
@@ -71,7 +73,7 @@ class Reader : public std::function<Result(Response&, const RetryPolicy&, const 
 /// What `send` takes beside the URL. The fields are given by name, in this order. The options own
 /// what they hold and may be kept and copied.
 template <class Result>
-struct SendOptions {
+struct ENGINES_HTTP_EXPORT SendOptions {
   /// How a failure is judged. Must be given.
   RetryPolicy policy = detail::missing<RetryPolicy, Result>();
   /// Socket timeout of the attempt, in seconds.
@@ -97,7 +99,7 @@ struct SendOptions {
 namespace detail {
 
 /// `SendOptions` without the result's type, borrowed.
-struct AttemptFields {
+struct ENGINES_HTTP_EXPORT AttemptFields {
   const RetryPolicy& policy;
   double timeout;
   const std::string& method;
@@ -111,7 +113,7 @@ struct AttemptFields {
 /// Reads the reply; the secrets are those that the attempt hides.
 using Use = std::function<void(Response& reply, const Secrets& hidden)>;
 
-void send(std::string_view url, const AttemptFields& fields, const Use& use);
+ENGINES_HTTP_EXPORT void send(std::string_view url, const AttemptFields& fields, const Use& use);
 
 /// `read` takes the reply and the attempt's secrets.
 template <class Result, class Read>
@@ -155,8 +157,10 @@ using ReplyOrFailure = std::variant<std::shared_ptr<Response>, FailurePtr>;
 /// Calls the transport. An `HTTPError` whose code is among the policy's `error_replies` is the
 /// reply itself; any other network or protocol failure is returned classified, never thrown.
 /// `inspect` is called with the error replies that are classified.
-ReplyOrFailure _reply_or_failure(const Transport& transport, const Request& request, double timeout,
-                                 const RetryPolicy& policy, const Secrets& secrets,
-                                 const Inspect& inspect = nullptr);
+ENGINES_HTTP_EXPORT ReplyOrFailure _reply_or_failure(const Transport& transport,
+                                                     const Request& request, double timeout,
+                                                     const RetryPolicy& policy,
+                                                     const Secrets& secrets,
+                                                     const Inspect& inspect = nullptr);
 
 }  // namespace engines::http

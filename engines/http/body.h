@@ -49,6 +49,7 @@
 #include <variant>
 #include <vector>
 
+#include "engines/http/export.h"
 #include "engines/http/json/encoder.h"
 #include "engines/http/value_types.h"
 
@@ -61,11 +62,12 @@ class Body;
 
 namespace detail {
 
-void write_json(JsonWriter& out, const Json& value);
-void write_body(JsonWriter& out, const Body& body);
+ENGINES_HTTP_EXPORT void write_json(JsonWriter& out, const Json& value);
+ENGINES_HTTP_EXPORT void write_body(JsonWriter& out, const Body& body);
 
 /// What `print` writes to a stream of the classic locale.
-std::string printed(void (*print)(std::ostream&, const void*), const void* value);
+ENGINES_HTTP_EXPORT std::string printed(void (*print)(std::ostream&, const void*),
+                                        const void* value);
 
 template <class T>
 inline constexpr bool is_basic_json = false;
@@ -200,6 +202,25 @@ concept Printable = requires(std::ostream& out, const T& value) {
 template <class T>
 void write(JsonWriter& out, const T& value);
 
+template <class Value>
+void write_tree(JsonWriter& out, const Value& value);
+
+template <class Value>
+void write_tree_array(JsonWriter& out, const Value& value) {
+  const auto& items = value.template get_ref<const typename Value::array_t&>();
+  if (!items.empty() && items.front().is_number_float()) out.expect_numbers(items.size());
+  out.open('[');
+  for (const auto& item : items) {
+    out.item();
+    if (const auto* number = item.template get_ptr<const typename Value::number_float_t*>()) {
+      out.number(static_cast<double>(*number));  // embeddings are long rows of these
+    } else {
+      write_tree(out, item);
+    }
+  }
+  out.close(']');
+}
+
 /// Any basic_json; a template, so that its definition is needed only where one is used.
 template <class Value>
 void write_tree(JsonWriter& out, const Value& value) {
@@ -222,20 +243,8 @@ void write_tree(JsonWriter& out, const Value& value) {
       const auto& bytes = value.get_binary();
       return out.text({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
     }
-    case Kind::array: {
-      const auto& items = value.template get_ref<const typename Value::array_t&>();
-      if (!items.empty() && items.front().is_number_float()) out.expect_numbers(items.size());
-      out.open('[');
-      for (const auto& item : items) {
-        out.item();
-        if (const auto* number = item.template get_ptr<const typename Value::number_float_t*>()) {
-          out.number(static_cast<double>(*number));  // embeddings are long rows of these
-        } else {
-          write_tree(out, item);
-        }
-      }
-      return out.close(']');
-    }
+    case Kind::array:
+      return write_tree_array(out, value);
     case Kind::object:
       out.open('{');
       for (const auto& [name, member] : value.template get_ref<const typename Value::object_t&>()) {
@@ -425,7 +434,7 @@ std::string encode_json(const T& value) {
 /// It converts from any value, which is encoded at once: a Body refers to nothing, may be stored,
 /// and does not change. Copies share the bytes, and threads may share a Body that none of them
 /// assigns to.
-class Body final {
+class ENGINES_HTTP_EXPORT Body final {
  public:
   /// No body.
   Body() noexcept = default;
@@ -463,7 +472,7 @@ class Body final {
 ///   post_json(url, raw_body(ndjson, "application/x-ndjson"), ...);
 ///
 /// It is no JSON value: as a part of one it throws `std::invalid_argument`.
-Body raw_body(std::string bytes, std::string content_type);
+ENGINES_HTTP_EXPORT Body raw_body(std::string bytes, std::string content_type);
 
 /// The names and values of a form, in order.
 using FormFields = std::vector<std::pair<std::string, std::string>>;
@@ -475,7 +484,7 @@ using FormFields = std::vector<std::pair<std::string, std::string>>;
 ///
 /// Throws `std::invalid_argument` for text that is not valid UTF-8.
 /// @{
-Body form_body(const FormFields& fields);
+ENGINES_HTTP_EXPORT Body form_body(const FormFields& fields);
 
 template <std::ranges::input_range Range>
 requires(!std::same_as<std::remove_cvref_t<Range>, FormFields>) Body form_body(Range&& range) {

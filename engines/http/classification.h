@@ -23,6 +23,7 @@
 #include <type_traits>
 #include <typeinfo>
 
+#include "engines/http/export.h"
 #include "engines/http/failure.h"
 #include "engines/http/foreign.h"
 #include "engines/http/policy.h"
@@ -44,7 +45,7 @@ concept ErrorHandle = Handle<E> || std::is_pointer_v<E> || std::same_as<E, std::
 /// A base for errors that show their status and headers even to code that knows them only as
 /// `std::exception`. Where the error's own type is known, a member or accessor named `status_code`
 /// (an integer) and one named `headers` (with `get(name)`) are enough.
-class CarriesStatus {
+class ENGINES_HTTP_EXPORT CarriesStatus {
  public:
   virtual ~CarriesStatus() = default;
   /// The HTTP status; none where the error has none.
@@ -56,7 +57,7 @@ class CarriesStatus {
 /// Any error or reply, as the library sees it: a view, valid while the object lives. Converts from
 /// an object of whatever type, but for handles (pointers, optionals, `exception_ptr`,
 /// `FailurePtr`): those do not compile. Threads may share it as they may share the object.
-class ErrorRef {
+class ENGINES_HTTP_EXPORT ErrorRef {
  public:
   /// A view of this object.
   template <class E>
@@ -120,34 +121,38 @@ class ErrorRef {
 
 /// The HTTP status that a failure carries: an `HTTPError`'s code, else its integer `status_code`,
 /// of any range; none when it has neither.
-std::optional<StatusCode> status_of(const ErrorRef& error);
+ENGINES_HTTP_EXPORT std::optional<StatusCode> status_of(const ErrorRef& error);
 
 /// Whether a failure is worth another attempt: one with a status when `statuses` contains it; one
 /// without when it is a transient kind of transport failure, or when its own type's name contains
 /// "timeout" or "connection" in whatever case. Pass the policy's `retry_statuses` to judge under
 /// it.
-bool is_transient(const ErrorRef& error, const StatusSet& statuses = TRANSIENT_STATUSES);
+ENGINES_HTTP_EXPORT bool is_transient(const ErrorRef& error,
+                                      const StatusSet& statuses = TRANSIENT_STATUSES);
 
 /// The `Content-Type` of a reply, a failure or any object with headers, in lower case and otherwise
 /// as it came; empty when there is none.
-std::string content_type(const ErrorRef& reply);
+ENGINES_HTTP_EXPORT std::string content_type(const ErrorRef& reply);
 
 /// What a failure becomes under a policy: `Refused`, `Retryable` or a plain `HttpFailure`, built of
 /// text without the secrets. An `HTTPError`'s body is read (its first 4096 bytes, at most) and
 /// closed. Throws nothing of its own; what the policy's `refusal_reason` throws passes through.
-FailurePtr classify(const ErrorRef& error, const RetryPolicy& policy, const Secrets& secrets = {});
+ENGINES_HTTP_EXPORT FailurePtr classify(const ErrorRef& error, const RetryPolicy& policy,
+                                        const Secrets& secrets = {});
 
 /// A ready-made `refusal_reason` for an endpoint behind a proxy: "an HTML page" when the content
 /// type says so or the body begins like one, else none.
-std::optional<std::string> html_page(std::string_view body, std::string_view content_type);
+ENGINES_HTTP_EXPORT std::optional<std::string> html_page(std::string_view body,
+                                                         std::string_view content_type);
 
 /// The failure for a status, a body's text and its content type.
-FailurePtr _status_failure(StatusCode status, std::string_view body, std::string_view kind,
-                           const RetryPolicy& policy, const Secrets& secrets);
+ENGINES_HTTP_EXPORT FailurePtr _status_failure(StatusCode status, std::string_view body,
+                                               std::string_view kind, const RetryPolicy& policy,
+                                               const Secrets& secrets);
 
 /// The start of an error reply's body, from one read; empty when it cannot be read. Closes the
 /// body.
-std::string _error_body(const HTTPError& error);
+ENGINES_HTTP_EXPORT std::string _error_body(const HTTPError& error);
 
 namespace detail {
 

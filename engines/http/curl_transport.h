@@ -12,6 +12,7 @@
 
 #include <memory>
 
+#include "engines/http/export.h"
 #include "engines/http/pool_options.h"
 #include "engines/http/transport.h"
 
@@ -30,7 +31,8 @@ namespace engines::http {
 /// anything is sent: for a request that cannot be sent as it is given, and for an environment
 /// variable that names an unusable proxy or certificates that cannot be read. The reply must be
 /// used by one thread at a time.
-std::shared_ptr<Response> urlopen_transport(const Request& request, TransportOptions options);
+ENGINES_HTTP_EXPORT std::shared_ptr<Response> urlopen_transport(const Request& request,
+                                                                TransportOptions options);
 
 namespace net {
 class Pool;
@@ -44,7 +46,7 @@ class Pool;
 /// after its reply has come whole and was closed; one that the peer closed meanwhile is replaced,
 /// and one that dies under a request ends the call: whether to send the request again is for the
 /// caller's policy.
-class PooledTransport {
+class ENGINES_HTTP_EXPORT PooledTransport {
  public:
   /// Throws `ValueError`, which names the option, for certificates, a key or a proxy that cannot be
   /// used, and for a user agent that holds a control character.

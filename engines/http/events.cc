@@ -62,7 +62,8 @@ Events events(Response& reply, const RetryPolicy& policy) { return {reply, polic
 
 bool Events::fetch(Event& event) {
   constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
-  std::string kind, data;
+  std::string kind;
+  std::string data;
   while (lines_.fetch(line_)) {
     std::string_view line = line_;
     if (std::exchange(at_start_, false) && line.starts_with(BYTE_ORDER_MARK)) {
@@ -84,7 +85,7 @@ bool Events::fetch(Event& event) {
     if (value.starts_with(' ')) value.remove_prefix(1);
     if (field == "data") data.append(value) += '\n';
     if (field == "event") kind = value;
-    if (field == "id" && value.find('\0') == value.npos) {
+    if (field == "id" && value.find('\0') == std::string_view::npos) {
       last_id_ = detail::decode_utf8(std::string(value));
     }
   }

@@ -27,6 +27,7 @@
 #include <ranges>
 #include <string>
 
+#include "engines/http/export.h"
 #include "engines/http/policy.h"
 #include "engines/http/transport.h"
 
@@ -37,7 +38,7 @@ namespace detail {
 /// Input iterator over what `Source::fetch(item)` gives until it returns false. An item is fetched
 /// when it is looked at or compared with the end, not before.
 template <class Source>
-class Fetched {
+class ENGINES_HTTP_EXPORT Fetched {
  public:
   using value_type = typename Source::value_type;
   using difference_type = std::ptrdiff_t;
@@ -69,7 +70,7 @@ class Fetched {
 }  // namespace detail
 
 /// The lines of a reply; made by `lines`.
-class Lines : public std::ranges::view_base {
+class ENGINES_HTTP_EXPORT Lines : public std::ranges::view_base {
  public:
   /// As the standard asks of an input range. A reference to a line holds until the next one is
   /// read.
@@ -104,10 +105,10 @@ class Lines : public std::ranges::view_base {
 
 /// The lines of the reply, as the bytes that they are, without their ends: LF or CR LF. The last
 /// one counts although it has no end, unless it is empty.
-Lines lines(Response& reply, const RetryPolicy& policy);
+ENGINES_HTTP_EXPORT Lines lines(Response& reply, const RetryPolicy& policy);
 
 /// A server-sent event. Its texts are UTF-8; what is not UTF-8 in the stream is U+FFFD in them.
-struct Event {
+struct ENGINES_HTTP_EXPORT Event {
   /// The `event` field: the kind of event.
   std::string event = "message";
   /// The `data` fields, joined by line feeds.
@@ -117,7 +118,7 @@ struct Event {
 };
 
 /// The events of a reply; made by `events`.
-class Events : public std::ranges::view_base {
+class ENGINES_HTTP_EXPORT Events : public std::ranges::view_base {
  public:
   /// As the standard asks of an input range. A reference to an event holds until the next is read.
   /// @{
@@ -143,6 +144,6 @@ class Events : public std::ranges::view_base {
 /// The reply as a stream of server-sent events (HTML standard, section 9.2, "Server-sent events").
 /// Lines end in LF, CR LF or CR; comments and unknown fields are ignored, `retry` among them; an
 /// event without data and one that is cut off by the end of the body are dropped.
-Events events(Response& reply, const RetryPolicy& policy);
+ENGINES_HTTP_EXPORT Events events(Response& reply, const RetryPolicy& policy);
 
 }  // namespace engines::http

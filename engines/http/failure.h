@@ -22,6 +22,7 @@
 #include <optional>
 #include <string>
 
+#include "engines/http/export.h"
 #include "engines/http/held.h"
 #include "engines/http/required.h"
 
@@ -33,7 +34,7 @@ namespace engines::http {
 using StatusCode = std::int64_t;
 
 /// What a failure may carry beside its message.
-struct FailureFields {
+struct ENGINES_HTTP_EXPORT FailureFields {
   /// Status of the reply that the failure came from; none when no reply came back.
   std::optional<StatusCode> status = std::nullopt;
   /// Redacted, bounded excerpt of the reply's body or of the transport's error text.
@@ -41,7 +42,7 @@ struct FailureFields {
 };
 
 /// A request that failed. The base of every kind: a handler of `HttpFailure` catches them all.
-class HttpFailure : public std::exception {
+class ENGINES_HTTP_EXPORT HttpFailure : public std::exception {
  public:
   /// Every text is taken as it is: redact it first.
   explicit HttpFailure(std::string message, FailureFields fields = {});
@@ -74,21 +75,21 @@ class HttpFailure : public std::exception {
 };
 
 /// A failure worth another attempt: a retry status of the policy, or a transient network failure.
-class Retryable : public HttpFailure {
+class ENGINES_HTTP_EXPORT Retryable : public HttpFailure {
  public:
   using HttpFailure::HttpFailure;
   std::exception_ptr copy() const override;
 };
 
 /// The endpoint refused, by its status or by its body. Never retried.
-class Refused : public HttpFailure {
+class ENGINES_HTTP_EXPORT Refused : public HttpFailure {
  public:
   using HttpFailure::HttpFailure;
   std::exception_ptr copy() const override;
 };
 
 /// A reply that came back but cannot be used: not JSON, or longer than the policy reads.
-class BadReply : public HttpFailure {
+class ENGINES_HTTP_EXPORT BadReply : public HttpFailure {
  public:
   using HttpFailure::HttpFailure;
   std::exception_ptr copy() const override;
@@ -101,7 +102,7 @@ class BadReply : public HttpFailure {
 ///
 /// A failure that is being handled and named through a base is kept itself, any other is copied
 /// (see `HttpFailure::copy`). Throws `std::logic_error` rather than copy a part of a failure.
-class FailurePtr {
+class ENGINES_HTTP_EXPORT FailurePtr {
  public:
   FailurePtr() noexcept = default;
   /// None.
@@ -131,13 +132,13 @@ class FailurePtr {
 };
 
 /// What a failure that ends a call may carry.
-struct EndedFields {
+struct ENGINES_HTTP_EXPORT EndedFields {
   /// The failure of the call's last attempt; none when there was none.
   FailurePtr last = nullptr;
 };
 
 /// What `Exhausted` carries: both must be given, though `last` may be none.
-struct ExhaustedFields {
+struct ENGINES_HTTP_EXPORT ExhaustedFields {
   /// How many attempts the call made.
   required<int> attempts;
   /// The failure of the last one.
@@ -148,7 +149,7 @@ namespace detail {
 
 /// The call ended without an answer. A base only: catch it, never throw it. Its status and detail
 /// are those of `last()`.
-class Ended : public HttpFailure {
+class ENGINES_HTTP_EXPORT Ended : public HttpFailure {
  public:
   explicit Ended(std::string message, EndedFields fields = {});
 
@@ -163,21 +164,21 @@ class Ended : public HttpFailure {
 
 /// The policy's deadline passed: before an attempt or a backoff, while the reply was read, or by
 /// the time the last attempt had failed.
-class DeadlineExceeded : public detail::Ended {
+class ENGINES_HTTP_EXPORT DeadlineExceeded : public detail::Ended {
  public:
   using Ended::Ended;
   std::exception_ptr copy() const override;
 };
 
 /// The policy's `should_stop` said so; no attempt starts after it.
-class Stopped : public detail::Ended {
+class ENGINES_HTTP_EXPORT Stopped : public detail::Ended {
  public:
   using Ended::Ended;
   std::exception_ptr copy() const override;
 };
 
 /// Every attempt failed with a failure worth another one.
-class Exhausted : public detail::Ended {
+class ENGINES_HTTP_EXPORT Exhausted : public detail::Ended {
  public:
   /// Takes the status and the detail of `fields.last`.
   Exhausted(std::string message, const ExhaustedFields& fields);

@@ -8,11 +8,13 @@
 #include <typeinfo>
 #include <utility>
 
+#include "engines/http/export.h"
+
 namespace engines::http::detail {
 
 /// An error that is held: to be looked at, and to be thrown again.
 template <class Base>
-struct Held {
+struct ENGINES_HTTP_EXPORT Held {
   std::exception_ptr thrown;
   const Base* error;  // lives within `thrown`
 };

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "engines/http/body.h"
+#include "engines/http/export.h"
 
 namespace engines::http {
 
@@ -25,6 +26,6 @@ namespace engines::http {
 ///
 /// For any text, the memory used is proportional to its size, and so is the time, but for a factor
 /// of log n where an object has n members. The amount of stack is constant.
-std::optional<Json> decode_json(std::string_view text);
+ENGINES_HTTP_EXPORT std::optional<Json> decode_json(std::string_view text);
 
 }  // namespace engines::http

@@ -22,6 +22,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "engines/http/export.h"
 #include "engines/http/failure.h"
 #include "engines/http/required.h"
 #include "engines/http/seconds.h"
@@ -41,7 +42,7 @@ struct ConstantStatuses {
 
 /// An immutable set of statuses, in ascending order. Copies share the values; threads may share a
 /// set that none of them assigns to.
-class StatusSet {
+class ENGINES_HTTP_EXPORT StatusSet {
  public:
   constexpr StatusSet() noexcept = default;
   // Copied, never moved from: a set keeps its statuses for life.
@@ -86,7 +87,7 @@ class StatusSet {
 };
 
 /// The statuses worth another attempt by default: 408, 429 and 500 to 599.
-extern const StatusSet TRANSIENT_STATUSES;
+extern ENGINES_HTTP_EXPORT const StatusSet TRANSIENT_STATUSES;
 
 /// Monotonic seconds.
 using Clock = std::function<double()>;
@@ -101,16 +102,16 @@ using RefusalReason =
     std::function<std::optional<std::string>(std::string_view body, std::string_view content_type)>;
 
 /// Seconds on the platform's monotonic clock.
-double monotonic();
+ENGINES_HTTP_EXPORT double monotonic();
 
 /// False, always: the stop signal of a call that nothing stops.
-bool _never();
+ENGINES_HTTP_EXPORT bool _never();
 
 namespace detail {
 
 /// A function that is never empty: an empty one stands for the default.
 template <class Function, const auto& DEFAULT>
-class OrDefault : public Function {
+class ENGINES_HTTP_EXPORT OrDefault : public Function {
  public:
   OrDefault() : Function(DEFAULT) {}
 
@@ -126,12 +127,12 @@ class OrDefault : public Function {
 inline constexpr double STOP_POLL_S = 0.1;
 
 /// Pauses the calling thread for so many seconds.
-void sleep_for(double seconds);
+ENGINES_HTTP_EXPORT void sleep_for(double seconds);
 
 }  // namespace detail
 
 /// What `wait_unless_stopped` may be told beside the wait itself.
-struct WaitOptions {
+struct ENGINES_HTTP_EXPORT WaitOptions {
   /// Pauses the calling thread for so many seconds. An empty function stands for the default.
   detail::OrDefault<std::function<void(double seconds)>, detail::sleep_for> sleep = {};
   /// The longest single sleep, in seconds; greater than zero.
@@ -140,7 +141,7 @@ struct WaitOptions {
 
 namespace detail {
 
-struct WaitUnlessStopped {
+struct ENGINES_HTTP_EXPORT WaitUnlessStopped {
   bool operator()(Seconds seconds, const StopSignal& should_stop) const {
     return (*this)(seconds, should_stop, {});
   }
@@ -152,7 +153,7 @@ struct WaitUnlessStopped {
 /// wait_unless_stopped(seconds, should_stop, {.sleep, .poll_s}): sleeps `seconds` in all, in steps
 /// of at most `poll_s`, and asks `should_stop` before each step and once at the end. True as soon
 /// as it says stop; an empty one never does. What `should_stop` or `sleep` throws passes through.
-inline constexpr detail::WaitUnlessStopped wait_unless_stopped;
+ENGINES_HTTP_EXPORT inline constexpr detail::WaitUnlessStopped wait_unless_stopped;
 
 namespace detail {
 
@@ -167,7 +168,7 @@ constexpr To saturated(Count auto value) noexcept {
 }
 
 /// A count of attempts: at least one.
-class AttemptCount {
+class ENGINES_HTTP_EXPORT AttemptCount {
  public:
   AttemptCount(Count auto count) : count_(checked(saturated<int>(count))) {}  // throws ValueError
   constexpr operator int() const noexcept { return count_; }
@@ -178,7 +179,7 @@ class AttemptCount {
 };
 
 /// A bound on a size: at least zero.
-class Bound {
+class ENGINES_HTTP_EXPORT Bound {
  public:
   constexpr Bound(Count auto bound) noexcept : bound_(saturated<std::size_t>(bound)) {}
   constexpr operator std::size_t() const noexcept { return bound_; }
@@ -190,7 +191,7 @@ class Bound {
 /// A field of `PolicyChanges`: a new value, or the policy's own left as it is. It has no default
 /// constructor, so that a `{}` is never mistaken for either.
 template <class T>
-class Change {
+class ENGINES_HTTP_EXPORT Change {
  public:
   struct Keep {};
   constexpr Change(Keep) noexcept {}
@@ -210,7 +211,7 @@ class Change {
   std::optional<T> value_;
 };
 
-struct KeepAll {
+struct ENGINES_HTTP_EXPORT KeepAll {
   template <class T>
   constexpr operator Change<T>() const noexcept {
     return typename Change<T>::Keep{};
@@ -227,7 +228,7 @@ struct PolicyChanges;
 /// to. A policy may be shared between threads as far as its functions may be called by several at
 /// once. These are copied with it (`std::ref` shares one that has state), and what they refer to
 /// must outlive it. An empty clock, stop signal or wait stands for the default.
-struct RetryPolicy {
+struct ENGINES_HTTP_EXPORT RetryPolicy {
   /// Tries in all; 1 means no retry. Less than 1 throws `ValueError`.
   const detail::AttemptCount attempts = 3;
   /// Seconds to wait after the first failed attempt; each later wait doubles it.
@@ -281,7 +282,7 @@ struct RetryPolicy {
 /// The fields to replace in a copy, in the order in which they are declared. A field that is not
 /// named is kept; `.deadline = std::nullopt` and `.refusal_reason = nullptr` replace by none, and
 /// an empty clock, stop signal or wait replaces by the default.
-struct PolicyChanges {
+struct ENGINES_HTTP_EXPORT PolicyChanges {
   /// The field of this name in `RetryPolicy`.
   /// @{
   detail::Change<detail::AttemptCount> attempts = detail::keep;

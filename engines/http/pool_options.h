@@ -5,12 +5,13 @@
 #include <optional>
 #include <string>
 
+#include "engines/http/export.h"
 #include "engines/http/seconds.h"
 
 namespace engines::http {
 
 /// How a `PooledTransport` connects, and what it keeps.
-struct PoolOptions {
+struct ENGINES_HTTP_EXPORT PoolOptions {
   /// File of trusted CA certificates (PEM); empty: `SSL_CERT_FILE`, else the platform's.
   std::string ca_file = {};
   /// Directory of trusted CA certificates, hashed; empty: `SSL_CERT_DIR`, else the platform's.

@@ -164,7 +164,9 @@ std::vector<std::string> by_name(const Headers& headers) {
   std::vector<std::string> found;
   for (const auto& [name, value] : headers) {
     const std::string lowered = detail::lower(name);
-    const auto holds = [&](std::string_view word) { return lowered.find(word) != lowered.npos; };
+    const auto holds = [&](std::string_view word) {
+      return lowered.find(word) != std::string_view::npos;
+    };
     if (std::ranges::none_of(detail::CREDENTIAL_WORDS, holds)) continue;
     found.emplace_back(detail::trim(value));
     add_without_scheme(found, value);

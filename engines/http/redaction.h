@@ -21,6 +21,7 @@
 #include <utility>
 #include <vector>
 
+#include "engines/http/export.h"
 #include "engines/http/transport.h"
 
 namespace engines::http {
@@ -32,12 +33,10 @@ namespace detail {
 
 /// One secret in braces. Unlike a string, it is not made of two: `{{"a", "b"}}` are two secrets,
 /// not the characters from one pointer to the other.
-struct OneSecret {
+struct ENGINES_HTTP_EXPORT OneSecret {
   template <class Text>
-  requires std::is_convertible_v<Text, std::string> OneSecret(Text&& secret) {
-    std::string copied = std::forward<Text>(secret);
-    text = std::move(copied);
-  }
+  requires std::is_convertible_v<Text, std::string> OneSecret(Text&& secret)
+      : text([&]() -> std::string { return std::forward<Text>(secret); }()) {}
 
   std::string text;
 };
@@ -46,7 +45,7 @@ struct OneSecret {
 
 /// An immutable sequence of secrets; copies share it, between threads too. It converts from any
 /// range of strings, which is read once, so a one-pass range will do.
-class Secrets {
+class ENGINES_HTTP_EXPORT Secrets {
  public:
   Secrets() noexcept = default;
   /// No secrets, or these, in this order.
@@ -118,28 +117,30 @@ inline constexpr std::array<std::string_view, 2> ECHOES = {
 
 /// The secrets that the headers carry, in their order: each credential header's whole value, and
 /// after it the credential without the scheme word in front, where there is one.
-Secrets secrets_of(const Headers& headers);
+ENGINES_HTTP_EXPORT Secrets secrets_of(const Headers& headers);
 
 /// The secrets that a URL's userinfo carries (RFC 3986, section 3.2.1): its password (its user
 /// where there is none, as with a token), as it stands and decoded, and the credentials as Basic
 /// authentication sends them (RFC 7617, section 2).
-Secrets secrets_of_url(std::string_view url);
+ENGINES_HTTP_EXPORT Secrets secrets_of_url(std::string_view url);
 
 /// The secrets of a call: the caller's, `secrets_of` its headers, the values without the white
 /// space around them of all headers whose names hold one of `CREDENTIAL_WORDS` (and what follows
 /// the first word of one; of a `Cookie`, each cookie's value), and those in its URL.
-Secrets _secrets_of_call(const Secrets& given, const Headers& headers, std::string_view url);
+ENGINES_HTTP_EXPORT Secrets _secrets_of_call(const Secrets& given, const Headers& headers,
+                                             std::string_view url);
 
 /// The text without those secrets of at least eight characters, without the start of any of them
 /// (at least eight characters) where the text ends, and without credentials that were echoed back.
-std::string redact(std::string_view text, const Secrets& secrets = {});
+ENGINES_HTTP_EXPORT std::string redact(std::string_view text, const Secrets& secrets = {});
 
 /// The text without the longest start of `secret`, of at least eight characters and shorter than
 /// the secret, that ends it.
-std::string _without_cut_secret(std::string text, std::string_view secret);
+ENGINES_HTTP_EXPORT std::string _without_cut_secret(std::string text, std::string_view secret);
 
 /// The start of the text, redacted, in at most `limit` characters. The work is bounded by the limit
 /// and the secrets, however long the text is.
-std::string excerpt(std::string_view text, const Secrets& secrets = {}, std::size_t limit = 300);
+ENGINES_HTTP_EXPORT std::string excerpt(std::string_view text, const Secrets& secrets = {},
+                                        std::size_t limit = 300);
 
 }  // namespace engines::http

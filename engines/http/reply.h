@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "engines/http/export.h"
 #include "engines/http/failure.h"
 #include "engines/http/json.h"
 #include "engines/http/policy.h"
@@ -23,16 +24,17 @@ inline constexpr std::size_t CHUNK_BYTES = 65536;
 /// The reply's whole body, read as it arrives: the deadline is tested before every read and once
 /// the body is in. Throws `DeadlineExceeded`, or `BadReply` when the body is longer than the
 /// policy's `max_body_bytes`. A failure of the reply's own reads passes through unchanged.
-std::string read_body(Response& reply, const RetryPolicy& policy);
+ENGINES_HTTP_EXPORT std::string read_body(Response& reply, const RetryPolicy& policy);
 
 /// The reply's body as JSON (see `decode_json`). Throws what `read_body` throws, `Refused` when the
 /// policy's `refusal_reason` recognises the text, and `BadReply` when it is not JSON.
-Json read_json(Response& reply, const RetryPolicy& policy, const Secrets& secrets = {});
+ENGINES_HTTP_EXPORT Json read_json(Response& reply, const RetryPolicy& policy,
+                                   const Secrets& secrets = {});
 
 /// The reply's status, where it has one.
-std::optional<StatusCode> _status(const Response& reply);
+ENGINES_HTTP_EXPORT std::optional<StatusCode> _status(const Response& reply);
 
 /// Throws `DeadlineExceeded` once the policy's deadline has come. Without one, reads no clock.
-void _check_deadline(const RetryPolicy& policy, std::string_view message);
+ENGINES_HTTP_EXPORT void _check_deadline(const RetryPolicy& policy, std::string_view message);
 
 }  // namespace engines::http

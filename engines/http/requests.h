@@ -11,6 +11,7 @@
 
 #include "engines/http/attempt.h"
 #include "engines/http/body.h"
+#include "engines/http/export.h"
 #include "engines/http/json.h"
 #include "engines/http/policy.h"
 #include "engines/http/redaction.h"
@@ -21,7 +22,7 @@ namespace engines::http {
 
 /// The fields of `CallOptions`; `Given` only serves to refuse options without a policy.
 template <class Given = void>
-struct CallFields {
+struct ENGINES_HTTP_EXPORT CallFields {
   /// The attempts, the backoff, the statuses and the bounds. Must be given.
   RetryPolicy policy = detail::missing<RetryPolicy, Given>();
   /// Names the call in what is logged and thrown, as in "decision call".
@@ -45,19 +46,21 @@ using CallOptions = CallFields<>;
 /// POSTs `body` as JSON and returns the parsed reply. A body in braces needs its type:
 /// `Json{{...}}`, or `Json::object()` for an empty one; `{}` is no body. Throws an `HttpFailure` of
 /// the kind that says how the call failed, or `ValueError` for a request that cannot be sent.
-Json post_json(std::string_view url, const Body& body, const CallOptions& options);
+ENGINES_HTTP_EXPORT Json post_json(std::string_view url, const Body& body,
+                                   const CallOptions& options);
 
 /// GETs `url` and returns the parsed reply. Throws as `post_json` does.
-Json get_json(std::string_view url, const CallOptions& options);
+ENGINES_HTTP_EXPORT Json get_json(std::string_view url, const CallOptions& options);
 
 /// The same by any method, as PUT, PATCH or DELETE; `{}` is no body. Throws as `post_json` does.
-Json request_json(std::string_view method, std::string_view url, const Body& body,
-                  const CallOptions& options);
+ENGINES_HTTP_EXPORT Json request_json(std::string_view method, std::string_view url,
+                                      const Body& body, const CallOptions& options);
 
 /// What all of them are.
-Json _request_json(std::string_view method, std::string_view url, const Body& body,
-                   const RetryPolicy& policy, std::string_view label, const Headers& headers,
-                   const Secrets& secrets, const Transport& transport,
-                   const Inspect& inspect = nullptr);
+ENGINES_HTTP_EXPORT Json _request_json(std::string_view method, std::string_view url,
+                                       const Body& body, const RetryPolicy& policy,
+                                       std::string_view label, const Headers& headers,
+                                       const Secrets& secrets, const Transport& transport,
+                                       const Inspect& inspect = nullptr);
 
 }  // namespace engines::http

@@ -12,6 +12,8 @@
 #include <concepts>
 #include <utility>
 
+#include "engines/http/export.h"
+
 namespace engines::http {
 
 namespace detail {
@@ -27,19 +29,24 @@ T missing() {
 /// A `T` without a default. It reads as the `T` that was given; threads may share one as they may
 /// share the `T`.
 template <class T>
-class required {
+class ENGINES_HTTP_EXPORT required {
  public:
+  /// Does not compile: the value is missing.
   template <class Given = void>
   required() : value_(detail::missing<T, Given>()) {}
 
+  /// The value that is given.
   template <class U>
   requires(!std::same_as<std::remove_cvref_t<U>, required> &&
            std::convertible_to<U, T>) constexpr required(U&& value)
       : value_(std::forward<U>(value)) {}
 
+  /// That value.
+  /// @{
   constexpr operator const T&() const noexcept { return value_; }
   constexpr const T& operator*() const noexcept { return value_; }
   constexpr const T* operator->() const noexcept { return &value_; }
+  /// @}
 
  private:
   T value_;

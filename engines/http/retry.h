@@ -11,6 +11,7 @@
 #include <string_view>
 #include <type_traits>
 
+#include "engines/http/export.h"
 #include "engines/http/failure.h"
 #include "engines/http/policy.h"
 #include "engines/http/redaction.h"
@@ -27,10 +28,10 @@ namespace engines::http {
 /// logger has, whatever that logger's own level, and to standard error until the application has
 /// set a default logger. Register another in its place to send the lines elsewhere, or set the
 /// level of this one to silence it.
-std::shared_ptr<spdlog::logger> logger();
+ENGINES_HTTP_EXPORT std::shared_ptr<spdlog::logger> logger();
 
 /// What `retry` takes beside the policy and the attempt.
-struct RetryOptions {
+struct ENGINES_HTTP_EXPORT RetryOptions {
   /// Names the call in every message and in the log line, as in "decision call".
   required<std::string> label;
   /// Removed from what the loop logs and from the failure text that `Exhausted` quotes.
@@ -39,21 +40,23 @@ struct RetryOptions {
 
 /// The socket timeout of the next attempt, in seconds, cut to what is left of the deadline. Throws
 /// `DeadlineExceeded` when nothing is left.
-double _attempt_timeout(const RetryPolicy& policy, const FailurePtr& last, std::string_view label);
+ENGINES_HTTP_EXPORT double _attempt_timeout(const RetryPolicy& policy, const FailurePtr& last,
+                                            std::string_view label);
 
 /// Waits before another attempt, after `failed` attempts have failed, and logs one warning. Throws
 /// `Stopped` when the call should end, `DeadlineExceeded` when the wait would reach the deadline.
-void _back_off(const RetryPolicy& policy, int failed, const FailurePtr& last,
-               std::string_view label, const Secrets& secrets);
+ENGINES_HTTP_EXPORT void _back_off(const RetryPolicy& policy, int failed, const FailurePtr& last,
+                                   std::string_view label, const Secrets& secrets);
 
 namespace detail {
 
 /// Throws `Stopped` once the stop signal says stop.
-void check_stop(const RetryPolicy& policy, const FailurePtr& last, std::string_view label);
+ENGINES_HTTP_EXPORT void check_stop(const RetryPolicy& policy, const FailurePtr& last,
+                                    std::string_view label);
 
 /// Every attempt has failed: throws `DeadlineExceeded` or `Exhausted`.
-[[noreturn]] void give_up(const RetryPolicy& policy, const FailurePtr& last, std::string_view label,
-                          const Secrets& secrets);
+[[noreturn]] ENGINES_HTTP_EXPORT void give_up(const RetryPolicy& policy, const FailurePtr& last,
+                                              std::string_view label, const Secrets& secrets);
 
 }  // namespace detail
 

@@ -4,11 +4,13 @@
 
 #include <type_traits>
 
+#include "engines/http/export.h"
+
 namespace engines::http {
 
 /// A time span in seconds. Converts from a number and from any `std::chrono` duration, and to a
 /// `double`. A plain value: threads may share one that none of them assigns to.
-class Seconds {
+class ENGINES_HTTP_EXPORT Seconds {
  public:
   /// So many seconds.
   template <class Number>

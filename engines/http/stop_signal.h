@@ -7,13 +7,15 @@
 #include <type_traits>
 #include <utility>
 
+#include "engines/http/export.h"
+
 namespace engines::http {
 
 /// Says true once the call should end. Converts from any function without arguments, and from a
 /// `std::stop_token` or `std::stop_source`: asked, it says what `stop_requested` says. The library
 /// asks on the thread that makes the call; calls on several threads may share a signal whose
 /// function several threads may call at once, as those of the standard library are.
-class StopSignal : public std::function<bool()> {
+class ENGINES_HTTP_EXPORT StopSignal : public std::function<bool()> {
  public:
   /// Asks this function.
   template <class Ask>

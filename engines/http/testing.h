@@ -26,6 +26,7 @@
 #include <utility>
 #include <vector>
 
+#include "engines/http/export.h"
 #include "engines/http/held.h"
 #include "engines/http/json.h"
 #include "engines/http/policy.h"
@@ -37,7 +38,7 @@ namespace engines::http::testing {
 /// What one read of a scripted reply does: it gives bytes, throws an error, or calls a function
 /// that gives the bytes. An error that is named through a base outside its handler must be a
 /// failure kind of the library, else `std::logic_error` is thrown.
-class Piece {
+class ENGINES_HTTP_EXPORT Piece {
  public:
   /// Gives these bytes, throws this error, or calls this function.
   /// @{
@@ -64,7 +65,7 @@ class Piece {
 };
 
 /// How a scripted reply behaves beside its pieces.
-struct ReplyScript {
+struct ENGINES_HTTP_EXPORT ReplyScript {
   /// None: the reply has no status.
   std::optional<StatusCode> status = 200;
   /// The reply's headers.
@@ -79,7 +80,7 @@ struct ReplyScript {
 
 /// A reply that plays its pieces in order, then ends. An empty piece ends it, too, for the read
 /// that meets it. It notes what is done with it. For use by one thread at a time.
-class ScriptedReply final : public Response {
+class ENGINES_HTTP_EXPORT ScriptedReply final : public Response {
  public:
   /// Plays these pieces.
   explicit ScriptedReply(std::vector<Piece> pieces, ReplyScript script = {});
@@ -113,10 +114,11 @@ class ScriptedReply final : public Response {
 ///
 ///   const auto reply = reply_of({"data: {\"word\"", ConnectionError("reset")});
 ///   transport.reply(reply);
-std::shared_ptr<ScriptedReply> reply_of(std::vector<Piece> pieces, ReplyScript script = {});
+ENGINES_HTTP_EXPORT std::shared_ptr<ScriptedReply> reply_of(std::vector<Piece> pieces,
+                                                            ReplyScript script = {});
 
 /// A request that a scripted transport was asked to send.
-struct Sent {
+struct ENGINES_HTTP_EXPORT Sent {
   /// The request, as the transport was given it.
   Request request;
   /// The attempt's socket timeout, in seconds.
@@ -131,7 +133,7 @@ struct Sent {
 /// A transport that answers each request with the next step of its script. Copies share the script,
 /// so the test keeps the one that it passes. A request beyond the script throws `std::logic_error`.
 /// Any number of threads may send through it, and add steps, at once; each step is played once.
-class ScriptedTransport {
+class ENGINES_HTTP_EXPORT ScriptedTransport {
  public:
   /// What is done about one request.
   using Step = std::function<std::shared_ptr<Response>(const Request&, TransportOptions)>;
@@ -176,7 +178,7 @@ class ScriptedTransport {
 
 /// Time that moves only when the test moves it, or when a wait passes it. It begins at 0. The
 /// functions it gives refer to it: it must outlive them. For use by one thread at a time.
-class ManualTime {
+class ENGINES_HTTP_EXPORT ManualTime {
  public:
   ManualTime() = default;
   ManualTime(const ManualTime&) = delete;

@@ -30,6 +30,7 @@
 #include <utility>
 #include <vector>
 
+#include "engines/http/export.h"
 #include "engines/http/failure.h"
 #include "engines/http/held.h"
 #include "engines/http/seconds.h"
@@ -39,7 +40,7 @@ namespace engines::http {
 
 /// Header names and values in the order given. It converts from any range of pairs of strings, so
 /// that a caller may pass a `std::map`, a vector of pairs or a braced list.
-class Headers {
+class ENGINES_HTTP_EXPORT Headers {
  public:
   /// A name and its value.
   using Entry = std::pair<std::string, std::string>;
@@ -85,7 +86,7 @@ class Headers {
 };
 
 /// What a `Request` holds beside its URL.
-struct RequestFields {
+struct ENGINES_HTTP_EXPORT RequestFields {
   /// The body, sent unchanged; none sends no body.
   std::optional<std::string> data = std::nullopt;
   /// Of names that differ only in case, the one given later counts.
@@ -95,7 +96,7 @@ struct RequestFields {
 };
 
 /// One request, as it is handed to a transport. Settled at construction.
-struct Request {
+struct ENGINES_HTTP_EXPORT Request {
   /// `to` is the absolute URL.
   explicit Request(std::string to, RequestFields fields = {});
 
@@ -113,7 +114,7 @@ class LineIterator;
 
 /// A reply as a transport returns it: open, its body unread. Whoever holds it reads it on one
 /// thread and closes it once. A transport derives from it and overrides the `do_` functions.
-class Response {
+class ENGINES_HTTP_EXPORT Response {
  public:
   virtual ~Response();
 
@@ -176,7 +177,7 @@ class Response {
 
 /// Input iterator over the lines of a reply. A line is read when it is looked at or compared with
 /// the end, not before: whoever stops early has waited for no line that it does not take.
-class LineIterator {
+class ENGINES_HTTP_EXPORT LineIterator {
  public:
   /// What the standard asks of an input iterator.
   /// @{
@@ -212,7 +213,7 @@ class LineIterator {
 inline LineIterator Response::begin() { return LineIterator(*this); }
 
 /// What a transport is told beside the request.
-struct TransportOptions {
+struct ENGINES_HTTP_EXPORT TransportOptions {
   /// The longest wait of one socket operation. Must be given.
   Seconds timeout;
   /// Asked at least every 0.1 s while the exchange waits, reading included; once it says true, the
@@ -246,7 +247,7 @@ using Transport =
 // Texts are the transport's own and unredacted.
 
 /// What the operating system or the network stack reports.
-class OSError : public virtual std::exception {
+class ENGINES_HTTP_EXPORT OSError : public virtual std::exception {
  public:
   /// `text` is what `what()` returns.
   explicit OSError(std::string text);
@@ -261,25 +262,25 @@ class OSError : public virtual std::exception {
 };
 
 /// A socket operation waited longer than the timeout.
-class TimeoutError : public OSError {
+class ENGINES_HTTP_EXPORT TimeoutError : public OSError {
  public:
   using OSError::OSError;
 };
 
 /// A connection was refused, reset, aborted, or broken while writing.
-class ConnectionError : public OSError {
+class ENGINES_HTTP_EXPORT ConnectionError : public OSError {
  public:
   using OSError::OSError;
 };
 
 /// A host name did not resolve.
-class gaierror : public OSError {
+class ENGINES_HTTP_EXPORT gaierror : public OSError {
  public:
   using OSError::OSError;
 };
 
 /// The request could not be sent; holds the underlying failure.
-class URLError : public OSError {
+class ENGINES_HTTP_EXPORT URLError : public OSError {
  public:
   /// `text` is what `what()` returns; there is no underlying failure.
   explicit URLError(std::string text);
@@ -300,7 +301,7 @@ class URLError : public OSError {
 };
 
 /// A final status outside 200 to 299: at once a failure and a reply. Copies share the reply.
-class HTTPError : public URLError, public Response {
+class ENGINES_HTTP_EXPORT HTTPError : public URLError, public Response {
  public:
   /// `body` is the open reply whose status it is; null stands for an empty body.
   HTTPError(StatusCode code, Headers headers, std::shared_ptr<Response> body);
@@ -331,7 +332,7 @@ class HTTPError : public URLError, public Response {
 };
 
 /// The reply broke the HTTP protocol.
-class HTTPException : public virtual std::exception {
+class ENGINES_HTTP_EXPORT HTTPException : public virtual std::exception {
  public:
   /// `text` is what `what()` returns.
   explicit HTTPException(std::string text);
@@ -346,19 +347,19 @@ class HTTPException : public virtual std::exception {
 };
 
 /// The body ended before its announced length.
-class IncompleteRead : public HTTPException {
+class ENGINES_HTTP_EXPORT IncompleteRead : public HTTPException {
  public:
   using HTTPException::HTTPException;
 };
 
 /// No status line could be read.
-class BadStatusLine : public HTTPException {
+class ENGINES_HTTP_EXPORT BadStatusLine : public HTTPException {
  public:
   using HTTPException::HTTPException;
 };
 
 /// The connection was dropped before a reply began: of both families.
-class DroppedConnection : public ConnectionError, public BadStatusLine {
+class ENGINES_HTTP_EXPORT DroppedConnection : public ConnectionError, public BadStatusLine {
  public:
   /// `text` is what `what()` returns.
   explicit DroppedConnection(const std::string& text)

@@ -8,11 +8,13 @@
 #include <string>
 #include <string_view>
 
+#include "engines/http/export.h"
+
 namespace engines::http::detail {
 
 /// The caller keeps the order: `item` before each item of an array, `name` and then one value for
 /// each member of an object.
-class JsonWriter {
+class ENGINES_HTTP_EXPORT JsonWriter {
  public:
   JsonWriter() noexcept = default;
   JsonWriter(const JsonWriter&) = delete;

@@ -64,7 +64,7 @@ std::string url_of(const Origin& origin) {
 std::string trust_variable(const char* name, char separator = '\0') {
   const char* const value = std::getenv(name);
   if (value == nullptr || *value == '\0') return {};
-  const std::string paths = value;
+  std::string paths = value;
   for (std::size_t begin = 0; begin < paths.size();) {
     const std::size_t end = std::min(paths.find(separator, begin), paths.size());
     const std::string path = paths.substr(begin, end - begin) + (separator == ':' ? "/." : "");

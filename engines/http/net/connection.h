@@ -77,7 +77,7 @@ class Connection final : public Stream {
   static CURLcode on_tls_context(CURL*, void* context, void* self) noexcept;
   static void on_tls_message(int, int, int, const void*, std::size_t, ssl_st* session,
                              void* self) noexcept;
-  static std::size_t on_proxy_line(char* line, std::size_t, std::size_t size, void* self) noexcept;
+  static std::size_t on_proxy_line(char* text, std::size_t, std::size_t size, void* self) noexcept;
 
   const Route route_;
   const unsigned process_ = process_number();

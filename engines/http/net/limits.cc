@@ -65,10 +65,10 @@ void Limits::spend(Phase phase, Duration waited) {
 }
 
 void Limits::time_out(Phase phase, const std::string& bound) const {
-  const TimeoutError failure("timed out after " + bound + " while " + std::string(text_of(phase)) +
-                             (is_outward(phase) ? " to " : " from ") + peer);
-  if (is_outward(phase)) throw URLError(failure);
-  throw failure;
+  const std::string text = "timed out after " + bound + " while " + std::string(text_of(phase)) +
+                           (is_outward(phase) ? " to " : " from ") + peer;
+  if (is_outward(phase)) throw URLError(TimeoutError(text));
+  throw TimeoutError(text);
 }
 
 Duration Limits::check(Phase phase, TimePoint until) const {
