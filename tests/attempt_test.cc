@@ -13,7 +13,7 @@
 #include "engines/http/classification.h"
 #include "engines/http/reply.h"
 #include "engines/http/testing.h"
-#include "tests/support/told.h"
+#include "tests/support/outcome.h"
 
 namespace engines::http {
 namespace {
@@ -144,7 +144,7 @@ TEST(Send, HandsTheReplyToTheReaderAndClosesItOnce) {
       {[](Response&) -> int { throw Odd("odd"); }, "Odd: odd"},
       {[](Response&) -> int { throw std::out_of_range("bug"); }, "out_of_range: bug"},
   };
-  for (const auto& [read, told] : table) {
+  for (const auto& [read, expected] : table) {
     for (const bool close_fails : {false, true}) {
       const auto close = [=] {
         if (close_fails) throw TimeoutError("close");
@@ -153,8 +153,8 @@ TEST(Send, HandsTheReplyToTheReaderAndClosesItOnce) {
       const auto call = [&, &reads = read] {
         return std::to_string(attempt(ScriptedTransport().reply(reply), reads));
       };
-      EXPECT_EQ(outcome(call), close_fails ? "TimeoutError: close" : told);
-      EXPECT_EQ(reply->closes(), 1) << told;
+      EXPECT_EQ(outcome(call), close_fails ? "TimeoutError: close" : expected);
+      EXPECT_EQ(reply->closes(), 1) << expected;
     }
   }
 }
@@ -253,7 +253,7 @@ TEST(Send, ShowsEachReplyBeforeItsBodyIsRead) {
         seen.push_back(shown.headers()->get("retry-after").value());
         if (fails) throw TimeoutError("of inspect");
       };
-      const std::string told = outcome([&] {
+      const std::string ended = outcome([&] {
         return send<Json>(URL, {.policy = policy,
                                 .timeout = 1,
                                 .read = read_json,
@@ -261,9 +261,9 @@ TEST(Send, ShowsEachReplyBeforeItsBodyIsRead) {
                                 .inspect = inspect})
             .dump();
       });
-      EXPECT_EQ(told, fails           ? "TimeoutError: of inspect"
-                      : status == 404 ? "HttpFailure: HTTP 404: 1 | 404 | 1"
-                                      : "1");
+      EXPECT_EQ(ended, fails           ? "TimeoutError: of inspect"
+                       : status == 404 ? "HttpFailure: HTTP 404: 1 | 404 | 1"
+                                       : "1");
       EXPECT_EQ(seen, std::vector<std::string>{"7"});
       EXPECT_EQ(reply->closes(), 1);
     }

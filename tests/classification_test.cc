@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "engines/http/testing.h"
-#include "tests/support/told.h"
+#include "tests/support/outcome.h"
 
 // Errors of libraries that this one has never seen.
 namespace service {
@@ -168,7 +168,7 @@ TEST(ContentType, LowersTheWholeValueAndTrimsNothing) {
 template <class Error>
 std::string sorted(const Error& error, const RetryPolicy& policy = {},
                    const Secrets& secrets = {}) {
-  return test::told(*classify(error, policy, secrets));
+  return test::described(*classify(error, policy, secrets));
 }
 
 std::optional<std::string> silent(std::string_view, std::string_view) { return ""; }

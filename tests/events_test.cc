@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "engines/http/testing.h"
-#include "tests/support/told.h"
+#include "tests/support/outcome.h"
 
 namespace engines::http {
 namespace {

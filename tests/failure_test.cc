@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "engines/http/transport.h"
-#include "tests/support/told.h"
+#include "tests/support/outcome.h"
 
 namespace engines::http {
 namespace {
@@ -102,15 +102,15 @@ TEST(Failure, HandlersCatchTheirOwnBranch) {
 TEST(Failure, TellsItsMessageStatusAndDetailOrThoseOfItsLast) {
   const Retryable busy("busy", {.status = 503, .detail = "later"});
   const Exhausted end("gave up", {.attempts = 3, .last = busy});
-  EXPECT_EQ(test::told(busy), "Retryable: busy | 503 | later");
-  EXPECT_EQ(test::told(BadReply("odd")), "BadReply: odd");
-  EXPECT_EQ(test::told(end), "Exhausted: gave up | 503 | later");
-  EXPECT_EQ(test::told(*end.last()), "Retryable: busy | 503 | later");
+  EXPECT_EQ(test::described(busy), "Retryable: busy | 503 | later");
+  EXPECT_EQ(test::described(BadReply("odd")), "BadReply: odd");
+  EXPECT_EQ(test::described(end), "Exhausted: gave up | 503 | later");
+  EXPECT_EQ(test::described(*end.last()), "Retryable: busy | 503 | later");
   EXPECT_EQ(end.attempts(), 3);
   for (const detail::Ended& none : std::vector<detail::Ended>{
            DeadlineExceeded("m"), Stopped("m"), Exhausted("m", {.attempts = 1, .last = nullptr})}) {
     EXPECT_FALSE(none.last());
-    EXPECT_EQ(test::told(none), "Ended: m");
+    EXPECT_EQ(test::described(none), "Ended: m");
   }
   static_assert(std::is_nothrow_copy_constructible_v<Exhausted>);
   static_assert(!std::is_copy_assignable_v<Exhausted>);

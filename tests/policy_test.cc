@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "engines/http/curl_transport.h"
-#include "tests/support/told.h"
+#include "tests/support/outcome.h"
 
 namespace engines::http {
 namespace {

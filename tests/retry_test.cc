@@ -15,7 +15,7 @@
 #include "engines/http/classification.h"
 #include "engines/http/requests.h"
 #include "engines/http/testing.h"
-#include "tests/support/told.h"
+#include "tests/support/outcome.h"
 
 namespace engines::http {
 namespace {
@@ -80,7 +80,7 @@ TEST(Retry, CutsTheTimeoutToTheDeadline) {
 struct EndCase {
   RetryPolicy policy;
   std::vector<FailurePtr> failures;
-  std::string told;
+  std::string expected;
 };
 
 TEST(Retry, EveryWayOut) {
@@ -123,13 +123,13 @@ TEST(Retry, EveryWayOut) {
     Attempts attempts{c.failures};
     try {
       retry(c.policy, attempts, {.label = "call", .secrets = {"s3cr3t-k3y"}});
-      FAIL() << c.told;
+      FAIL() << c.expected;
     } catch (const HttpFailure& failure) {
-      EXPECT_EQ(test::told(failure), c.told);
-      EXPECT_EQ(attempts.made, c.failures.size()) << c.told;
+      EXPECT_EQ(test::described(failure), c.expected);
+      EXPECT_EQ(attempts.made, c.failures.size()) << c.expected;
       const auto* const end = dynamic_cast<const detail::Ended*>(&failure);
       if (end && end->last()) {
-        EXPECT_EQ(test::told(*end->last()), test::told(*c.failures.back()));
+        EXPECT_EQ(test::described(*end->last()), test::described(*c.failures.back()));
       }
       const auto* const exhausted = dynamic_cast<const Exhausted*>(&failure);
       EXPECT_TRUE(!exhausted || exhausted->attempts() == c.policy.attempts);
