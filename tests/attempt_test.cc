@@ -80,14 +80,11 @@ TEST(Response, AnErrorsCopiesShareItsBody) {
 
 TEST(Send, BuildsTheRequest) {
   const std::map<std::string, std::string> caller{{"A", "1"}, {"Content-Type", "json; v=1"}};
+  const Headers repeated{{"A", "1"}, {"B", "2"}, {"a", "3"}, {"A", "4"}};
   const Headers first{{"Content-Type", "json; v=1"}, {"A", "1"}};
   const std::tuple<Body, Headers, std::optional<std::string>, Headers> table[] = {
-      {{}, {}, std::nullopt, {}},
       {{}, caller, std::nullopt, {{"A", "1"}, {"Content-Type", "json; v=1"}}},
-      {{},
-       {{"A", "1"}, {"B", "2"}, {"a", "3"}, {"A", "4"}},
-       std::nullopt,
-       {{"A", "4"}, {"B", "2"}}},
+      {{}, repeated, std::nullopt, {{"A", "4"}, {"B", "2"}}},
       {Json::object(), {}, "{}", {{"Content-Type", "application/json"}}},
       {Json{{"t", "é"}, {"n", 1.5}}, caller, R"({"t": "é", "n": 1.5})", first},
       {1, {{"A", "1"}, {"content-type", "x"}}, "1", {{"content-type", "x"}, {"A", "1"}}},
@@ -163,17 +160,15 @@ TEST(Send, ClassifiesBeforeItClosesAndThrowsOutsideEveryHandler) {
 
 TEST(Send, SortsWhatTheTransportThrows) {
   const RetryPolicy policy{.error_replies = {400}};
+  const Reader<int> uncalled = [](Response&) -> int { throw std::logic_error("called"); };
   const auto sent = [&](const auto& error) {
-    return outcome([&] {
-      return send<std::string>(URL, {.policy = policy,
-                                     .timeout = 1,
-                                     .read = [](Response&) { return "the reader was called"; },
-                                     .headers = {{"Authorization", "Bearer tok-12345678"}},
-                                     .secrets = {"callers-own-secret"},
-                                     .transport = ScriptedTransport().fail(error)});
-    });
+    const Headers headers{{"Authorization", "Bearer tok-12345678"}};
+    const Transport transport = ScriptedTransport().fail(error);
+    const SendOptions<int> options{policy, 1,       uncalled,        "GET",
+                                   {},     headers, {"callers-own"}, transport};
+    return outcome([&] { return std::to_string(send<int>(URL, options)); });
   };
-  EXPECT_EQ(sent(HTTPError(404, {}, reply_of({"tok-12345678 and callers-own-secret"}))),
+  EXPECT_EQ(sent(HTTPError(404, {}, reply_of({"tok-12345678 and callers-own"}))),
             "HttpFailure: HTTP 404: [redacted] and [redacted] | 404 | [redacted] and [redacted]");
   EXPECT_EQ(sent(URLError(gaierror("no host"))), "Retryable: network error: no host | no host");
   EXPECT_EQ(sent(HTTPException("Bearer tok-12345678")),
@@ -190,13 +185,10 @@ TEST(Send, SortsWhatTheTransportThrows) {
 
 TEST(Send, GivesTheReaderWhatItTakes) {
   const auto sent = [](const auto& read) {
-    const ScriptedTransport transport = ScriptedTransport().reply("no: key-0123456789 one-more");
-    const SendOptions<Json> options{.policy = {.max_body_bytes = 31},
-                                    .timeout = 1,
-                                    .read = read,
-                                    .headers = {{"api-key", "key-0123456789"}},
-                                    .secrets = {{"another-secret", "one-more"}},
-                                    .transport = transport};
+    const Transport transport = ScriptedTransport().reply("no: key-0123456789 one-more");
+    const Headers headers{{"api-key", "key-0123456789"}};
+    const SendOptions<Json> options{{.max_body_bytes = 31},    1,        read, "GET", {}, headers,
+                                    {{"another", "one-more"}}, transport};
     return outcome([&] { return send<Json>(URL, options).dump(); });
   };
   // The shortest spelling quotes no credential that the server echoes.
@@ -206,10 +198,10 @@ TEST(Send, GivesTheReaderWhatItTakes) {
   EXPECT_EQ(sent(read_body), "\"no: key-0123456789 one-more\"");
   EXPECT_EQ(sent([](Response& reply) { return reply.read(2); }), "\"no\"");
   EXPECT_EQ(sent([](Response&, const Secrets& hidden) { return hidden.size(); }), "3");
-  EXPECT_EQ(sent([](Response&, const RetryPolicy& policy, const Secrets& hidden) {
-              return policy.max_body_bytes + hidden.size();
-            }),
-            "34");
+  const auto both = [](Response&, const RetryPolicy& policy, const Secrets& hidden) {
+    return policy.max_body_bytes + hidden.size();
+  };
+  EXPECT_EQ(sent(both), "34");
 }
 
 TEST(Send, ShowsEachReplyBeforeItsBodyIsRead) {
@@ -224,11 +216,9 @@ TEST(Send, ShowsEachReplyBeforeItsBodyIsRead) {
         EXPECT_TRUE(reply->reads().empty());
         if (fails) throw TimeoutError("of inspect");
       };
-      const SendOptions<Json> options{.policy = {.error_replies = {400}},
-                                      .timeout = 1,
-                                      .read = read_json,
-                                      .transport = ScriptedTransport().reply(reply),
-                                      .inspect = inspect};
+      const Transport transport = ScriptedTransport().reply(reply);
+      const SendOptions<Json> options{
+          {.error_replies = {400}}, 1, read_json, "GET", {}, {}, {}, transport, inspect};
       EXPECT_EQ(outcome([&] { return send<Json>(URL, options).dump(); }),
                 fails ? "TimeoutError: of inspect" : expected);
       EXPECT_EQ(seen, (Texts{std::to_string(status), "7"}));
