@@ -309,7 +309,8 @@ TEST(ReadJson, ParsesOrSaysWhyNot) {
       {"\uFEFF{}", not_json + "'\\ufeff{}' | 204 | \uFEFF{}"},
       {" <!DOCTYPE html><p>hi",
        "Refused: an HTML page instead of a JSON reply | 204 |  <!DOCTYPE html><p>h"},
-      {"it's \"s3cr3t-k3y\"", not_json + R"('it\'s "[redacted]"' | 204 | it's "[redacted]")"},
+      {"it's \"s3cr3t-k3y\" and on",
+       not_json + R"('it\'s "[redacted]" an' | 204 | it's "[redacted]" an)"},
       {"\xff\u00e9 ", not_json + "'\uFFFDé ' | 204 | \uFFFDé "}};
   for (const auto& [body, expected] : table) {
     const auto reply =

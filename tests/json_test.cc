@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <bit>
 #include <cmath>
 #include <complex>
 #include <deque>
@@ -10,9 +9,10 @@
 #include <limits>
 #include <list>
 #include <map>
-#include <random>
 #include <span>
 #include <sstream>
+
+#include "tests/support/outcome.h"
 
 namespace user {
 
@@ -32,10 +32,6 @@ std::ostream& operator<<(std::ostream& out, Streamed) { return out << "streamed 
 enum class Hooked { on };
 NLOHMANN_JSON_SERIALIZE_ENUM(Hooked, {{Hooked::on, "hooked"}})
 
-struct Named {
-  std::string name;
-};
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Named, name)
 struct Intrusive {
   int a = 1;
   NLOHMANN_DEFINE_TYPE_INTRUSIVE(Intrusive, a)
@@ -168,13 +164,12 @@ TEST(DecodeJson, ReadsNumbersExactlyOrAsTheNearestDouble) {
 }
 
 TEST(DecodeJson, TakesAThousandLevels) {
-  for (const std::pair<const char*, const char*>& brackets :
-       {std::pair("[", "]"), std::pair("{\"\": ", "}")}) {
-    const auto nested = [&](std::size_t depth) {
-      return repeat(brackets.first, depth) + "1" + repeat(brackets.second, depth);
-    };
-    EXPECT_EQ(decoded(nested(1000)), nested(1000));
-    EXPECT_EQ(decoded(nested(1001)), "refused");
+  const auto nested = [](std::string_view open, std::string_view close, std::size_t depth) {
+    return repeat(open, depth) + "1" + repeat(close, depth);
+  };
+  for (const auto& [open, close] : {std::pair("[", "]"), std::pair("{\"\": ", "}")}) {
+    EXPECT_EQ(decoded(nested(open, close, 1000)), nested(open, close, 1000));
+    EXPECT_EQ(decoded(nested(open, close, 1001)), "refused");
   }
 }
 
@@ -195,28 +190,13 @@ TEST(DecodeJson, HostileTextsEndSoon) {
   }
   const Json many = *decode_json(members + "\"last\":0}");
   ASSERT_EQ(many.size(), 200'001U);
-  EXPECT_EQ(many.begin().key(), "0");
-  EXPECT_EQ(*many.begin(), 200'000);
+  EXPECT_EQ(many.begin().key() + "=" + many.begin()->dump(), "0=200000");
   EXPECT_EQ(std::prev(many.end()).key(), "last");
 
   // A member holds a deep array while the object around it goes on growing.
   std::string growing = "{\"deep\":" + repeat("[", 900) + repeat("]", 900);
   for (int i = 0; i < 100'000; ++i) growing += ",\"" + std::to_string(i) + "\":[]";
   EXPECT_EQ(encode_json(*decode_json(growing + "}")).substr(0, 12), "{\"deep\": [[[");
-}
-
-TEST(EncodeJson, WritesNumbersThatReadBack) {
-  std::mt19937_64 random(2);
-  for (std::uint64_t i = 0; i < 200'000; ++i) {
-    const std::uint64_t natural = random() >> i % 64;
-    ASSERT_EQ(encode_json(natural), std::to_string(natural));
-    // Any bits at all, fewer decimals, or a power of two and its neighbours.
-    const double value = i % 3 == 0   ? std::bit_cast<double>(natural)
-                         : i % 3 == 1 ? static_cast<double>(natural) / 1e4
-                                      : std::bit_cast<double>((natural % 2047 << 52) + i % 5 - 2);
-    const Json read = decode_json(encode_json(value)).value();
-    ASSERT_TRUE(read == value || std::isnan(value)) << value;
-  }
 }
 
 TEST(EncodeJson, TakesValuesOfManyTypes) {
@@ -269,50 +249,46 @@ TEST(EncodeJson, TakesValuesOfManyTypes) {
   EXPECT_EQ(encode_json(Bodies{json, nlohmann::json{{"b", 1}, {"a", 2}}, std::vector<Json>{1, "a"},
                                Json::binary({'o', 'k'})}),
             R"([{"b": 1, "a": [null, 0.5, true, "x", -1]}, {"a": 2, "b": 1}, [1, "a"], "ok"])");
-  EXPECT_EQ(encode_json(Bodies{user::Derived{{1, 2}}, std::vector<user::Named>{{"n"}},
-                               user::Hooked::on, user::Intrusive(), user::Letters{'a', 'b'},
-                               user::MoreLetters{{'c'}}, user::Bits{true}, user::Constrained(),
-                               user::MoreConstrained(), std::vector<user::Box<bool>>{{true}}}),
-            R"([{"y": 2, "x": 1}, [{"name": "n"}], "hooked", {"a": 1}, 97, 99, 1, "constrained", )"
+  EXPECT_EQ(encode_json(Bodies{user::Derived{{1, 2}}, std::vector{user::Intrusive()},
+                               user::Hooked::on, user::Letters{'a', 'b'}, user::MoreLetters{{'c'}},
+                               user::Bits{true}, user::Constrained(), user::MoreConstrained(),
+                               std::vector<user::Box<bool>>{{true}}}),
+            R"([{"y": 2, "x": 1}, [{"a": 1}], "hooked", 97, 99, 1, "constrained", )"
             R"("constrained", [{"box": true}]])");
   EXPECT_EQ(encode_json(Bodies{user::Spoken::word, user::stream_me, std::filesystem::path("a/b"),
                                std::runtime_error("what"), std::complex<double>(1, 2)}),
             R"_(["spoken", "streamed 1000", "a/b", "what", "(1,2)"])_");
 }
 
+template <class... Values>
+void expect_refused(const Values&... values) {
+  const std::string messages[] = {
+      test::outcome([&] { return "encoded: " + encode_json(values); })...};
+  for (const std::string& message : messages) {
+    EXPECT_TRUE(message.starts_with("invalid_argument: ")) << message;
+    EXPECT_EQ(message.find("secret"), message.npos) << message;
+  }
+}
+
 TEST(EncodeJson, RefusesWhatHasNoTextAndDoesNotQuoteIt) {
   const std::string bad = "secret \xff";
-  const auto refuses = [](const auto&... values) {
-    const auto check = [](const auto& value) {
-      try {
-        ADD_FAILURE() << encode_json(value);
-      } catch (const std::invalid_argument& error) {
-        EXPECT_EQ(std::string_view(error.what()).find("secret"), std::string_view::npos);
-      }
-    };
-    (..., check(values));
-  };
-  refuses(std::map<std::string, int>{{bad, 1}}, Json{{"a", {bad}}}, Json{{bad, 1}}, '\xc3',
-          Json::binary({0xFF}), Json(Json::value_t::discarded),
-          std::map<const char*, int>{{nullptr, 1}}, std::vector{raw_body("secret", "text/plain")});
+  expect_refused(std::map<std::string, int>{{bad, 1}}, Json{{"a", {bad}}}, Json{{bad, 1}}, '\xc3',
+                 Json::binary({0xFF}), Json(Json::value_t::discarded),
+                 std::map<const char*, int>{{nullptr, 1}},
+                 std::vector{raw_body("secret", "text/plain")});
 }
 
 TEST(EncodeJson, RefusesAValueThatContainsItselfOrIsTooDeep) {
-  const auto list = std::make_shared<user::List>();
-  list->push_back(list);
-  EXPECT_THROW(encode_json(list), std::invalid_argument);
-  list->clear();
-
-  const std::optional<Json> deep = decode_json(repeat("[", 1000) + repeat("]", 1000));
-  EXPECT_THROW(encode_json(std::vector{*deep}), std::invalid_argument);
-
-  // Through pointers and references alone, without a bracket.
+  // The second through pointers and references alone, without a bracket.
   struct Endless : std::variant<int, std::shared_ptr<Endless>> {
     using variant::variant;
   };
+  const auto list = std::make_shared<user::List>();
   const auto endless = std::make_shared<Endless>(1);
+  list->push_back(list);
   *endless = Endless(endless);
-  EXPECT_THROW(encode_json(*endless), std::invalid_argument);
+  expect_refused(list, *endless, std::vector{decode_json(repeat("[", 1000) + repeat("]", 1000))});
+  list->clear();
   *endless = Endless(1);
 }
 
@@ -349,16 +325,12 @@ TEST(Body, IsKeptWithoutTheValueThatItWasMadeOf) {
 }
 
 TEST(Body, OfBytesOrOfAForm) {
-  const Body empty = raw_body("", "text/plain");
-  EXPECT_EQ(empty.data(), "");
-  EXPECT_EQ(empty.content_type(), "text/plain");
+  EXPECT_EQ(raw_body("", "text/plain").data(), "");
+  EXPECT_EQ(raw_body("", "text/plain").content_type(), "text/plain");
   EXPECT_EQ(raw_body("null", "application/json").data(), "null");
-
-  const std::string text = "a b*-._~\n+&=%é\x7f";
-  const Body form = form_body({{"grant_type", text}, {"", ""}, {"é", "1"}});
+  const Body form = form_body({{"grant_type", "a b*-._~\n+&=%é\x7f"}, {"", ""}, {"é", "1"}});
   EXPECT_EQ(form.data(), "grant_type=a+b*-._%7E%0A%2B%26%3D%25%C3%A9%7F&=&%C3%A9=1");
   EXPECT_EQ(form.content_type(), "application/x-www-form-urlencoded");
-  EXPECT_EQ(form_body({{"a", "b"}}).data(), "a=b");
   EXPECT_EQ(form_body(std::map<std::string_view, std::string>{{"b", "2"}, {"a", "1"}}).data(),
             "a=1&b=2");
   EXPECT_EQ(form_body({}).data(), "");
