@@ -11,7 +11,7 @@
 #include "engines/http/http.h"
 #include "engines/http/testing.h"
 #include "tests/support/fault_server.h"
-#include "tests/support/told.h"
+#include "tests/support/outcome.h"
 
 namespace {
 

@@ -23,8 +23,8 @@
 
 #include "engines/http/classification.h"
 #include "tests/support/fault_server.h"
+#include "tests/support/outcome.h"
 #include "tests/support/real_peers.h"
-#include "tests/support/told.h"
 
 namespace engines::http {
 namespace {

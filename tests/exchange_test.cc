@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "engines/http/failure.h"
+#include "tests/support/outcome.h"
 #include "tests/support/scripted_stream.h"
-#include "tests/support/told.h"
 
 namespace engines::http::net {
 namespace {

@@ -19,7 +19,7 @@ namespace engines::http::test {
 ///
 /// "tinyproxy", with a port: lets CONNECT through to that port only.
 ///
-/// "exec", with a command, which is told the directory, the port and the port for TLS at its end.
+/// "exec", with a command, which is given the directory, the port and the port for TLS at its end.
 class RealPeer {
  public:
   /// Starts it and waits until it listens. Throws `std::runtime_error` when it is not installed or

@@ -9,7 +9,7 @@
 namespace engines::http::test {
 
 /// "Kind: message | status | detail", the last two where there are any.
-inline std::string told(const std::exception& error) {
+inline std::string described(const std::exception& error) {
   std::string line = ErrorRef(error).type_name() + ": " + error.what();
   const auto* const failure = dynamic_cast<const HttpFailure*>(&error);
   if (failure && failure->status()) line += " | " + std::to_string(*failure->status());
@@ -17,12 +17,12 @@ inline std::string told(const std::exception& error) {
   return line;
 }
 
-/// What the call returns, or what it throws, told.
+/// What the call returns, or what it throws, described.
 inline std::string outcome(const std::function<std::string()>& call) {
   try {
     return call();
   } catch (const std::exception& error) {
-    return told(error);
+    return described(error);
   }
 }
 
