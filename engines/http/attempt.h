@@ -11,6 +11,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <ranges>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -32,9 +33,24 @@ using Inspect = std::function<void(const Response& reply)>;
 
 namespace detail {
 
+template <class From, class To>
+concept Narrows = std::is_arithmetic_v<To> && !requires(From from) {
+  To{static_cast<From>(from)};
+};
+
+/// What the `To` would refer to is gone once the reader has returned.
+template <class From, class To>
+concept Dangles = !std::is_reference_v<From> && !std::same_as<From, To> &&
+                  (std::is_reference_v<To> || std::ranges::enable_borrowed_range<To>);
+
+template <class From, class To>
+concept ReturnsAs = std::is_void_v<To> ||
+    (std::is_convertible_v<From, To> && !Narrows<From, To> && !Dangles<From, To>);
+
 /// Whether `Read` can be called with a reply and these, and returns a `Result`.
 template <class Read, class Result, class... More>
-concept Reads = std::is_invocable_r_v<Result, Read&, Response&, const More&...>;
+concept Reads = std::invocable<Read&, Response&, const More&...> &&
+    ReturnsAs<std::invoke_result_t<Read&, Response&, const More&...>, Result>;
 
 }  // namespace detail
 

@@ -6,10 +6,12 @@
 //   RetryPolicy policy = detail::missing<RetryPolicy, Given>();
 //
 // The second is for a value that may be in braces itself, `.policy = {.attempts = 1}`. `Given` is a
-// template parameter of the struct, without which the default would be compiled in any case.
+// template parameter of the struct, without which the default would be compiled in any case. A struct
+// of this kind needs a field of the first kind beside it.
 #pragma once
 
 #include <concepts>
+#include <initializer_list>
 #include <utility>
 
 #include "engines/http/export.h"
@@ -24,6 +26,9 @@ T missing() {
   static_assert(!std::same_as<Given, Given>, "a field that must be given is missing");
 }
 
+/// Stands for a field that is left out.
+struct LeftOut {};
+
 }  // namespace detail
 
 /// A `T` without a default. It reads as the `T` that was given; threads may share one as they may
@@ -31,9 +36,10 @@ T missing() {
 template <class T>
 class ENGINES_HTTP_EXPORT required {
  public:
-  /// Does not compile: the value is missing.
+  /// Does not compile: what a field that is left out is initialised from. There is no default
+  /// constructor, so that a struct with such a field has none either, and says so where it is asked.
   template <class Given = void>
-  required() : value_(detail::missing<T, Given>()) {}
+  required(std::initializer_list<detail::LeftOut>) : value_(detail::missing<T, Given>()) {}
 
   /// The value that is given.
   template <class U>
