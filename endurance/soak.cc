@@ -145,12 +145,10 @@ bool should_stop() { return asks_until_stop >= 0 && asks_until_stop-- == 0; }
 
 class Caller {
  public:
-  Caller(Ledger& ledger, std::size_t most_attempts, const std::string& ca_file,
-         const std::string& proxy)
+  Caller(Ledger& ledger, std::size_t most_attempts, const std::string& proxy)
       : ledger_(ledger),
         answered_(most_attempts),
-        pool_({.ca_file = ca_file, .max_idle = MAX_IDLE}),
-        proxied_({.ca_file = ca_file, .proxy = proxy, .max_idle = MAX_IDLE}) {
+        proxied_({.proxy = proxy, .max_idle = MAX_IDLE}) {
     for (const Fault& fault : FAULTS) shares_.push_back(fault.share);
   }
 
@@ -221,7 +219,7 @@ class Caller {
   std::vector<int> shares_;
   std::vector<unsigned char> answered_;
   std::atomic<std::size_t> attempts_ = 0;
-  PooledTransport pool_, proxied_;
+  PooledTransport pool_{{.max_idle = MAX_IDLE}}, proxied_;
 };
 
 // ---- What is measured ---------------------------------------------------------------------------
@@ -251,7 +249,7 @@ bool check(bool holds, const std::string& what) {
 int soak(unsigned calls, unsigned seed) {
   const test::CertificateAuthority authority;
   const test::Identity identity = authority.issue("localhost");
-  setenv("SSL_CERT_FILE", authority.file().c_str(), 1);  // for the transport without options
+  setenv("SSL_CERT_FILE", authority.file().c_str(), 1);
   auto& ledger = *static_cast<Ledger*>(
       mmap(nullptr, sizeof(Ledger), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   const pid_t servers = start_servers(ledger, identity);
@@ -268,7 +266,7 @@ int soak(unsigned calls, unsigned seed) {
   std::thread([] {}).join();  // with the first thread a sanitizer may start one of its own
   const Sample before = sample();
   {
-    Caller caller(ledger, std::size_t{3} * calls + 1, authority.file(), proxy.url());
+    Caller caller(ledger, std::size_t{3} * calls + 1, proxy.url());
     std::barrier between(THREADS, [&]() noexcept { samples.push_back(sample()); });
     const auto work = [&](unsigned thread) {
       std::seed_seq seeds{seed, thread};

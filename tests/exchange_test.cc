@@ -211,6 +211,7 @@ TEST(Exchange, FinishTakesTheRestOfTheBodyThatIsHereAndWaitsForNone) {
   const std::string big(200'000, 'x');
   EXPECT_TRUE(kept(TEN + "0123456789", 1000));
   EXPECT_TRUE(kept(CHUNKED + "5\r\nevent\r\n0\r\n\r\n", 1000));
+  EXPECT_FALSE(kept(TEN + "0123456789HTTP", 1000)) << "bytes that belong to no reply";
   EXPECT_FALSE(kept(TEN + "0123456789", TEN.size() + 5)) << "the rest is not here";
   EXPECT_FALSE(kept(LENGTH + "200000\r\n\r\n" + big, SIZE_MAX)) << "more than is worth it";
   EXPECT_FALSE(kept(CHUNKED + "30d40\r\n" + big + "\r\n0\r\n\r\n", SIZE_MAX));
