@@ -5,9 +5,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <limits>
 #include <memory>
 #include <set>
 #include <stdexcept>
@@ -196,19 +196,6 @@ TEST_P(OverSockets, WhatHappensBeforeTheRequestIsSentIsAURLError) {
   }
 }
 
-TEST_P(OverSockets, TimeoutsThatAreNoDurationNeitherHangNorLastForEver) {
-  FaultServer server(answering(99), identity(tls));
-  constexpr double NONE = std::numeric_limits<double>::quiet_NaN();
-  constexpr double INFINITE = std::numeric_limits<double>::infinity();
-  const auto within = [&](double timeout) {
-    return called(transport, Request(server.url()), {.timeout = timeout});
-  };
-  for (const double passed : {0.0, -1.0, NONE, -INFINITE, 1e-300, 1e-9}) {
-    EXPECT_TRUE(begins(within(passed), "URLError(TimeoutError): "));
-  }
-  for (const double enough : {1e9, 1e300, INFINITE}) EXPECT_EQ(within(enough), "200 [hi]");
-}
-
 TEST_P(OverSockets, AStopAndTheEndOfTheCallsTimeEndEveryWait) {
   for (const Play& play : std::vector<Play>{
            stalls, answer(OK, drips("abcdefghij", 60)), answer(TEN, drips("abcdefghij", 60)),
@@ -231,9 +218,8 @@ TEST(Tls, KeysThatAreRenewedWithoutEndHoldNoCall) {
   });
   FaultServer server(renews, identity(true)), proxy(renews, identity(true));
   EXPECT_TRUE(begins(called(PooledTransport(), Request(server.url())), "TimeoutError: "));
-  EXPECT_TRUE(
-      begins(called(PooledTransport({.proxy = proxy.url()}), Request("https://behind.invalid/")),
-             "URLError(TimeoutError): "));
+  EXPECT_TRUE(begins(called(PooledTransport({.proxy = proxy.url()}), Request("https://h.invalid/")),
+                     "URLError(TimeoutError): "));
 }
 
 TEST(Redirects, AreFollowedUpToALimit) {
@@ -273,18 +259,15 @@ TEST(Reading, ReadFillsAndRead1TakesWhatHasCome) {
 }
 
 TEST(Reading, ASlowReaderNeitherTimesOutNorBuffers) {
-  std::size_t sent = 0;
-  {
-    FaultServer server([&sent](Peer& peer) {
-      peer.request(), peer.send(OK + "\r\n");
-      const std::string piece(65536, 'x');
-      while (sent < 200'000'000 && peer.send(piece)) sent += piece.size();
-    });
-    const auto reply = urlopen_transport(Request(server.url()), {.timeout = 0.2});
-    for (int i = 0; i < 4; ++i) {
-      std::this_thread::sleep_for(300ms);
-      EXPECT_EQ(reply->read(10).size(), 10U);
-    }
+  std::atomic<std::size_t> sent = 0;
+  FaultServer server(answer(OK + "\r\n", [&sent](Peer& peer) {
+    for (const std::string piece(65536, 'x'); sent < 200'000'000 && peer.send(piece);)
+      sent += 65536;
+  }));
+  const auto reply = urlopen_transport(Request(server.url()), {.timeout = 0.4});
+  for (int i = 0; i < 4; ++i) {
+    std::this_thread::sleep_for(500ms);
+    EXPECT_EQ(reply->read(10).size(), 10U);
   }
   EXPECT_LT(sent, 20'000'000U) << "what the sockets hold, and no more";
 }
@@ -533,7 +516,7 @@ TEST(RealPeers, ASocksProxyAndItsCredentialsAreUsed) {
     answering(2)(peer);
   });
   const std::string at = "@127.0.0.1:" + std::to_string(proxy.port());
-  const Request request("http://behind.invalid/");
+  const Request request("http://h.invalid/");
   const PooledTransport pool({.proxy = "socks5h://u:p" + at});
   for (int i = 0; i < 2; ++i) EXPECT_EQ(called(pool, request), "200 [hi]");
   EXPECT_EQ(proxy.connections(), 1);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <string>
 #include <vector>
 
@@ -225,6 +226,22 @@ TEST(Exchange, AStopAndTheEndOfTheCallsTimeEndEveryWait) {
     EXPECT_TRUE(stopped.starts_with("Stopped: the transport was asked to stop while")) << stopped;
     Played late(bytes, Then::stalls, 3, {.timeout = 9, .time_left = 0.02});
     EXPECT_TRUE(late.outcome(9, true).starts_with("TimeoutError: timed out after all the time"));
+  }
+  int asks = 0;  // also of a read that never waits
+  Played flood(LENGTH + "9000000\r\n\r\n" + std::string(9'000'000, 'x'), Then::stalls, SIZE_MAX,
+               {.timeout = 9, .should_stop = [&] { return ++asks > 8; }});
+  EXPECT_TRUE(flood.outcome(9'000'000, true).starts_with("Stopped: "));
+}
+
+TEST(Exchange, ATimeoutThatIsNoDurationNeitherHangsNorLastsForEver) {
+  const double none = std::nan(""), infinite = HUGE_VAL;
+  for (const double passed : {0.0, -1.0, none, -infinite, 1e-300, 1e-9}) {
+    const std::string late = Played("", Then::stalls, 1, {.timeout = passed}).outcome(9, true);
+    EXPECT_TRUE(late.starts_with("TimeoutError: timed out after ")) << late;
+  }
+  for (const double enough : {1e9, 1e300, infinite}) {
+    EXPECT_EQ(Played(TEN + "0123456789", Then::stalls, 1, {.timeout = enough}).outcome(9, true),
+              "200 kept [0123456789]");
   }
 }
 
