@@ -2,12 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <map>
-#include <memory>
 #include <ranges>
 #include <stdexcept>
-#include <string>
+#include <tuple>
 #include <vector>
 
 #include "engines/http/classification.h"
@@ -23,14 +21,15 @@ using testing::ManualTime;
 using testing::Piece;
 using testing::reply_of;
 using testing::ScriptedTransport;
+using Texts = std::vector<std::string>;
 
-const RetryPolicy plain;
 const std::string URL = "http://service.test/v1";
+const auto unread = [](Response&) {};
 
 /// One attempt by this transport.
 template <class Read>
 decltype(auto) attempt(const Transport& transport, const Read& read,
-                       const RetryPolicy& policy = plain) {
+                       const RetryPolicy& policy = {}) {
   using Result = std::invoke_result_t<Read, Response&>;
   return send<Result>(URL, {.policy = policy, .timeout = 1, .read = read, .transport = transport});
 }
@@ -40,19 +39,18 @@ decltype(auto) attempt(const Transport& transport, const Read& read,
 TEST(Response, IsARangeOfLinesThatLosesNothing) {
   static_assert(std::ranges::input_range<Response>);
   const auto reply = reply_of({"a", "b\nsecond\r\n", "\n", "rest, then ", "more\n", "last"});
-  std::vector<std::string> lines;
-  for (const std::string& line : *reply) {
-    lines.push_back(line);
-    if (lines.size() == 2) break;
-  }
-  for (const std::string& line : *reply) {
-    lines.push_back(line);
-    if (line == "\n") break;
-  }
-  EXPECT_EQ(lines, (std::vector<std::string>{"ab\n", "second\r\n", "\n"}));
+  Texts lines;
+  const auto take = [&](std::size_t until) {
+    for (const std::string& line : *reply) {
+      lines.push_back(line);
+      if (lines.size() == until) break;
+    }
+  };
+  take(2);
+  take(3);
   EXPECT_EQ(reply->read1(4), "rest");
-  for (const std::string& line : *reply) lines.push_back(line);
-  EXPECT_EQ(lines, (std::vector<std::string>{"ab\n", "second\r\n", "\n", ", then more\n", "last"}));
+  take(0);
+  EXPECT_EQ(lines, (Texts{"ab\n", "second\r\n", "\n", ", then more\n", "last"}));
   const std::size_t reads = reply->reads().size();
   for (const std::string& line : *reply) ADD_FAILURE() << line;
   EXPECT_EQ(reply->reads().size(), reads) << "the end is met once";
@@ -72,11 +70,8 @@ TEST(Response, ReadsNoLineThatIsNotTaken) {
 
 TEST(Response, AnErrorsCopiesShareItsBody) {
   const HTTPError error(404, {}, reply_of({"a\nb\nrest"}));
-  HTTPError first = error;
-  HTTPError second = error;
-  EXPECT_EQ(*first.begin(), "a\n");
-  EXPECT_EQ(*second.begin(), "b\n");
-  EXPECT_EQ(first.read(9), "rest");
+  HTTPError first = error, second = error;
+  EXPECT_EQ(*first.begin() + *second.begin() + first.read(9), "a\nb\nrest");
   second.close();
   EXPECT_THROW(first.read(1), ValueError);
 }
@@ -84,71 +79,46 @@ TEST(Response, AnErrorsCopiesShareItsBody) {
 // ---- send ---------------------------------------------------------------------------------------
 
 TEST(Send, BuildsTheRequest) {
-  struct Case {
-    Body body;
-    Headers headers;
-    std::optional<std::string> data;
-    Headers sent;
-  };
   const std::map<std::string, std::string> caller{{"A", "1"}, {"Content-Type", "json; v=1"}};
-  const std::vector<Case> table{
-      {{}, {}, std::nullopt, {}},
+  const Headers repeated{{"A", "1"}, {"B", "2"}, {"a", "3"}, {"A", "4"}};
+  const Headers first{{"Content-Type", "json; v=1"}, {"A", "1"}};
+  const std::tuple<Body, Headers, std::optional<std::string>, Headers> table[] = {
       {{}, caller, std::nullopt, {{"A", "1"}, {"Content-Type", "json; v=1"}}},
-      {{},
-       {{"A", "1"}, {"B", "2"}, {"a", "3"}, {"A", "4"}},
-       std::nullopt,
-       {{"A", "4"}, {"B", "2"}}},
+      {{}, repeated, std::nullopt, {{"A", "4"}, {"B", "2"}}},
       {Json::object(), {}, "{}", {{"Content-Type", "application/json"}}},
-      {Json{{"t", "\u00e9"}, {"n", 1.5}},
-       caller,
-       "{\"t\": \"\xc3\xa9\", \"n\": 1.5}",
-       {{"Content-Type", "json; v=1"}, {"A", "1"}}},
+      {Json{{"t", "é"}, {"n", 1.5}}, caller, R"({"t": "é", "n": 1.5})", first},
       {1, {{"A", "1"}, {"content-type", "x"}}, "1", {{"content-type", "x"}, {"A", "1"}}},
       {1, {{"content-type", "x"}, {"Content-Type", "y"}}, "1", {{"content-type", "x"}}},
       {raw_body("", "text/plain"), {}, "", {{"Content-Type", "text/plain"}}},
-      {form_body({{"a", "b c"}}), caller, "a=b+c", {{"Content-Type", "json; v=1"}, {"A", "1"}}},
-  };
-  for (const Case& c : table) {
-    ScriptedTransport transport;
+      {form_body({{"a", "b c"}}), caller, "a=b+c", first}};
+  ScriptedTransport transport;
+  for (const auto& [body, headers, data, sent_headers] : table) {
     transport.reply("ok");
-    send<void>(URL, {.policy = plain,
-                     .timeout = 2.5,
-                     .read = [](Response&) {},
-                     .method = "PUT",
-                     .body = c.body,
-                     .headers = c.headers,
-                     .transport = transport});
-    const testing::Sent& sent = transport.sent().at(0);
-    EXPECT_EQ(sent.request.url, URL);
-    EXPECT_EQ(sent.request.method, "PUT");
-    EXPECT_EQ(sent.request.data, c.data);
-    EXPECT_EQ(sent.request.headers, c.sent);
+    send<void>(URL, {{}, 2.5, unread, "PUT", body, headers, {}, transport});
+    const testing::Sent& sent = transport.sent().back();
+    EXPECT_EQ(sent.request.url + " " + sent.request.method, URL + " PUT");
+    EXPECT_EQ(sent.request.data, data);
+    EXPECT_EQ(sent.request.headers, sent_headers);
     EXPECT_EQ(sent.timeout, 2.5);
   }
-  ScriptedTransport transport;
-  transport.reply("ok");
-  send<void>(URL,
-             {.policy = plain, .timeout = 1, .read = [](Response&) {}, .transport = transport});
-  EXPECT_EQ(transport.sent().at(0).request.method, "POST");
+  attempt(transport.reply("ok"), unread);
+  EXPECT_EQ(transport.sent().back().request.method, "POST");
 }
 
 TEST(Send, HandsTheReplyToTheReaderAndClosesItOnce) {
   class Odd : public BadReply {
     using BadReply::BadReply;
   };
-  const std::vector<std::pair<std::function<int(Response&)>, std::string>> table{
+  const std::pair<std::function<int(Response&)>, std::string> table[] = {
       {[](Response&) { return 7; }, "7"},
-      {[](Response&) -> int { throw IncompleteRead("cut off"); },
-       "Retryable: network error: cut off | cut off"},
-      {[](Response&) -> int { throw OSError("disk"); }, "HttpFailure: network error: disk | disk"},
+      {[](Response&) -> int { throw IncompleteRead("cut"); },
+       "Retryable: network error: cut | cut"},
+      {[](Response&) -> int { throw OSError("no"); }, "HttpFailure: network error: no | no"},
       {[](Response&) -> int { throw Odd("odd"); }, "Odd: odd"},
-      {[](Response&) -> int { throw std::out_of_range("bug"); }, "out_of_range: bug"},
-  };
+      {[](Response&) -> int { throw std::out_of_range("bug"); }, "out_of_range: bug"}};
   for (const auto& [read, expected] : table) {
     for (const bool close_fails : {false, true}) {
-      const auto close = [=] {
-        if (close_fails) throw TimeoutError("close");
-      };
+      const auto close = [=] { return close_fails ? throw TimeoutError("close") : void(); };
       const auto reply = reply_of({"x"}, {.on_close = close});
       const auto call = [&, &reads = read] {
         return std::to_string(attempt(ScriptedTransport().reply(reply), reads));
@@ -171,36 +141,34 @@ TEST(Send, ReturnsReferencesAndWhatCanOnlyBeMoved) {
 }
 
 TEST(Send, ClassifiesBeforeItClosesAndThrowsOutsideEveryHandler) {
-  std::vector<std::string> events;
-  const auto reply =
-      reply_of({TimeoutError("t")}, {.on_close = [&] {
-                 events.push_back(std::current_exception() ? "closed while handling" : "closed");
-               }});
+  Texts events;
+  const auto close = [&] {
+    events.push_back(std::current_exception() ? "closed while handling" : "closed");
+  };
+  const auto reply = reply_of({TimeoutError("t")}, {.on_close = close});
   const auto read = [](Response& r) { r.read(1); };
   EXPECT_THROW(attempt(ScriptedTransport().reply(reply), read), Retryable);
-  const auto rule = [&](std::string_view, std::string_view) -> std::optional<std::string> {
+  const auto rule = [&](auto...) -> std::optional<std::string> {
     events.push_back("classified");
     throw std::out_of_range("rule");
   };
   const auto refuse = [](Response&) { throw HTTPError(500, {}, nullptr); };
   EXPECT_THROW(attempt(ScriptedTransport().reply(reply), refuse, {.refusal_reason = rule}),
                std::out_of_range);
-  EXPECT_EQ(events, (std::vector<std::string>{"closed", "classified", "closed while handling"}));
+  EXPECT_EQ(events, (Texts{"closed", "classified", "closed while handling"}));
 }
 
 TEST(Send, SortsWhatTheTransportThrows) {
   const RetryPolicy policy{.error_replies = {400}};
+  const Reader<int> uncalled = [](Response&) -> int { throw std::logic_error("called"); };
   const auto sent = [&](const auto& error) {
-    return outcome([&] {
-      return send<std::string>(URL, {.policy = policy,
-                                     .timeout = 1,
-                                     .read = [](Response&) { return "the reader was called"; },
-                                     .headers = {{"Authorization", "Bearer tok-12345678"}},
-                                     .secrets = {"callers-own-secret"},
-                                     .transport = ScriptedTransport().fail(error)});
-    });
+    const Headers headers{{"Authorization", "Bearer tok-12345678"}};
+    const Transport transport = ScriptedTransport().fail(error);
+    const SendOptions<int> options{policy, 1,       uncalled,        "GET",
+                                   {},     headers, {"callers-own"}, transport};
+    return outcome([&] { return std::to_string(send<int>(URL, options)); });
   };
-  EXPECT_EQ(sent(HTTPError(404, {}, reply_of({"tok-12345678 and callers-own-secret"}))),
+  EXPECT_EQ(sent(HTTPError(404, {}, reply_of({"tok-12345678 and callers-own"}))),
             "HttpFailure: HTTP 404: [redacted] and [redacted] | 404 | [redacted] and [redacted]");
   EXPECT_EQ(sent(URLError(gaierror("no host"))), "Retryable: network error: no host | no host");
   EXPECT_EQ(sent(HTTPException("Bearer tok-12345678")),
@@ -210,23 +178,18 @@ TEST(Send, SortsWhatTheTransportThrows) {
   const auto read = [&](Response& reply) { return read_json(reply, policy); };
   EXPECT_EQ(attempt(ScriptedTransport().reply(body), read, policy)["error"], "pending");
   EXPECT_EQ(body->closes(), 1);
-  const auto none = [](const Request&, TransportOptions) { return std::shared_ptr<Response>(); };
+  const auto none = [](auto...) { return std::shared_ptr<Response>(); };
   EXPECT_EQ(outcome([&] { return attempt(none, read).dump(); }),
             "invalid_argument: the transport returned no reply");
 }
 
 TEST(Send, GivesTheReaderWhatItTakes) {
   const auto sent = [](const auto& read) {
-    return outcome([&]() -> std::string {
-      return Json(send<Json>(
-                      URL, {.policy = {.max_body_bytes = 31},
-                            .timeout = 1,
-                            .read = read,
-                            .headers = {{"api-key", "key-0123456789"}},
-                            .secrets = {{"another-secret", "one-more"}},
-                            .transport = ScriptedTransport().reply("no: key-0123456789 one-more")}))
-          .dump();
-    });
+    const Transport transport = ScriptedTransport().reply("no: key-0123456789 one-more");
+    const Headers headers{{"api-key", "key-0123456789"}};
+    const SendOptions<Json> options{{.max_body_bytes = 31},    1,        read, "GET", {}, headers,
+                                    {{"another", "one-more"}}, transport};
+    return outcome([&] { return send<Json>(URL, options).dump(); });
   };
   // The shortest spelling quotes no credential that the server echoes.
   EXPECT_EQ(sent(read_json),
@@ -235,36 +198,30 @@ TEST(Send, GivesTheReaderWhatItTakes) {
   EXPECT_EQ(sent(read_body), "\"no: key-0123456789 one-more\"");
   EXPECT_EQ(sent([](Response& reply) { return reply.read(2); }), "\"no\"");
   EXPECT_EQ(sent([](Response&, const Secrets& hidden) { return hidden.size(); }), "3");
-  EXPECT_EQ(sent([](Response&, const RetryPolicy& policy, const Secrets& hidden) {
-              return policy.max_body_bytes + hidden.size();
-            }),
-            "34");
+  const auto both = [](Response&, const RetryPolicy& policy, const Secrets& hidden) {
+    return policy.max_body_bytes + hidden.size();
+  };
+  EXPECT_EQ(sent(both), "34");
 }
 
 TEST(Send, ShowsEachReplyBeforeItsBodyIsRead) {
-  const RetryPolicy policy{.error_replies = {400}};
-  for (const StatusCode status : {200, 400, 404}) {
+  const std::pair<StatusCode, std::string> table[] = {
+      {200, "1"}, {400, "1"}, {404, "HttpFailure: HTTP 404: 1 | 404 | 1"}};
+  for (const auto& [status, expected] : table) {
     for (const bool fails : {false, true}) {
       const auto reply = reply_of({"1"}, {.status = status, .headers = {{"Retry-After", "7"}}});
-      std::vector<std::string> seen;
+      Texts seen;
       const auto inspect = [&](const Response& shown) {
-        EXPECT_EQ(shown.status(), status);
+        seen = {std::to_string(shown.status().value()), *shown.headers()->get("retry-after")};
         EXPECT_TRUE(reply->reads().empty());
-        seen.push_back(shown.headers()->get("retry-after").value());
         if (fails) throw TimeoutError("of inspect");
       };
-      const std::string ended = outcome([&] {
-        return send<Json>(URL, {.policy = policy,
-                                .timeout = 1,
-                                .read = read_json,
-                                .transport = ScriptedTransport().reply(reply),
-                                .inspect = inspect})
-            .dump();
-      });
-      EXPECT_EQ(ended, fails           ? "TimeoutError: of inspect"
-                       : status == 404 ? "HttpFailure: HTTP 404: 1 | 404 | 1"
-                                       : "1");
-      EXPECT_EQ(seen, std::vector<std::string>{"7"});
+      const Transport transport = ScriptedTransport().reply(reply);
+      const SendOptions<Json> options{
+          {.error_replies = {400}}, 1, read_json, "GET", {}, {}, {}, transport, inspect};
+      EXPECT_EQ(outcome([&] { return send<Json>(URL, options).dump(); }),
+                fails ? "TimeoutError: of inspect" : expected);
+      EXPECT_EQ(seen, (Texts{std::to_string(status), "7"}));
       EXPECT_EQ(reply->closes(), 1);
     }
   }
@@ -277,16 +234,13 @@ TEST(Send, LetsTheTransportKnowWhatEndsTheCall) {
     return reply_of({});
   };
   const auto options_of = [&](const RetryPolicy& policy) {
-    attempt(
-        note, [](Response&) {}, policy);
-    return given;
+    return attempt(note, unread, policy), given;
   };
   const auto never_asked = []() -> double { throw std::logic_error("asked"); };
   EXPECT_EQ(options_of({}).time_left, std::nullopt);
   EXPECT_FALSE(given.should_stop());
   EXPECT_EQ(options_of({.deadline = 1, .clock = never_asked}).time_left, std::nullopt);
-  const auto left = options_of({.deadline = monotonic() + 100}).time_left;
-  EXPECT_NEAR(left.value_or(0), 100, 5);
+  EXPECT_NEAR(options_of({.deadline = monotonic() + 100}).time_left.value_or(0), 100, 5);
   EXPECT_THROW(options_of({.should_stop = [&] { return never_asked() > 0; }}).should_stop(),
                std::logic_error);
 }
@@ -307,7 +261,7 @@ TEST(ReadBody, KeepsTheDeadlineBetweenReads) {
   // The clock moves by one with each read; a body of two pieces takes three reads.
   const std::string arriving = "DeadlineExceeded: the reply was still arriving at the deadline";
   const std::string complete = "DeadlineExceeded: the reply was complete only after the deadline";
-  const std::vector<std::tuple<double, std::string, std::size_t>> table{
+  const std::tuple<double, std::string, std::size_t> table[] = {
       {0, arriving, 0}, {1, arriving, 1}, {2, arriving, 2}, {3, complete, 3}, {3.5, "xx", 3}};
   for (const auto& [deadline, expected, reads] : table) {
     ManualTime time;
@@ -319,15 +273,14 @@ TEST(ReadBody, KeepsTheDeadlineBetweenReads) {
 }
 
 TEST(ReadBody, IsBounded) {
-  const std::string full(100'000, 'x');
-  const std::vector<std::tuple<std::size_t, std::vector<Piece>, std::string, std::size_t>> table{
+  const std::string full(100'000, 'x'), longer = "BadReply: reply longer than ";
+  const std::tuple<std::size_t, std::vector<Piece>, std::string, std::size_t> table[] = {
       {10, {"12345", "67890"}, "1234567890", 3},
-      {10, {"12345", "678901", "never read"}, "BadReply: reply longer than 10 bytes | 201", 2},
+      {10, {"12345", "678901", "never read"}, longer + "10 bytes | 201", 2},
       {0, {}, "", 1},
-      {0, {"1"}, "BadReply: reply longer than 0 bytes | 201", 1},
+      {0, {"1"}, longer + "0 bytes | 201", 1},
       {100'000, {full}, full, 3},
-      {100'000, {full + "x"}, "BadReply: reply longer than 100000 bytes | 201", 2},
-  };
+      {100'000, {full + "x"}, longer + "100000 bytes | 201", 2}};
   for (const auto& [most, pieces, expected, reads] : table) {
     const auto reply = reply_of(pieces, {.status = 201});
     const RetryPolicy policy{.max_body_bytes = most};
@@ -335,7 +288,7 @@ TEST(ReadBody, IsBounded) {
     EXPECT_EQ(reply->reads().size(), reads);
   }
   // However much is announced, no room is made beyond what would be read.
-  const std::vector<std::tuple<std::string, std::size_t, std::size_t>> announced{
+  const std::tuple<std::string, std::size_t, std::size_t> announced[] = {
       {"200000", 1 << 20, 200'000},
       {"99999999999", 300'000, 300'000},
       {"99999999999", SIZE_MAX, 1 << 26}};
@@ -347,31 +300,25 @@ TEST(ReadBody, IsBounded) {
 
 TEST(ReadJson, ParsesOrSaysWhyNot) {
   const RetryPolicy pages{.refusal_reason = html_page, .detail_chars = 20};
-  const std::string odd = "a\\\t\n\r\x01\x7f\u0085\u200b\U000E0001\u00a0";
-  const std::vector<std::pair<std::string, std::string>> table{
+  const std::string not_json = "BadReply: reply not JSON: ";
+  const std::pair<std::string, std::string> table[] = {
       {"null", "null"},
       {" [1, NaN]\r\n", "[1,null]"},
       {"\"a\xff b\"", "\"a\uFFFD b\""},
-      {"", "BadReply: reply not JSON: '' | 204"},
-      {"\uFEFF{}", "BadReply: reply not JSON: '\\ufeff{}' | 204 | \uFEFF{}"},
+      {"", not_json + "'' | 204"},
+      {"\uFEFF{}", not_json + "'\\ufeff{}' | 204 | \uFEFF{}"},
       {" <!DOCTYPE html><p>hi",
        "Refused: an HTML page instead of a JSON reply | 204 |  <!DOCTYPE html><p>h"},
-      {"it's \"s3cr3t-k3y\"",
-       "BadReply: reply not JSON: 'it\\'s \"[redacted]\"' | 204 | it's \"[redacted]\""},
-      {"it's", "BadReply: reply not JSON: \"it's\" | 204 | it's"},
-      {odd + "\xff\u00e9 ",
-       "BadReply: reply not JSON: " + std::string(R"('a\\\t\n\r\x01\x7f\x85\u200b\U000e0001\xa0)") +
-           "\uFFFD\u00e9 ' | 204 | " + odd + "\uFFFD\u00e9 "},
-  };
+      {"it's \"s3cr3t-k3y\" and on",
+       not_json + R"('it\'s "[redacted]" an' | 204 | it's "[redacted]" an)"},
+      {"\xff\u00e9 ", not_json + "'\uFFFDé ' | 204 | \uFFFDé "}};
   for (const auto& [body, expected] : table) {
     const auto reply =
         reply_of({body}, {.status = 204, .headers = {{"Content-Type", "text/html"}}});
     EXPECT_EQ(outcome([&] { return read_json(*reply, pages, {"s3cr3t-k3y"}).dump(); }), expected);
     EXPECT_EQ(reply->closes(), 0);
   }
-  const auto says_its_kind = [](std::string_view, std::string_view kind) {
-    return std::optional(std::string(kind));
-  };
+  const auto says_its_kind = [](auto, auto kind) { return std::optional(std::string(kind)); };
   EXPECT_EQ(read_json(*reply_of({"1"}), {.refusal_reason = says_its_kind}), 1);
   EXPECT_EQ(_status(*reply_of({}, {.status = std::nullopt})), std::nullopt);
 }

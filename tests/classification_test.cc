@@ -2,10 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <map>
-#include <memory>
-#include <string>
 #include <vector>
 
 #include "engines/http/testing.h"
@@ -15,7 +12,7 @@
 namespace service {
 
 struct Error : std::runtime_error {
-  using std::runtime_error::runtime_error;
+  using runtime_error::runtime_error;
 };
 struct ReadTimeout : Error {
   using Error::Error;
@@ -23,16 +20,11 @@ struct ReadTimeout : Error {
 struct SlowReply : ReadTimeout {
   using ReadTimeout::ReadTimeout;
 };
-template <class T>
-struct PoolTimeout : Error {
-  struct Nested {};
-  using Error::Error;
-};
 struct TIMEOUT {};
 struct ApiConnectionError {};
 struct ConnectError {};
 struct ServiceUnavailable : std::exception {
-  const char* what() const noexcept override { return "out of service"; }
+  const char* what() const noexcept override { return "closed"; }
 };
 
 template <class Code>
@@ -84,35 +76,16 @@ HTTPError http_error(StatusCode code, std::string body = "", Headers headers = {
   return {code, std::move(headers), reply_of({std::move(body)})};
 }
 
-template <class Error>
-std::string name_of(const Error& error) {
-  return ErrorRef(error).type_name();
-}
-
-TEST(TypeName, IsTheTypesOwnAsItIsDeclared) {
-  struct Local {};
-  const auto lambda = [] {
-    struct InLambda {};
-    return InLambda();
-  };
-  const service::SlowReply slow("");
-  EXPECT_EQ(name_of(static_cast<const std::exception&>(slow)), "SlowReply");
-  EXPECT_EQ(name_of(service::PoolTimeout<std::vector<Local>>("")), "PoolTimeout");
-  EXPECT_EQ(name_of(service::PoolTimeout<PoolTimeout>::Nested()), "Nested");
-  EXPECT_EQ(name_of(lambda()), "InLambda");
-  EXPECT_EQ(name_of(7), "int");
-}
-
 /// The names of the errors of which something else is answered.
 template <class Ask, class Answer, class... Errors>
 std::string others(const Ask& ask, const Answer& expected, const Errors&... errors) {
   std::string names;
-  (..., (names += ask(ErrorRef(errors)) == expected ? "" : name_of(errors) + " "));
+  (..., (names += ask(ErrorRef(errors)) == expected ? "" : ErrorRef(errors).type_name() + " "));
   return names;
 }
 
 TEST(StatusOf, OnlyAnIntegerCounts) {
-  using service::Carrier, service::WithAccessor, service::WithMember;
+  using namespace service;
   using Maybe = std::optional<short>;
   const HTTPError missing = http_error(404);
   const Carrier carrier("");
@@ -148,17 +121,18 @@ TEST(IsTransient, StatusThenKindThenName) {
 }
 
 TEST(ContentType, LowersTheWholeValueAndTrimsNothing) {
+  using namespace service;
   const auto labelled = [](std::string value) {
     return content_type(http_error(500, "", {{"content-TYPE", std::move(value)}}));
   };
   EXPECT_EQ(labelled("text/HTML; Charset=UTF-8"), "text/html; charset=utf-8");
   EXPECT_EQ(labelled(" \u00c4\u0130 A\xff"), " \u00e4i\u0307 a\xff");
-  EXPECT_EQ(content_type(ScriptedReply({}, {.headers = {{"Content-Type", "A/B"}}})), "a/b");
-  EXPECT_EQ(content_type(static_cast<const std::exception&>(service::Carrier(""))), "text/plain");
-  using service::WithHeaders, service::Lookup, service::Function;
-  EXPECT_EQ(content_type(WithHeaders<Lookup>{{{{"Content-Type", "X/Y"}}}}), "x/y");
+  const Carrier carrier("");
+  EXPECT_EQ(content_type(static_cast<const std::exception&>(carrier)), "text/plain");
   const Function get{[](const char*) { return "A/b"; }};
-  EXPECT_EQ(content_type(WithHeaders<Function>{get}), "a/b");
+  EXPECT_EQ(others(content_type, "a/b", ScriptedReply({}, {.headers = {{"Content-Type", "A/B"}}}),
+                   WithHeaders<Lookup>{{{{"Content-Type", "A/B"}}}}, WithHeaders<Function>{get}),
+            "");
   EXPECT_EQ(others(content_type, "", http_error(500), ScriptedReply({}, {.has_headers = false}), 7,
                    WithHeaders<Function>{}, WithHeaders<Lookup>{{{{"content-type", "X/Y"}}}},
                    WithHeaders<std::map<std::string, std::string>>{}),
@@ -173,16 +147,13 @@ std::string sorted(const Error& error, const RetryPolicy& policy = {},
 
 std::optional<std::string> silent(std::string_view, std::string_view) { return ""; }
 std::optional<std::string> teapot(std::string_view body, std::string_view kind) {
-  if (body.find("teapot") == std::string_view::npos) return std::nullopt;
-  return std::string(kind);
+  return body == "teapot" ? std::optional(std::string(kind)) : std::nullopt;
 }
 
 TEST(Classify, SortsEveryFailureIntoItsKind) {
-  const Headers html{{"Content-Type", "text/html; charset=utf-8"}};
-  const Headers odd{{"Content-Type", "A"}};
+  const Headers html{{"Content-Type", "text/html; charset=utf-8"}}, odd{{"Content-Type", "A"}};
   const RetryPolicy pages{.refusal_statuses = {403}, .refusal_reason = html_page};
-  const RetryPolicy quiet{.refusal_reason = silent};
-  const RetryPolicy tea{.refusal_reason = teapot};
+  const RetryPolicy quiet{.refusal_reason = silent}, tea{.refusal_reason = teapot};
   const RetryPolicy short_quotes{.retry_statuses = {}, .detail_chars = 3};
   const std::pair<std::string, std::string> table[] = {
       {sorted(http_error(503, "busy")), "Retryable: HTTP 503 | 503 | busy"},
@@ -197,17 +168,14 @@ TEST(Classify, SortsEveryFailureIntoItsKind) {
        "HttpFailure: HTTP 418: [redacted] | 418 | [redacted]"},
       {sorted(service::WithMember<int>{429}, {}, {"s3cr3t-k3y"}),
        "Retryable: HTTP 429 | 429 | the body, with [redacted] in it"},
-      {sorted(TimeoutError("slow")), "Retryable: network error: slow | slow"},
       {sorted(URLError(ConnectionError("no"))), "Retryable: network error: no | no"},
-      {sorted(IncompleteRead("cut bearer abc")),
-       "Retryable: network error: cut bearer [redacted] | cut bearer [redacted]"},
+      {sorted(IncompleteRead("bearer abc")),
+       "Retryable: network error: bearer [redacted] | bearer [redacted]"},
       {sorted(OSError("disk")), "HttpFailure: network error: disk | disk"},
       {sorted(HTTPException("odd")), "HttpFailure: network error: odd | odd"},
       {sorted(service::ReadTimeout("slow"), short_quotes), "Retryable: ReadTimeout: slo | slo"},
-      {sorted(service::ServiceUnavailable()),
-       "HttpFailure: ServiceUnavailable: out of service | out of service"},
-      {sorted(std::string("text")), "HttpFailure: basic_string: text | text"},
-  };
+      {sorted(service::ServiceUnavailable()), "HttpFailure: ServiceUnavailable: closed | closed"},
+      {sorted(std::string("text")), "HttpFailure: basic_string: text | text"}};
   for (const auto& [failure, expected] : table) EXPECT_EQ(failure, expected);
 }
 
@@ -235,9 +203,7 @@ TEST(Classify, ReadsAnErrorBodyOnceAndAlwaysClosesIt) {
   }
   const auto close = [] { throw ConnectionError("close"); };
   EXPECT_THROW(classified(reply_of({"body"}, {.on_close = close})), ConnectionError);
-  const auto rule = [](std::string_view, std::string_view) -> std::optional<std::string> {
-    throw std::out_of_range("rule");
-  };
+  const auto rule = [](auto...) -> std::optional<std::string> { throw std::out_of_range("rule"); };
   EXPECT_THROW(sorted(http_error(500), {.refusal_reason = rule}), std::out_of_range);
 }
 

@@ -2,53 +2,33 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <bit>
-#include <charconv>
 #include <cmath>
 #include <complex>
-#include <cstdint>
-#include <cstdlib>
 #include <deque>
 #include <filesystem>
 #include <limits>
 #include <list>
 #include <map>
-#include <memory>
-#include <optional>
-#include <random>
-#include <set>
 #include <span>
 #include <sstream>
-#include <stdexcept>
-#include <string>
-#include <tuple>
-#include <utility>
-#include <variant>
-#include <vector>
+
+#include "tests/support/outcome.h"
 
 namespace user {
 
-struct Point {
-  int x = 0;
-  int y = 0;
-};
-void to_json(engines::http::Json& json, const Point& point) {
-  json = {{"y", point.y}, {"x", point.x}};
-}
+using engines::http::Json;
 
-struct Named {
-  std::string name;
+struct Point {
+  int x = 0, y = 0;
 };
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Named, name)
+void to_json(Json& json, const Point& point) { json = {{"y", point.y}, {"x", point.x}}; }
+struct Derived : Point {};
 
 enum class Plain : std::uint8_t { zero, one };
-enum Unscoped { first = 1 };
 enum class Spoken { word };
 std::string to_string(Spoken) { return "spoken"; }
 enum Streamed { stream_me };
 std::ostream& operator<<(std::ostream& out, Streamed) { return out << "streamed " << 1000; }
-
 enum class Hooked { on };
 NLOHMANN_JSON_SERIALIZE_ENUM(Hooked, {{Hooked::on, "hooked"}})
 
@@ -56,12 +36,9 @@ struct Intrusive {
   int a = 1;
   NLOHMANN_DEFINE_TYPE_INTRUSIVE(Intrusive, a)
 };
-struct Derived : Point {};
 struct Letters : std::vector<char> {
   using vector::vector;
-  friend void to_json(engines::http::Json& json, const Letters& letters) {
-    json = std::string(letters.begin(), letters.end());
-  }
+  friend void to_json(Json& json, const Letters& letters) { json = letters.front(); }
 };
 struct MoreLetters : Letters {};
 struct Bits : std::vector<bool> {
@@ -73,7 +50,7 @@ struct Box {
   T value;
 };
 template <class T>
-void to_json(engines::http::Json& json, const Box<T>& box) {
+void to_json(Json& json, const Box<T>& box) {
   json = {{"box", box.value}};
 }
 // As nlohmann's macros write it from version 3.12 on.
@@ -111,29 +88,27 @@ std::string decoded(std::string_view text) {
   return value ? encode_json(*value) : "refused";
 }
 
+/// Every second word is what the one before it decodes to.
+void expect_decoded(const std::string& words) {
+  std::istringstream stream(words);
+  for (std::string text, expected; stream >> text >> expected;) {
+    EXPECT_EQ(decoded(text), expected) << text;
+  }
+}
+
 TEST(DecodeJson, TakesWhatIsJson) {
-  const std::pair<std::string_view, std::string_view> cases[] = {
-      {" \t\r\n null \t\r\n ", "null"},
-      {"true", "true"},
-      {"false", "false"},
-      {"[]", "[]"},
-      {" { } ", "{}"},
-      {"[ 1 ,[ ] , { } , \"\" ]", "[1, [], {}, \"\"]"},
-      {"[NaN, Infinity, -Infinity]", "[NaN, Infinity, -Infinity]"},
-      {R"({"b": 1, "a": {"c": [null]}})", R"({"b": 1, "a": {"c": [null]}})"},
-      {R"({"a": 1, "b": 2, "a": [3], "b": {}, "a": 4})", R"({"a": 4, "b": {}})"},
-      {R"({"a": [1], "\u0061": 2, "": 3})", R"({"a": 2, "": 3})"},
-      {R"("\"\\\/\b\f\n\r\t\u0000\u001F")", R"("\"\\/\b\f\n\r\t\u0000\u001f")"},
-      {R"("\u00e9\u20AC\ud83d\ude00é€😀")", R"("é€😀é€😀")"},
-      {"\"\x7f\"", "\"\x7f\""},
-      {"\"a\ufeff\"", "\"a\ufeff\""},
-      // A surrogate without its other half.
-      {R"("\ud800")", "\"\ufffd\""},
-      {R"("\udc00\ud800")", "\"\ufffd\ufffd\""},
-      {R"("\ud800\u0041")", "\"\ufffdA\""},
-      {R"("\ud800\ud83d\ude00")", "\"\ufffd😀\""},
-      {R"("\ud800\n")", "\"\ufffd\\n\""}};
-  for (const auto& [text, expected] : cases) EXPECT_EQ(decoded(text), expected) << text;
+  for (const char* same : {"true", "false", "[]", "[NaN, Infinity, -Infinity]", "\"\x7f\"",
+                           R"({"b": 1, "a": {"c": [null]}})", "\"a\ufeff\""}) {
+    EXPECT_EQ(decoded(same), same);
+  }
+  EXPECT_EQ(decoded(" \t\r\n [ 1 ,[ ] , { } , \"\" ] \t\r\n "), "[1, [], {}, \"\"]");
+  EXPECT_EQ(decoded(R"({"a": 1, "b": 2, "a": [3], "b": {}, "a": 4})"), R"({"a": 4, "b": {}})");
+  EXPECT_EQ(decoded(R"({"a": [1], "\u0061": 2, "": 3})"), R"({"a": 2, "": 3})");
+  // At the end: a surrogate without its other half.
+  expect_decoded(R"(
+      "\"\\\/\b\f\n\r\t\u0000\u001F" "\"\\/\b\f\n\r\t\u0000\u001f"
+      "\u00e9\u20AC\ud83d\ude00é€😀" "é€😀é€😀"  "\ud800" "�"  "\udc00\ud800" "��"
+      "\ud800\u0041" "�A"  "\ud800\ud83d\ude00" "�😀"  "\ud800\n" "�\n")");
 }
 
 TEST(DecodeJson, RefusesWhatIsNot) {
@@ -161,7 +136,7 @@ TEST(DecodeJson, RefusesWhatIsNot) {
 }
 
 TEST(DecodeJson, ReadsNumbersExactlyOrAsTheNearestDouble) {
-  std::istringstream words(R"(
+  expect_decoded(R"(
       0 0  -0 -0.0  -0.0e5 -0.0  1.0 1.0  1E2 100.0  1e-2 0.01  0.1e+1 1.0  -1 -1  00e0 refused
       9223372036854775808 9223372036854775808    -9223372036854775808 -9223372036854775808
       -9223372036854775809 -9.223372036854776e+18  9999999999999999999 9999999999999999999
@@ -174,39 +149,27 @@ TEST(DecodeJson, ReadsNumbersExactlyOrAsTheNearestDouble) {
       1.7976931348623157e308 1.7976931348623157e+308  1.7976931348623159e308 Infinity
       4.9e-324 5e-324  2e-324 0.0  -1e-999 -0.0  1e999 Infinity  -1e999 -Infinity
       0e999999999999999999999 0.0  1e999999999999999999999 Infinity  1e-999999999999999999999 0.0)");
-  for (std::string text, expected; words >> text >> expected;) {
-    EXPECT_EQ(decoded(text), expected) << text;
-  }
   std::istringstream laid_out(R"(
       0.0001 0.00012345678901234567 9.999999999999999e-05 1e-05 -1.25e-07 123456.789 10000000000.5
       1000000000000000.0 9007199254740992.0 9999999999999998.0 1e+16 1.2345678901234568e+17 NaN)");
   for (std::string text; laid_out >> text;) EXPECT_EQ(decoded(text), text);
   const std::string zeros(400, '0');
-  const std::pair<std::string, std::string_view> cases[] = {
-      {"1" + zeros, "Infinity"},
-      {"-1" + zeros, "-Infinity"},
-      {"0." + zeros + "1e401", "1.0"},
-      {"0." + zeros + "1e900", "Infinity"},
-      {"0." + zeros + "1e300", "1e-101"},
-      {"0." + zeros + zeros + "1e400", "0.0"},
-      {"1" + zeros + "e-400", "1.0"},
-      {"1" + zeros + zeros + "e-400", "Infinity"},
-      {"-1" + zeros + "e-900", "-0.0"},
-      {"1" + zeros + ".0000000000000000000000000001e-399", "10.0"}};
-  for (const auto& [text, expected] : cases) EXPECT_EQ(decoded(text), expected) << text;
+  expect_decoded("1" + zeros + " Infinity -1" + zeros + " -Infinity 0." + zeros + "1e401 1.0 0." +
+                 zeros + "1e900 Infinity 0." + zeros + "1e300 1e-101 0." + zeros + zeros +
+                 "1e400 0.0 1" + zeros + "e-400 1.0 1" + zeros + zeros + "e-400 Infinity -1" +
+                 zeros + "e-900 -0.0 1" + zeros + ".0000000000000000000000000001e-399 10.0");
   EXPECT_TRUE(decode_json("1")->is_number_unsigned());
   EXPECT_EQ(decode_json("-1")->type(), Json::value_t::number_integer);
   EXPECT_TRUE(decode_json("1e0")->is_number_float());
 }
 
 TEST(DecodeJson, TakesAThousandLevels) {
-  for (const std::pair<const char*, const char*>& brackets :
-       {std::pair("[", "]"), std::pair("{\"\": ", "}")}) {
-    const auto nested = [&](std::size_t depth) {
-      return repeat(brackets.first, depth) + "1" + repeat(brackets.second, depth);
-    };
-    EXPECT_EQ(decoded(nested(1000)), nested(1000));
-    EXPECT_EQ(decoded(nested(1001)), "refused");
+  const auto nested = [](std::string_view open, std::string_view close, std::size_t depth) {
+    return repeat(open, depth) + "1" + repeat(close, depth);
+  };
+  for (const auto& [open, close] : {std::pair("[", "]"), std::pair("{\"\": ", "}")}) {
+    EXPECT_EQ(decoded(nested(open, close, 1000)), nested(open, close, 1000));
+    EXPECT_EQ(decoded(nested(open, close, 1001)), "refused");
   }
 }
 
@@ -227,8 +190,7 @@ TEST(DecodeJson, HostileTextsEndSoon) {
   }
   const Json many = *decode_json(members + "\"last\":0}");
   ASSERT_EQ(many.size(), 200'001U);
-  EXPECT_EQ(many.begin().key(), "0");
-  EXPECT_EQ(*many.begin(), 200'000);
+  EXPECT_EQ(many.begin().key() + "=" + many.begin()->dump(), "0=200000");
   EXPECT_EQ(std::prev(many.end()).key(), "last");
 
   // A member holds a deep array while the object around it goes on growing.
@@ -237,168 +199,107 @@ TEST(DecodeJson, HostileTextsEndSoon) {
   EXPECT_EQ(encode_json(*decode_json(growing + "}")).substr(0, 12), "{\"deep\": [[[");
 }
 
-TEST(EncodeJson, WritesTheShortestNumberThatReadsBack) {
-  std::mt19937_64 random(2);
-  for (std::uint64_t i = 0; i < 200'000; ++i) {
-    const std::uint64_t natural = random() >> i % 64;
-    ASSERT_EQ(encode_json(natural), std::to_string(natural));
-    // Any bits at all, fewer decimals, or a power of two and its neighbours.
-    const double value = i % 3 == 0   ? std::bit_cast<double>(natural)
-                         : i % 3 == 1 ? static_cast<double>(natural) / 1e4
-                                      : std::bit_cast<double>((natural % 2047 << 52) + i % 5 - 2);
-    if (!std::isfinite(value) || value == 0) continue;
-    const std::string text = encode_json(value);
-    const bool exponent = text.find('e') != std::string::npos;
-    std::array<char, 32> independent;
-    char* const end =
-        std::to_chars(independent.begin(), independent.end(), value,
-                      exponent ? std::chars_format::scientific : std::chars_format::fixed)
-            .ptr;
-    const bool whole = !exponent && std::find(independent.begin(), end, '.') == end;
-    ASSERT_EQ(text, std::string(independent.begin(), end) + (whole ? ".0" : ""));
-    ASSERT_EQ(*decode_json(text), value) << text;
-  }
-}
-
 TEST(EncodeJson, TakesValuesOfManyTypes) {
-  using namespace std::string_literals;
+  using Bodies = std::vector<Body>;
+  using Integers = std::numeric_limits<std::int64_t>;
   char buffer[8] = "ab";
   const char full[2] = {'x', 'y'};
   const char* const null_text = nullptr;
-  const int grid[2][2] = {{1, 2}, {3, 4}};
-  std::vector<bool> flags = {true, false};
   const std::string text = "borrowed";
-  const Json json = {{"b", 1}, {"a", {nullptr, 0.5, true, "x", -1}}};
+  EXPECT_EQ(encode_json(Bodies{"literal", u8"é", buffer, full, text, std::string_view("view"), 'c',
+                               std::u8string(u8"é"), std::u8string_view(u8"é")}),
+            R"(["literal", "é", "ab", "xy", "borrowed", "view", "c", "é", "é"])");
+  EXPECT_EQ(encode_json(std::string("q\" s\\ /\n\r\t\b\f\x01\x1f\x7f é😀\0!", 24)),
+            R"("q\" s\\ /\n\r\t\b\f\u0001\u001f)"
+            "\x7f é😀\\u0000!\"");
+  const std::string digits = repeat("0123456789", 700);
+  EXPECT_EQ(encode_json(digits + "\n"), "\"" + digits + "\\n\"");
+
+  std::vector<bool> flags = {true, false};
+  EXPECT_EQ(encode_json(Bodies{true, Integers::min(), UINT64_MAX, 10'000'000'000'000'000, 0.1F,
+                               -std::nan(""), 1.5L, flags[0], user::Plain::one}),
+            "[true, -9223372036854775808, 18446744073709551615, 10000000000000000, "
+            "0.10000000149011612, NaN, 1.5, true, 1]");
+
   std::vector<int> numbers = {1, 2};
-  const std::pair<Body, std::string> cases[] = {
-      {Body(), "null"},
-      {true, "true"},
-      {std::numeric_limits<std::int64_t>::min(), "-9223372036854775808"},
-      {std::numeric_limits<std::uint64_t>::max(), "18446744073709551615"},
-      {10'000'000'000'000'000, "10000000000000000"},
-      {'c', "\"c\""},
-      {0.1F, "0.10000000149011612"},
-      {-std::nan(""), "NaN"},
-      {1.5L, "1.5"},
-      {"literal", "\"literal\""},
-      {u8"é", "\"é\""},
-      {buffer, "\"ab\""},
-      {full, "\"xy\""},
-      {null_text, "null"},
-      {text, "\"borrowed\""},
-      {std::string_view("view"), "\"view\""},
-      {std::u8string(u8"é"), "\"é\""},
-      {"q\" s\\ /\n\r\t\b\f\x01\x1f\x7f é😀"s, R"("q\" s\\ /\n\r\t\b\f\u0001\u001f)"
-                                              "\x7f é😀\""},
-      {"nul\0!"s, "\"nul\\u0000!\""},
-      {repeat("0123456789", 700) + "\n", "\"" + repeat("0123456789", 700) + "\\n\""},
-      {nullptr, "null"},
-      {std::optional(1), "1"},
-      {std::optional<std::vector<int>>(), "null"},
-      {std::make_unique<std::string>("moved in"), "\"moved in\""},
-      {std::shared_ptr<int>(), "null"},
-      {std::ref(numbers), "[1, 2]"},
-      {std::pair(1, "a"), "[1, \"a\"]"},
-      {std::tuple<int, std::nullopt_t, char, signed char, unsigned char>(1, std::nullopt, 'c', -5,
-                                                                         'A'),
-       "[1, null, \"c\", -5, 65]"},
-      {std::variant<int, std::string>("v"), "\"v\""},
-      {user::Tree(std::vector<user::Tree>{1, std::vector<user::Tree>{2}}), "[1, [2]]"},
-      {std::map<std::string, std::vector<int>>{{"b", {1}}, {"a", {}}}, R"({"a": [], "b": [1]})"},
-      {std::multimap<int, bool>{{-1, true}, {2, false}}, R"({"-1": true, "2": false})"},
-      {std::map<bool, int>{{false, 0}, {true, 1}}, R"({"false": 0, "true": 1})"},
-      {std::map<double, int>{{0.5, 1}}, R"({"0.5": 1})"},
-      {std::map<char, int>{{'"', 1}}, R"({"\"": 1})"},
-      {std::map<std::string, Body>{{"m", "x"}, {"n", 3}, {"o", Body()}},
-       R"({"m": "x", "n": 3, "o": null})"},
-      {flags, "[true, false]"},
-      {flags[0], "true"},
-      {grid, "[[1, 2], [3, 4]]"},
-      {std::list<std::deque<float>>{{1}, {}}, "[[1.0], []]"},
-      {std::vector<double>(3000, 0.25), "[" + repeat("0.25, ", 2999) + "0.25]"},
-      {json, R"({"b": 1, "a": [null, 0.5, true, "x", -1]})"},
-      {nlohmann::json{{"b", 1}, {"a", 2}}, R"({"a": 2, "b": 1})"},
-      {Json::binary({'o', 'k'}), "\"ok\""},
-      {user::Point{1, 2}, R"({"y": 2, "x": 1})"},
-      {std::vector<user::Named>{{"n"}}, R"([{"name": "n"}])"},
-      {user::Hooked::on, "\"hooked\""},
-      {user::Intrusive(), "{\"a\": 1}"},
-      {user::Derived{{1, 2}}, R"({"y": 2, "x": 1})"},
-      {user::Letters{'a', 'b'}, "\"ab\""},
-      {user::MoreLetters{{'a'}}, "\"a\""},
-      {user::Bits{true}, "1"},
-      {user::Box<int>{1}, "{\"box\": 1}"},
-      {user::Constrained(), "\"constrained\""},
-      {user::MoreConstrained(), "\"constrained\""},
-      {std::vector<user::Box<bool>>{{true}}, "[{\"box\": true}]"},
-      {std::vector<Json>{1, "a"}, "[1, \"a\"]"},
-      {std::vector<char>{'a'}, "[\"a\"]"},
-      {std::u8string_view(u8"é"), "\"é\""},
-      {user::Plain::one, "1"},
-      {user::first, "1"},
-      {user::Spoken::word, "\"spoken\""},
-      {user::stream_me, "\"streamed 1000\""},
-      {std::filesystem::path("a/b"), "\"a/b\""},
-      {std::runtime_error("what"), "\"what\""},
-      {std::complex<double>(1, 2), "\"(1,2)\""}};
-  int index = 0;
-  for (const auto& [body, expected] : cases) {
-    EXPECT_EQ(encode_json(body), expected) << "case " << index++;
+  EXPECT_EQ(encode_json(Bodies{Body(), null_text, nullptr, std::optional<std::vector<int>>(),
+                               std::shared_ptr<int>(), std::optional(1), std::ref(numbers),
+                               std::make_unique<std::string>("moved in"),
+                               std::variant<int, std::string>("v")}),
+            R"([null, null, null, null, null, 1, [1, 2], "moved in", "v"])");
+
+  const int grid[2][2] = {{1, 2}, {3, 4}};
+  const std::tuple<int, std::nullopt_t, char, signed char, unsigned char> tuple(1, std::nullopt,
+                                                                                'c', -5, 'A');
+  EXPECT_EQ(encode_json(Bodies{std::pair(1, "a"), tuple, flags, grid, std::vector<char>{'a'},
+                               user::Tree(std::vector<user::Tree>{1, std::vector<user::Tree>{2}}),
+                               std::list<std::deque<float>>{{1}, {}}}),
+            R"([[1, "a"], [1, null, "c", -5, 65], [true, false], [[1, 2], [3, 4]], ["a"], )"
+            R"([1, [2]], [[1.0], []]])");
+  EXPECT_EQ(encode_json(std::vector<double>(3000, 0.25)), "[" + repeat("0.25, ", 2999) + "0.25]");
+  EXPECT_EQ(encode_json(Bodies{std::map<std::string, std::vector<int>>{{"b", {1}}, {"a", {}}},
+                               std::multimap<int, bool>{{-1, true}, {2, false}},
+                               std::map<bool, int>{{false, 0}, {true, 1}},
+                               std::map<double, int>{{0.5, 1}}, std::map<char, int>{{'"', 1}},
+                               std::map<std::string, Body>{{"m", "x"}, {"n", 3}, {"o", Body()}}}),
+            R"([{"a": [], "b": [1]}, {"-1": true, "2": false}, {"false": 0, "true": 1}, )"
+            R"({"0.5": 1}, {"\"": 1}, {"m": "x", "n": 3, "o": null}])");
+
+  const Json json = {{"b", 1}, {"a", {nullptr, 0.5, true, "x", -1}}};
+  EXPECT_EQ(encode_json(Bodies{json, nlohmann::json{{"b", 1}, {"a", 2}}, std::vector<Json>{1, "a"},
+                               Json::binary({'o', 'k'})}),
+            R"([{"b": 1, "a": [null, 0.5, true, "x", -1]}, {"a": 2, "b": 1}, [1, "a"], "ok"])");
+  EXPECT_EQ(encode_json(Bodies{user::Derived{{1, 2}}, std::vector{user::Intrusive()},
+                               user::Hooked::on, user::Letters{'a', 'b'}, user::MoreLetters{{'c'}},
+                               user::Bits{true}, user::Constrained(), user::MoreConstrained(),
+                               std::vector<user::Box<bool>>{{true}}}),
+            R"([{"y": 2, "x": 1}, [{"a": 1}], "hooked", 97, 99, 1, "constrained", )"
+            R"("constrained", [{"box": true}]])");
+  EXPECT_EQ(encode_json(Bodies{user::Spoken::word, user::stream_me, std::filesystem::path("a/b"),
+                               std::runtime_error("what"), std::complex<double>(1, 2)}),
+            R"_(["spoken", "streamed 1000", "a/b", "what", "(1,2)"])_");
+}
+
+template <class... Values>
+void expect_refused(const Values&... values) {
+  const std::string messages[] = {
+      test::outcome([&] { return "encoded: " + encode_json(values); })...};
+  for (const std::string& message : messages) {
+    EXPECT_TRUE(message.starts_with("invalid_argument: ")) << message;
+    EXPECT_EQ(message.find("secret"), message.npos) << message;
   }
 }
 
 TEST(EncodeJson, RefusesWhatHasNoTextAndDoesNotQuoteIt) {
   const std::string bad = "secret \xff";
-  const auto refuses = [](const auto&... values) {
-    const auto check = [](const auto& value) {
-      try {
-        ADD_FAILURE() << encode_json(value);
-      } catch (const std::invalid_argument& error) {
-        EXPECT_EQ(std::string_view(error.what()).find("secret"), std::string_view::npos);
-      }
-    };
-    (..., check(values));
-  };
-  refuses(std::map<std::string, int>{{bad, 1}}, Json{{"a", {bad}}}, Json{{bad, 1}}, '\xc3',
-          Json::binary({0xFF}), Json(Json::value_t::discarded),
-          std::map<const char*, int>{{nullptr, 1}}, std::vector{raw_body("secret", "text/plain")});
+  expect_refused(std::map<std::string, int>{{bad, 1}}, Json{{"a", {bad}}}, Json{{bad, 1}}, '\xc3',
+                 Json::binary({0xFF}), Json(Json::value_t::discarded),
+                 std::map<const char*, int>{{nullptr, 1}},
+                 std::vector{raw_body("secret", "text/plain")});
 }
 
 TEST(EncodeJson, RefusesAValueThatContainsItselfOrIsTooDeep) {
-  const auto list = std::make_shared<user::List>();
-  list->push_back(list);
-  EXPECT_THROW(encode_json(list), std::invalid_argument);
-  list->clear();
-
-  const std::optional<Json> deep = decode_json(repeat("[", 1000) + repeat("]", 1000));
-  EXPECT_THROW(encode_json(std::vector{*deep}), std::invalid_argument);
-
-  // Through pointers and references alone, without a bracket.
+  // The second through pointers and references alone, without a bracket.
   struct Endless : std::variant<int, std::shared_ptr<Endless>> {
     using variant::variant;
   };
+  const auto list = std::make_shared<user::List>();
   const auto endless = std::make_shared<Endless>(1);
+  list->push_back(list);
   *endless = Endless(endless);
-  EXPECT_THROW(encode_json(*endless), std::invalid_argument);
+  expect_refused(list, *endless, std::vector{decode_json(repeat("[", 1000) + repeat("]", 1000))});
+  list->clear();
   *endless = Endless(1);
 }
 
 TEST(Body, ANullValueIsNoBody) {
-  const Body none[] = {Body(),
-                       nullptr,
-                       std::nullopt,
-                       std::optional<int>(),
-                       Json(),
-                       nlohmann::json(),
-                       std::variant<std::monostate, int>(),
-                       std::optional<Body>(Body())};
-  for (const Body& body : none) EXPECT_EQ(body.data(), std::nullopt);
-  const std::pair<Body, std::string_view> some[] = {
-      {Json::object(), "{}"},    {0, "0"}, {false, "false"}, {"", "\"\""}, {"null", "\"null\""},
-      {std::vector<int>(), "[]"}};
-  for (const auto& [body, expected] : some) {
-    EXPECT_EQ(body.data(), expected);
-    EXPECT_EQ(body.content_type(), "application/json");
+  for (const Body& none : {Body(), Body(nullptr), Body(std::nullopt), Body(std::optional<int>()),
+                           Body(Json()), Body(nlohmann::json()), Body(std::optional(Body())),
+                           Body(std::variant<std::monostate, int>())}) {
+    EXPECT_EQ(none.data(), std::nullopt);
+  }
+  for (const Body& some : std::initializer_list<Body>{Json::object(), 0, false, "", "null"}) {
+    EXPECT_TRUE(some.data() && some.content_type() == "application/json");
   }
 }
 
@@ -424,16 +325,12 @@ TEST(Body, IsKeptWithoutTheValueThatItWasMadeOf) {
 }
 
 TEST(Body, OfBytesOrOfAForm) {
-  const Body empty = raw_body("", "text/plain");
-  EXPECT_EQ(empty.data(), "");
-  EXPECT_EQ(empty.content_type(), "text/plain");
+  EXPECT_EQ(raw_body("", "text/plain").data(), "");
+  EXPECT_EQ(raw_body("", "text/plain").content_type(), "text/plain");
   EXPECT_EQ(raw_body("null", "application/json").data(), "null");
-
-  const std::string text = "a b*-._~\n+&=%é\x7f";
-  const Body form = form_body({{"grant_type", text}, {"", ""}, {"é", "1"}});
+  const Body form = form_body({{"grant_type", "a b*-._~\n+&=%é\x7f"}, {"", ""}, {"é", "1"}});
   EXPECT_EQ(form.data(), "grant_type=a+b*-._%7E%0A%2B%26%3D%25%C3%A9%7F&=&%C3%A9=1");
   EXPECT_EQ(form.content_type(), "application/x-www-form-urlencoded");
-  EXPECT_EQ(form_body({{"a", "b"}}).data(), "a=b");
   EXPECT_EQ(form_body(std::map<std::string_view, std::string>{{"b", "2"}, {"a", "1"}}).data(),
             "a=1&b=2");
   EXPECT_EQ(form_body({}).data(), "");

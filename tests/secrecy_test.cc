@@ -1,6 +1,8 @@
 // One property over generated calls: whatever the peer echoes and however that is cut, no text of a
 // failure and no log line holds a secret, nor ends in the start of one. ENGINES_HTTP_CASES says how
 // many calls are made, ENGINES_HTTP_SEED which is the first.
+#include "engines/http/http.h"
+
 #include <gtest/gtest.h>
 #include <spdlog/sinks/ostream_sink.h>
 #include <spdlog/spdlog.h>
@@ -9,7 +11,6 @@
 #include <random>
 #include <sstream>
 
-#include "engines/http/http.h"
 #include "engines/http/testing.h"
 #include "engines/http/text/utf8.h"
 #include "tests/support/fault_server.h"
@@ -145,13 +146,12 @@ TEST(Secrecy, WhateverATransportSays) {
     if (url.size() > 30) c.secrets.push_back("dXNyOsO8cmwtczNjcmV0");
     do {
       const std::size_t where = c.below(4);
-      if (where == 0) headers.add("authorization", c.some({"Bearer ", ""}) + c.new_secret());
-      if (where == 1) headers.add("Proxy-Authorization", " Basic  " + c.new_secret() + " ");
-      if (where == 2) {
-        headers.add(c.some({"X-API-Key", "api-key", "X-Auth-Token"}),
-                    c.some({"", " "}) + c.new_secret() + "\t");
-      }
-      if (where == 3) named.push_back(c.new_secret());
+      const std::string secret = c.new_secret();
+      if (where == 0) headers.add("authorization", c.some({"Bearer ", ""}) + secret);
+      if (where == 1) headers.add("Proxy-Authorization", " Basic  " + secret + " ");
+      const std::string name = c.some({"X-API-Key", "api-key", "X-Auth-Token"});
+      if (where == 2) headers.add(name, c.some({"", " "}) + secret + "\t");
+      if (where == 3) named.push_back(secret);
     } while (c.below(3) > 0);
     testing::ManualTime time;
     c.detail_chars = std::vector{0U, 9U, 30U, 40U, 300U, 5000U}[c.below(6)];
