@@ -2,9 +2,6 @@
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
-#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -27,6 +24,11 @@ bool is_plain(std::string_view text) {
   return std::ranges::all_of(text, [](char c) { return c > ' ' && c < '\x7f'; });
 }
 
+bool has_no_control(std::string_view text) {
+  return std::ranges::none_of(
+      text, [](unsigned char c) { return (c < ' ' && c != '\t') || c == '\x7f'; });
+}
+
 void check_url(const net::Url& url) {
   expect(url.origin.scheme == "http" || url.origin.scheme == "https", "one of two schemes");
   expect(!url.origin.host.empty(), "a host");
@@ -37,12 +39,6 @@ void check_url(const net::Url& url) {
   const std::size_t end = std::min(url.text.find_first_of("/?#", authority), url.text.size());
   expect(url.text.substr(authority, end - authority).find('@') == std::string::npos, "no userinfo");
   expect(url.target.starts_with('/') && is_plain(url.target), "a target");
-}
-
-bool has_no_control(std::string_view text) {
-  return std::ranges::all_of(text, [](char c) {
-    return (static_cast<unsigned char>(c) >= ' ' || c == '\t') && c != '\x7f';
-  });
 }
 
 void check_hop(const net::Hop& hop) {

@@ -2,6 +2,8 @@
 // reports as a crash, and keeps the input.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>

@@ -1,7 +1,5 @@
 // JSON from a stranger: what is accepted reads back the same from what is written for it, and
 // nlohmann's parser finds the same value wherever both accept the text.
-#include <cstddef>
-#include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>

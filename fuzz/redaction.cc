@@ -4,8 +4,6 @@
 #include <unicode/unistr.h>
 
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>

@@ -5,8 +5,6 @@
 #include <unicode/unistr.h>
 
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
 #include <string>
 #include <string_view>
 #include <typeinfo>
@@ -39,10 +37,8 @@ UnicodeString unquoted(const UnicodeString& literal) {
     const UChar32 c = literal.char32At(i);
     expect(c == ' ' || (u_isgraph(c) && !u_isUWhiteSpace(c)), "all of it can be printed");
     expect(c != quote, "no quote ends it early");
-    if (c != '\\') {
-      text.append(c);
-      continue;
-    }
+    if (c != '\\') text.append(c);
+    if (c != '\\') continue;
     const char16_t kind = literal[++i];
     const int digits = kind == 'x' ? 2 : kind == 'u' ? 4 : kind == 'U' ? 8 : 0;
     UChar32 code = kind == 't' ? '\t' : kind == 'n' ? '\n' : kind == 'r' ? '\r' : kind;

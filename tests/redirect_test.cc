@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -10,68 +11,48 @@ namespace engines::http::net {
 namespace {
 
 TEST(Redirect, KeepsOrChangesTheRequestByTheUsualRules) {
-  struct Row {
-    const char* method;
-    int status;
-    const char* then;  // the method that follows; null: the reply is final
-  };
-  for (const auto& [method, status, then] : std::vector<Row>{{"POST", 301, "GET"},
-                                                             {"POST", 302, "GET"},
-                                                             {"POST", 303, "GET"},
-                                                             {"POST", 307, "POST"},
-                                                             {"PUT", 308, "PUT"},
-                                                             {"PUT", 302, "PUT"},
-                                                             {"PUT", 303, "GET"},
-                                                             {"HEAD", 303, "HEAD"},
-                                                             {"GET", 301, "GET"},
-                                                             {"POST", 200, nullptr},
-                                                             {"POST", 300, nullptr},
-                                                             {"POST", 304, nullptr},
-                                                             {"POST", 305, nullptr}}) {
-    SCOPED_TRACE(std::string(method) + " " + std::to_string(status));
-    const Request request("http://u:p@h/a", {.data = "{}",
-                                             .headers = {{"Content-Type", "a/b"},
-                                                         {"content-encoding", "x"},
-                                                         {"X-Api-Key", "key"},
-                                                         {"Cookie", "c=d"}},
-                                             .method = method});
+  for (const char* row : {"POST 301 GET", "POST 302 GET", "POST 303 GET", "POST 307 POST",
+                          "PUT 308 PUT", "PUT 302 PUT", "PUT 303 GET", "HEAD 303 HEAD",
+                          "GET 301 GET", "POST 200", "POST 300", "POST 304", "POST 305"}) {
+    SCOPED_TRACE(row);
+    std::string method, then;  // the method that follows; none: the reply is final
+    int status = 0;
+    std::istringstream(row) >> method >> status >> then;
+    const Headers headers{{"Content-Type", "a/b"}, {"content-encoding", "x"}, {"Cookie", "c=d"}};
+    const Request request("http://u:p@h/a", {.data = "{}", .headers = headers, .method = method});
     const auto next = next_hop(first_hop(request), status, "/b");
-    ASSERT_EQ(next.has_value(), then != nullptr);
+    ASSERT_EQ(next.has_value(), !then.empty());
     if (!next) continue;
-    const bool keeps_body = std::string(method) == then;
+    const bool keeps_body = method == then;
     EXPECT_EQ(next->method, then);
     EXPECT_EQ(next->url->text, "http://h/b");
     EXPECT_EQ(next->body.has_value(), keeps_body);
-    EXPECT_EQ(next->headers->get("content-type").has_value(), keeps_body);
-    EXPECT_EQ(next->headers->get("content-encoding").has_value(), keeps_body);
-    EXPECT_EQ(next->headers->get("x-api-key"), "key") << "the same origin";
+    EXPECT_EQ(*next->headers, keeps_body ? headers : Headers({{"Cookie", "c=d"}}));
     EXPECT_EQ(next->credentials->password, "p");
   }
 }
 
 TEST(Redirect, TakesOnlyHarmlessHeadersToAnotherOrigin) {
-  const Headers harmless{{"ACCEPT", "a"},
-                         {"Accept-Language", "b"},
-                         {"Content-Type", "c"},
-                         {"Content-Language", "d"},
-                         {"User-Agent", "e"}};
+  Headers harmless;
+  for (const char* name :
+       {"ACCEPT", "Accept-Language", "Content-Type", "Content-Language", "User-Agent"}) {
+    harmless.add(name, "a");
+  }
   Headers all = harmless;
   for (const char* name :
        {"authorization", "Proxy-Authorization", "X-API-Key", "Cookie", "api-key", "x-goog-api-key",
-        "X-Auth-Token", "Ocp-Apim-Subscription-Key", "X-Other", "Host", "Accept-Encoding"}) {
-    all.add(name, name == std::string("Host") ? "h" : "s3cret");
+        "X-Auth-Token", "Ocp-Apim-Subscription-Key", "X-Other", "Accept-Encoding"}) {
+    all.add(name, "s3cret");
   }
-  const Request with_headers("http://h/", {.headers = all});
-  const Request with_userinfo("http://user:s3cret@h/", {.headers = harmless});
-  for (const Request* request : {&with_headers, &with_userinfo}) {
+  all.add("Host", "h");
+  for (const Request& request : {Request("http://h/", {.headers = all}),
+                                 Request("http://user:s3cret@h/", {.headers = harmless})}) {
     for (const char* to : {"https://h/", "http://h:81/", "//other/", "http://x:y@other/"}) {
-      const auto next = next_hop(first_hop(*request), 307, to);
-      ASSERT_TRUE(next);
+      const auto next = next_hop(first_hop(request), 307, to);
+      const auto back = next_hop(next.value(), 307, "http://h/");
       EXPECT_EQ(*next->headers, harmless) << to;
-      EXPECT_FALSE(next->credentials) << to;
-      const auto back = next_hop(*next, 307, "http://h/");
       EXPECT_EQ(*back->headers, harmless) << "they do not come back";
-      EXPECT_FALSE(back->credentials);
+      EXPECT_FALSE(next->credentials || back->credentials) << to;
     }
   }
 }
@@ -100,8 +81,8 @@ TEST(Redirect, ARequestThatCannotBeSentIsRefusedWithoutBeingQuoted) {
       first_hop(request);
       ADD_FAILURE() << part;
     } catch (const std::invalid_argument& error) {
-      EXPECT_NE(std::string(error.what()).find(part), std::string::npos) << error.what();
-      EXPECT_EQ(std::string(error.what()).find("s3cret"), std::string::npos) << error.what();
+      const std::string text = error.what();
+      EXPECT_TRUE(text.find(part) != text.npos && text.find("s3cret") == text.npos) << text;
     }
   }
   for (const Request& sound : {with("A", ""), with("A", "\t x\xc3\xa9"),

@@ -46,48 +46,39 @@ TEST(Url, OfAProxyHasItsOwnSchemesAndPorts) {
 }
 
 TEST(Url, ThatCannotBeSentIsRefusedWithoutBeingQuoted) {
-  for (const auto& [text, part] : std::vector<std::pair<std::string, const char*>>{
-           {"s3cret", "URL has no scheme"},
-           {"://s3cret", "URL has no scheme"},
-           {"ftp://s3cret/", "scheme other than http and https"},
-           {"http:///s3cret", "URL has no host"},
-           {"http://s3cret:s3cret@/", "URL has no host"},
-           {"http://s3cret:0/", "port"},
-           {"http://s3cret:65536/", "port"},
-           {"http://s3cret:x/", "port"},
-           {"http://a@s3cret@b/", "host"},
-           {"http://[s3cret]/", "host"},
-           {"http://h/s3cret 1", "space"},
-           {"http://h/s3cret\t", "control"},
-           {"http://h/s3cret\xc3\xa9", "ASCII"},
-           {"http://s3cret%00@h/", "userinfo"}}) {
+  for (const std::string row :  // a URL, and a part of the refusal
+       {"s3cret -> URL has no scheme", "://s3cret -> URL has no scheme",
+        "ftp://s3cret/ -> scheme other than http and https", "http:///s3cret -> URL has no host",
+        "http://s3cret:s3cret@/ -> URL has no host", "http://s3cret:0/ -> port",
+        "http://s3cret:65536/ -> port", "http://s3cret:x/ -> port", "http://a@s3cret@b/ -> host",
+        "http://[s3cret]/ -> host", "http://h/s3cret 1 -> space", "http://h/s3cret\t -> control",
+        "http://h/s3cret\xc3\xa9 -> ASCII", "http://s3cret%00@h/ -> userinfo"}) {
+    const std::size_t arrow = row.find(" -> ");
     try {
-      parse_url(text);
-      ADD_FAILURE() << text;
+      parse_url(row.substr(0, arrow));
+      ADD_FAILURE() << row;
     } catch (const std::invalid_argument& error) {
-      EXPECT_NE(std::string(error.what()).find(part), std::string::npos) << error.what();
-      EXPECT_EQ(std::string(error.what()).find("s3cret"), std::string::npos) << error.what();
+      const std::string text = error.what();
+      EXPECT_TRUE(text.find(row.substr(arrow + 4)) != text.npos) << text;
+      EXPECT_TRUE(text.find("s3cret") == text.npos) << text;
     }
   }
 }
 
 TEST(Url, OfALocationIsResolvedAgainstItsBase) {
   const auto base = parse_url("http://u:p@h:81/a/b?c");
-  for (const auto& [location, text] : std::vector<std::pair<const char*, const char*>>{
-           {"x", "http://h:81/a/x"},
-           {"/x/../y?a= b#c", "http://h:81/y?a=%20b#c"},
-           {"?q", "http://h:81/a/b?q"},
-           {"//other/\xc3\xa9", "http://other/%C3%A9"},
-           {"https://a:b@h/", "https://h/"},
-           {"", nullptr},
-           {"http://", nullptr},
-           {"ftp://h/", nullptr},
-           {"file:///etc/hosts", nullptr},
-           {"http://a:b/", nullptr},
-           {"javascript:0", nullptr},
-           {"/x\x01", nullptr}}) {
+  const auto resolved = [&](const std::string& location) {
     const auto url = resolve(*base, location);
-    EXPECT_EQ(url ? url->text : "none", text ? text : std::string("none")) << location;
+    return url ? url->text : "none";
+  };
+  EXPECT_EQ(resolved("x"), "http://h:81/a/x");
+  EXPECT_EQ(resolved("/x/../y?a= b#c"), "http://h:81/y?a=%20b#c");
+  EXPECT_EQ(resolved("?q"), "http://h:81/a/b?q");
+  EXPECT_EQ(resolved("//other/\xc3\xa9"), "http://other/%C3%A9");
+  EXPECT_EQ(resolved("https://a:b@h/"), "https://h/");
+  for (const char* unusable :
+       {"", "http://", "ftp://h/", "file:///etc/hosts", "http://a:b/", "javascript:0", "/x\x01"}) {
+    EXPECT_EQ(resolved(unusable), "none") << unusable;
   }
 }
 

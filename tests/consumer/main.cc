@@ -26,17 +26,6 @@ struct ServiceTimeout : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// Whether the call ends in this very kind, seen also through its bases.
-template <class Kind, class Call>
-bool ends_in(const Call& call) {
-  try {
-    call();
-  } catch (const HttpFailure& failure) {
-    return dynamic_cast<const Kind*>(&failure) && typeid(failure) == typeid(Kind);
-  }
-  return false;
-}
-
 }  // namespace
 
 int main() {
@@ -53,19 +42,21 @@ int main() {
       {"mixed", {1, 0.5, "text"}}};
   expect(post(body)["answer"] == 42, "the second attempt is answered");
   expect(transport.sent().back().json()["mixed"][2] == "text", "the body arrives");
-
-  transport.fail(DroppedConnection("gone")).fail(ConnectionError("gone"));
-  expect(ends_in<Exhausted>([&] { post(nullptr); }), "Exhausted");
-  transport.reply("not JSON");
-  expect(ends_in<BadReply>([&] { post(nullptr); }), "BadReply");
   expect(is_transient(ServiceTimeout("slow")), "a foreign timeout is transient");
 
+  transport.fail(DroppedConnection("gone")).fail(ConnectionError("gone"));
+  try {
+    post(nullptr);
+    expect(false, "no attempt was answered");
+  } catch (const HttpFailure& failure) {  // seen through its base
+    expect(typeid(failure) == typeid(Exhausted), "Exhausted");
+    expect(dynamic_cast<const Exhausted*>(&failure) != nullptr, "Exhausted by a cast");
+  }
   try {
     urlopen_transport(Request("http://127.0.0.1:1/"), {.timeout = 5.0});
     expect(false, "nothing listens");
-  } catch (const OSError& error) {  // thrown by the library, through a virtual base
+  } catch (const OSError& error) {  // through a virtual base
     expect(dynamic_cast<const URLError*>(&error) != nullptr, "a refused connection is a URLError");
-    expect(dynamic_cast<const std::exception*>(&error) != nullptr, "and a std::exception");
   }
   static_cast<void>(PooledTransport());
   std::printf("engines_http %d.%d.%d: %d faults\n", ENGINES_HTTP_VERSION_MAJOR,

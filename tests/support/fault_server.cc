@@ -12,30 +12,17 @@
 namespace engines::http::test {
 namespace {
 
-int select_alpn(SSL*, const unsigned char** out, unsigned char* out_size, const unsigned char* in,
-                unsigned in_size, void* wanted) {
-  const auto& name = *static_cast<const std::string*>(wanted);
-  const std::string list = static_cast<char>(name.size()) + name;
-  const int found = SSL_select_next_proto(const_cast<unsigned char**>(out), out_size, in, in_size,
-                                          reinterpret_cast<const unsigned char*>(list.data()),
-                                          static_cast<unsigned>(list.size()));
-  return found == OPENSSL_NPN_NEGOTIATED ? SSL_TLSEXT_ERR_OK : SSL_TLSEXT_ERR_NOACK;
-}
-
 int fd_of(BIO* io) { return static_cast<int>(BIO_get_fd(io, nullptr)); }
 
 int port_of(BIO* listener) { return std::atoi(BIO_get_accept_port(listener)); }
 
-}  // namespace
-
-std::shared_ptr<SSL_CTX> tls_context(const Identity& identity, std::string* alpn) {
+std::shared_ptr<SSL_CTX> tls_context(const Identity& identity) {
   std::shared_ptr<SSL_CTX> context(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
   if (SSL_CTX_use_certificate_chain_file(context.get(), identity.certificate.c_str()) != 1 ||
       SSL_CTX_use_PrivateKey_file(context.get(), identity.key.c_str(), SSL_FILETYPE_PEM) != 1) {
     throw std::runtime_error("no certificate for the fault server");
   }
   SSL_CTX_set_quiet_shutdown(context.get(), 1);  // the end of a play is a cut
-  if (!alpn->empty()) SSL_CTX_set_alpn_select_cb(context.get(), select_alpn, alpn);
   return context;
 }
 
@@ -45,7 +32,13 @@ BIO* listen_on_loopback() {
   return listener;
 }
 
+}  // namespace
+
 // ---- Peer ---------------------------------------------------------------------------------------
+
+Peer::Peer(BIO* io, FaultServer& server) : io_(io), fd_(fd_of(io)), server_(server) {
+  BIO_get_ssl(io_, &tls_);
+}
 
 std::string Peer::receive(std::size_t amt) {
   std::string bytes(amt, '\0');
@@ -56,17 +49,15 @@ std::string Peer::receive(std::size_t amt) {
 
 std::string Peer::request() {
   std::string text;
-  std::size_t size = std::string::npos;
-  while (text.size() < size) {
+  for (std::size_t size = std::string::npos; text.size() < size;) {
     const std::string piece = receive(65536);
+    if (piece.empty()) break;
     text += piece;
     const std::size_t head_end = text.find("\r\n\r\n");
-    if (head_end != std::string::npos && size == std::string::npos) {
-      const std::size_t length = text.find("Content-Length: ");
-      size = head_end + 4;
-      if (length < head_end) size += std::strtoul(text.c_str() + length + 16, nullptr, 10);
-    }
-    if (piece.empty()) break;
+    if (head_end == std::string::npos) continue;
+    const std::size_t length = text.find("Content-Length: ");
+    size = head_end + 4;
+    if (length < head_end) size += std::stoul(text.substr(length + 16));
   }
   if (!text.empty()) {
     const std::lock_guard lock(server_.mutex_);
@@ -108,27 +99,20 @@ void Peer::reset() {
 }
 
 bool Peer::renew_key() {
-  SSL* tls = nullptr;
-  BIO_get_ssl(io_, &tls);
-  return SSL_key_update(tls, SSL_KEY_UPDATE_NOT_REQUESTED) == 1 && SSL_do_handshake(tls) == 1;
+  return SSL_key_update(tls_, SSL_KEY_UPDATE_NOT_REQUESTED) == 1 && SSL_do_handshake(tls_) == 1;
 }
 
 void Peer::say_goodbye() {
-  SSL* tls = nullptr;
-  BIO_get_ssl(io_, &tls);
-  SSL_set_quiet_shutdown(tls, 0);
-  SSL_shutdown(tls);
-  SSL_set_quiet_shutdown(tls, 1);
+  SSL_set_quiet_shutdown(tls_, 0);
+  SSL_shutdown(tls_);
+  SSL_set_quiet_shutdown(tls_, 1);
 }
 
 // ---- FaultServer --------------------------------------------------------------------------------
 
-FaultServer::FaultServer(Play play, const Identity* identity, std::string alpn)
-    : play_(std::move(play)),
-      alpn_(std::move(alpn)),
-      listener_(listen_on_loopback()),
-      port_(port_of(listener_)) {
-  if (identity != nullptr) tls_context_ = tls_context(*identity, &alpn_);
+FaultServer::FaultServer(Play play, const Identity* identity)
+    : play_(std::move(play)), listener_(listen_on_loopback()), port_(port_of(listener_)) {
+  if (identity != nullptr) tls_context_ = tls_context(*identity);
   acceptor_ = std::thread([this] { accept_all(); });
 }
 
@@ -178,7 +162,7 @@ void FaultServer::serve(BIO* io) {
     if (stop_) shutdown(fd, SHUT_RDWR);
   }
   if (tls_context_) io = BIO_push(BIO_new_ssl(tls_context_.get(), 0), io);
-  Peer peer(io, fd, *this);
+  Peer peer(io, *this);
   if (!tls_context_ || BIO_do_handshake(io) == 1) play_(peer);
   const std::lock_guard lock(mutex_);
   open_.erase(fd);

@@ -43,9 +43,10 @@ class Peer {
 
  private:
   friend class FaultServer;
-  Peer(BIO* io, int fd, class FaultServer& server) : io_(io), fd_(fd), server_(server) {}
+  Peer(BIO* io, class FaultServer& server);
 
   BIO* io_;
+  SSL* tls_ = nullptr;
   int fd_;
   class FaultServer& server_;
 };
@@ -54,8 +55,8 @@ class FaultServer {
  public:
   using Play = std::function<void(Peer&)>;
 
-  /// Over TLS when an identity is given. `alpn` is the one protocol that it then agrees to.
-  explicit FaultServer(Play play, const Identity* identity = nullptr, std::string alpn = {});
+  /// Over TLS when an identity is given.
+  explicit FaultServer(Play play, const Identity* identity = nullptr);
   ~FaultServer();
   FaultServer(const FaultServer&) = delete;
   FaultServer& operator=(const FaultServer&) = delete;
@@ -72,7 +73,6 @@ class FaultServer {
   void serve(BIO* io);
 
   Play play_;
-  std::string alpn_;
   std::shared_ptr<SSL_CTX> tls_context_;
   BIO* listener_;
   int port_;
@@ -85,12 +85,6 @@ class FaultServer {
   std::vector<std::future<void>> plays_;  // those that run, and some that have ended
   std::thread acceptor_;
 };
-
-/// What the server's side of TLS needs; `alpn` is referred to.
-std::shared_ptr<SSL_CTX> tls_context(const Identity& identity, std::string* alpn);
-
-/// A listener on a free loopback port.
-BIO* listen_on_loopback();
 
 /// A loopback port on which nothing listens.
 int closed_port();

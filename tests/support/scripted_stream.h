@@ -41,7 +41,7 @@ class ScriptedStream final : public net::Stream {
   }
   void wait(bool, net::Duration at_most) override {
     if (arrived_ == bytes_.size()) std::this_thread::sleep_for(at_most);
-    arrived_ = std::min(bytes_.size(), arrived_ + piece_);
+    arrived_ += std::min(bytes_.size() - arrived_, piece_);
   }
   bool ended_properly() const override { return then_ == Then::ends; }
   net::StreamError error() const override {
