@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Measures the library beside its peers in one run and prints a line for each pair: the median,
 // over several rounds, of the ratio of their times. scripts/bench runs it.
 //

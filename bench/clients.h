@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The same exchange made by this library and by its peers, each as its documentation says.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The texts and values that are sent, read and written. The same in every run.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the calls are made to: nginx for static bodies, and a server that echoes what is posted.
 #pragma once
 

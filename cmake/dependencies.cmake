@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Finds what the library links: for its own build and, installed beside its config, for whoever links
 # it. What is missing is told in `engines_http_missing`, by the Debian package that provides it.
 

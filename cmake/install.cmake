@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What is installed and packaged: the library, its public headers, and what CMake and pkg-config need
 # to find them. Everything moves together: no installed file names where it was installed.
 include(CMakePackageConfigHelpers)

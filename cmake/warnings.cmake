@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Warnings are not errors here: another compiler may know more of them. CI's builds make them errors by
 # ENGINES_HTTP_WERROR, see CMakePresets.json.
 function(engines_http_warnings target)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Without memory: a call is repeated, each time with the next of its allocations failing (that one
 // alone, or all from it on), until none fails.
 #include <gtest/gtest.h>

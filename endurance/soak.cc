@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Many calls from four threads against servers that misbehave at random: over both transports, in
 // the clear, over TLS and through a proxy, some stopped and some out of time. It shows what no
 // single call can: that nothing piles up, that no reply reaches another call, that no request is

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An endpoint behind a proxy. What the proxy says in the endpoint's place is an HTML page, often
 // with status 200: with `html_page` as the refusal rule it is a refusal, whatever its status, and
 // is not asked for again.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A chat call, and what a program does about each way that it can fail.
 #include <iostream>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An engine as an application would write one: a class that knows the service's URL, its key and
 // its JSON, and leaves the rest to the library. chat.cc runs it, engine_test.cc tests it.
 #pragma once

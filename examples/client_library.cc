@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A service's own client library, made to keep to the same policy: its failures, which this library
 // has never seen, are judged by `is_transient` and `classify` and tried again by `retry`.
 #include <iostream>

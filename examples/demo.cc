@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Without arguments: real calls to a loopback server, one for each way that a call can go.
 // With a URL: the same call to a real endpoint.
 //

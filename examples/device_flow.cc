@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The device authorization grant of OAuth 2.0 (RFC 8628): form-encoded requests, JSON replies.
 // While the user has not approved yet, the service answers with status 400 and a JSON body;
 // `error_replies` makes that body the reply.

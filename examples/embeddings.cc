@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Embeddings of many texts from several threads over one pooled transport, which keeps their
 // connections. The service is busy now and then. One batch that fails for good stops them all.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An engine tested without a network: chat_engine.h against a scripted transport on manual time.
 // docs/testing.md explains the kit.
 #include "examples/chat_engine.h"

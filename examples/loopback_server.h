@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A real HTTP server on a free loopback port, for the examples: a service that answers, is busy,
 // is blocked by a proxy, trickles, echoes credentials, streams; and the proxy of any http URL.
 #pragma once

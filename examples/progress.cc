@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Progress shown while a long reply arrives: a transport of one's own around another one, so that
 // the call stays `get_json` with all its bounds.
 #include <charconv>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A chat reply streamed as server-sent events and shown as it arrives. The stream breaks off once
 // in the middle of an event; that is a failure like any other, and `retry` asks again.
 #include <chrono>

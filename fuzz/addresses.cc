@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What is checked before it is sent: URLs and redirect targets taken apart, methods and headers.
 #include <fuzzer/FuzzedDataProvider.h>
 

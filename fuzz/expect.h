@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What each harness checks the library's promises with. A broken promise aborts, which the fuzzer
 // reports as a crash, and keeps the input.
 #pragma once

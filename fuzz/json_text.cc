@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // JSON from a stranger: what is accepted reads back the same from what is written for it, and
 // nlohmann's parser finds the same value wherever both accept the text.
 #include <nlohmann/json.hpp>

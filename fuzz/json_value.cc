@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Values of every kind that a caller may send: the text written for one is JSON that holds the same
 // value, and a value that has no JSON form is refused.
 #include <fuzzer/FuzzedDataProvider.h>

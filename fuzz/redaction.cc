@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Texts made of secrets, whole and cut, between other text from a stranger: no secret is left, and
 // nothing else is lost.
 #include <fuzzer/FuzzedDataProvider.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Replies as a peer may send them, over a stream without a socket: whatever they are, each has one
 // outcome, however it arrives and is read. The input's first byte chooses the way, the rest is the
 // reply.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Text from a stranger, as the library understands it, beside ICU's own strings; and the names of
 // types.
 #include <unicode/locid.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A call that must compile, or must not: see compile_fail.txt.
 #include "engines/http/attempt.h"
 #include "engines/http/classification.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "engines/http/curl_transport.h"
 
 #include <gtest/gtest.h>
@@ -85,6 +86,12 @@ Play floods(std::string piece) {
     while (peer.send(piece)) {
     }
   };
+}
+
+std::string times(int count, const std::string& text) {
+  std::string all;
+  while (count-- > 0) all += text;
+  return all;
 }
 
 /// Reads the request, answers with these bytes and goes on like this.
@@ -273,11 +280,34 @@ TEST(Reading, ASlowReaderNeitherTimesOutNorBuffers) {
 }
 
 TEST(Reading, ACodingThatWasNotAskedForFailsWithItsName) {
-  FaultServer server(answering(9, whole("200 OK", "xx", "Content-Encoding: br\r\n")));
-  const std::string refused = called(urlopen_transport, Request(server.url()));
-  EXPECT_TRUE(begins(refused, "HTTPException: ") && holds(refused, "for: br")) << refused;
-  const Request own(server.url(), {.headers = {{"accept-encoding", "br"}}});
-  EXPECT_EQ(called(urlopen_transport, own), "200 [xx]") << "the caller's own affair";
+  for (const std::string lines :
+       {"Content-Encoding: br\r\n", "Content-Encoding: gzip\r\ncontent-encoding: br\r\n"}) {
+    FaultServer server(answering(9, whole("200 OK", "xx", lines)));
+    const auto reply = urlopen_transport(Request(server.url()), {.timeout = 5});
+    for (int i = 0; i < 2; ++i) {
+      const std::string refused = test::outcome([&] { return reply->read(9); });
+      EXPECT_TRUE(begins(refused, "HTTPException: ") && holds(refused, "br")) << refused;
+    }
+    const Request own(server.url(), {.headers = {{"accept-encoding", "br"}}});
+    EXPECT_EQ(called(urlopen_transport, own), "200 [xx]") << "the caller's own affair";
+  }
+}
+
+TEST(Reading, FloodsThatNeverBecomeABodyOutlastNoBound) {
+  const std::string gzip = "\x1f\x8b\b" + std::string(7, '\0') + "\3" + std::string(9, '\0');
+  FaultServer members(answer(OK + "Content-Encoding: gzip\r\n\r\n", floods(times(999, gzip))));
+  const auto empty = urlopen_transport(Request(members.url()), {.timeout = 0.3});
+  EXPECT_THROW(empty->read1(9), TimeoutError);
+  FaultServer framing(answer(CHUNKED, floods("1;" + std::string(60'000, 'e') + "\r\nx\r\n")));
+  const auto framed = urlopen_transport(Request(framing.url()), {.timeout = 5});
+  EXPECT_EQ(framed->read1(1), "x");
+  framed->close();  // takes no more than a little of it
+  // Handshake messages that a client skips.
+  const std::string hello_request("\x16\x03\x03\0\x04\0\0\0\0", 9);
+  FaultServer handshake(
+      [=](Peer& peer) { peer.receive(9), floods(times(999, hello_request))(peer); });
+  const Request tls("https" + handshake.url().substr(4));
+  EXPECT_TRUE(begins(called(urlopen_transport, tls, {.timeout = 0.3}), "URLError(TimeoutError)"));
 }
 
 // ---- The pool -----------------------------------------------------------------------------------

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "engines/http/net/exchange.h"
 
 #include <gtest/gtest.h>
@@ -79,6 +80,8 @@ const std::vector<Row>& rows() {
       {"another protocol", "SSH-2.0-x\r\n", stalls, "BadStatusLine: the reply's status line"},
       {"another version", "HTTP/7.0 200 OK\r\n\r\n", stalls, "BadStatusLine"},
       {"no space behind the status", "HTTP/1.1 200\r\n\r\n", stalls, "BadStatusLine"},
+      {"empty line", "\r\nHTTP/1.1 200 OK\r\n\r\n", stalls, "BadStatusLine"},
+      {"short line", "ERROR\r\n", stalls, "BadStatusLine"},
       {"bare line feeds", "HTTP/1.1 200 OK\nA: b\n\n", ends, "BadStatusLine"},
       {"status 099", "HTTP/1.1 099 OK\r\n\r\n", stalls, "BadStatusLine"},
       {"status 2000", "HTTP/1.1 2000 OK\r\n\r\n", stalls, "BadStatusLine"},

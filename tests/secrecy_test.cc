@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One property over generated calls: whatever the peer echoes and however that is cut, no text of a
 // failure and no log line holds a secret, nor ends in the start of one. ENGINES_HTTP_CASES says how
 // many calls are made, ENGINES_HTTP_SEED which is the first.

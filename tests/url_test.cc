@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "engines/http/net/url.h"
 
 #include <gtest/gtest.h>
@@ -72,7 +73,8 @@ TEST(Url, OfALocationIsResolvedAgainstItsBase) {
     return url ? url->text : "none";
   };
   EXPECT_EQ(resolved("x"), "http://h:81/a/x");
-  EXPECT_EQ(resolved("/x/../y?a= b#c"), "http://h:81/y?a=%20b#c");
+  EXPECT_EQ(resolved("/x/../y?a= b#c"), "http://h:81/y?a=%20b");
+  EXPECT_EQ(resolved("#d"), "http://h:81/a/b?c");
   EXPECT_EQ(resolved("?q"), "http://h:81/a/b?q");
   EXPECT_EQ(resolved("//other/\xc3\xa9"), "http://other/%C3%A9");
   EXPECT_EQ(resolved("https://a:b@h/"), "https://h/");

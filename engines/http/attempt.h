@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One attempt: encodes the request, sends it through a transport, hands the open reply to the
 // caller's reader and closes it. It never tries again; what it throws goes to the retry loop.
 //

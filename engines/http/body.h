@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The body of a request: any C++ value that has a JSON form, without a conversion by the caller, or
 // bytes of another content type.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sorts a failure: which HTTP status it carries, whether it is worth another attempt, and which
 // failure kind it becomes under a policy. Any error will do, of this library or of another; the
 // functions keep no state, and any thread may call them at any time.

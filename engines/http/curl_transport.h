@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library's transports: `urlopen_transport`, which keeps nothing between calls, and
 // `PooledTransport`, which keeps connections.
 //

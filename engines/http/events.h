@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A reply that is read while it arrives, within a policy's bounds: line by line, or as server-sent
 // events.
 //

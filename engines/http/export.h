@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The shared library exports what is declared with `ENGINES_HTTP_EXPORT`: each public class,
 // function and variable, and what inline code of the installed headers calls, throws or holds in a
 // public class.

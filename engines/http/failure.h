@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How a call fails: one tree of eight kinds, named by what the caller can do next.
 //
 //   HttpFailure              the request failed, and no more specific kind applies

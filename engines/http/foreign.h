@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What can be read from an object of a type that the library has never seen: its text, an integer
 // `status_code`, a value among its `headers`. A const member or accessor will do, and what it holds
 // may be a pointer or an optional: empty stands for none.

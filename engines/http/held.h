@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Keeps an error beyond its handler, as the kind that it is.
 #pragma once
 

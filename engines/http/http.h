@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The whole library. Each header says what it is for; read them in this order.
 #pragma once
 

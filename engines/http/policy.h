@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How a caller's requests are made and when one is tried again. A caller keeps one policy and
 // passes it to every call; the bounds of a single call are set on a copy:
 //

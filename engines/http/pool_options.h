@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How a pool of connections connects, and what it keeps.
 #pragma once
 

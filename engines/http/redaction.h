@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Keeps secrets out of every text that leaves the library: collects the secrets that headers carry,
 // removes secrets, cut-off secrets and echoed credentials from text, and quotes bounded excerpts.
 //

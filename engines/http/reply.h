@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading a reply within a policy's bounds. Neither function closes the reply.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The whole of it: make a request under a policy and return the parsed JSON reply, or throw one of
 // the failure kinds.
 //

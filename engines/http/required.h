@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A field of a parameter struct that must be given: leaving it out of the designated initialisers
 // does not compile, and the compiler says that a field is missing. There are two ways to declare
 // one:
@@ -6,8 +7,8 @@
 //   RetryPolicy policy = detail::missing<RetryPolicy, Given>();
 //
 // The second is for a value that may be in braces itself, `.policy = {.attempts = 1}`. `Given` is a
-// template parameter of the struct, without which the default would be compiled in any case. A struct
-// of this kind needs a field of the first kind beside it.
+// template parameter of the struct, without which the default would be compiled in any case. A
+// struct of this kind needs a field of the first kind beside it.
 #pragma once
 
 #include <concepts>
@@ -37,7 +38,8 @@ template <class T>
 class ENGINES_HTTP_EXPORT required {
  public:
   /// Does not compile: what a field that is left out is initialised from. There is no default
-  /// constructor, so that a struct with such a field has none either, and says so where it is asked.
+  /// constructor, so that a struct with such a field has none either, and says so where it is
+  /// asked.
   template <class Given = void>
   required(std::initializer_list<detail::LeftOut>) : value_(detail::missing<T, Given>()) {}
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The retry loop alone, for a caller that makes its own attempt (a streamed reply, a service's
 // client library). An attempt is any function of a socket timeout in seconds:
 //

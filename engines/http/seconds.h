@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A time span, as every parameter that counts seconds takes it. Does not include <chrono>: code
 // that passes a duration has included it.
 #pragma once

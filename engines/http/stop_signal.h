@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What ends a call from outside. Does not include <stop_token>: code that passes a token has
 // included it.
 #pragma once

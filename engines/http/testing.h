@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // For tests of code that calls this library: a transport and replies that play a script, and a
 // clock that is moved by hand, so that a retry is tested in microseconds and without a network.
 //

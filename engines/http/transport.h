@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The seam between the library and the network: a request record, the interface of an open reply,
 // the transport (a function from one to the other), and the failures that a transport raises.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Kinds of C++ types, as the encoder of bodies and the reader of foreign errors tell them apart.
 #pragma once
 

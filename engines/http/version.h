@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /// @file
 /// The version of the library (semver.org). The build reads it from here, so this is its one place.
 #pragma once

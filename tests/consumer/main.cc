@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A user's program. Failures cross the library's boundary both ways: those thrown here are judged
 // in there, those thrown in there are caught here. Exits with 0 when each was known for what it is.
 #include <engines/http/http.h>

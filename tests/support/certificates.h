@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A certificate authority of the test's own, in a directory that is gone with it.
 #pragma once
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Writes the C++ of a Markdown page as one source file: its ```cpp blocks, and what stands in
 # <!-- cpp ... --> comments because it is needed but not worth showing, in their order. The includes
 # come first, the rest in a namespace of the page's own. Compilers report the page's own lines.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A server that misbehaves on purpose: each connection is played by a function of the test, on a
 // thread of its own, over plain TCP or TLS, on a free loopback port.
 #pragma once

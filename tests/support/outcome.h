@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How a call ended, in one line, for tables.
 #pragma once
 

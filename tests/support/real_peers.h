@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Servers that others wrote, started by the script `real_peers` on free loopback ports with files
 // in a directory that is gone with them.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A stream that plays a script: the bytes of a peer, in pieces, and how it ends.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the decoder and the encoder share.
 #pragma once
 

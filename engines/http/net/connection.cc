@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "engines/http/net/connection.h"
 
 #include <openssl/err.h>
@@ -118,6 +119,10 @@ curl_tlssessioninfo tls_session(CURL* easy) {
 }  // namespace
 
 void check_certificates(const PoolOptions& options) {
+  if ((options.ca_file + options.ca_directory + options.client_certificate + options.client_key)
+          .empty()) {
+    return;
+  }
   const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(SSL_CTX_new(TLS_client_method()),
                                                                   &SSL_CTX_free);
   if (!context) throw std::bad_alloc();

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A connection to a peer, made by libcurl: name lookup, the race of a host's addresses, a proxy's
 // tunnel, SOCKS, TLS and its verification. What is said on it is the exchange's subject.
 #pragma once

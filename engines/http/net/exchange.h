@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One request and its reply over a stream, in HTTP/1.1 (RFC 9112), on the caller's thread. Nothing
 // moves unless one of the functions runs: between two reads the peer is held back by its own full
 // window, and no more of the body is kept here than one receive brought too much.
@@ -55,9 +56,10 @@ class Exchange {
   StatusCode status() const noexcept { return status_; }
   const Headers& headers() const noexcept { return headers_; }
 
-  /// Appends up to `amt` bytes of the body to `out` and returns how many; 0: it has ended. Waits for
-  /// the first bytes; with `fill` it goes on, within the same time, until it has `amt`. The wait ends
-  /// at `until`, where that is given. A failure is kept, and thrown again by every later read.
+  /// Appends up to `amt` bytes of the body to `out` and returns how many; 0: it has ended. Waits
+  /// for the first bytes; with `fill` it goes on, within the same time, until it has `amt`. The
+  /// wait ends at `until`, where that is given. A failure is kept, and thrown again by every later
+  /// read.
   std::size_t read(std::string& out, std::size_t amt, bool fill,
                    std::optional<TimePoint> until = std::nullopt);
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Decodes a body in the gzip coding (RFC 9110, section 8.4.1.3; RFC 1952) as it is read.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How long one call may wait, and what ends it early. A call is one use of a transport: with
 // redirects it is several exchanges.
 #pragma once

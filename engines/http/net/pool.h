@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The idle connections of a pool.
 #pragma once
 

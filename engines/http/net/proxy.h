@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which proxy is used for an origin.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One request of a chain of redirects: what is sent, checked before it is sent, and what a redirect
 // makes of it.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A connection as an exchange sees it: bytes that go and come, without waiting, and a wait.
 #pragma once
 

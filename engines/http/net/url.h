@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // URLs taken apart (RFC 3986): of a request, of a redirect, of a proxy.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The digits and letters of ASCII, the same in every locale.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "engines/http/text/base64.h"
 
 #include <openssl/evp.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "engines/http/text/utf8.h"
 
 #include <unicode/utf8.h>

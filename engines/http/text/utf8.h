@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Text as the library understands it: UTF-8 in std::string, counted in code points. Text that is
 // not well formed is ordinary input: each maximal ill-formed subsequence counts as one character
 // and reads as U+FFFD (The Unicode Standard, section 3.9, "U+FFFD Substitution of Maximal
