@@ -362,7 +362,7 @@ TEST(Pool, TakesNothingForAReplyThatCameBeforeItsRequest) {
 }
 
 TEST(Pool, NeverSendsARequestTwice) {
-  for (const auto& [end, size] : {std::pair(&ends, 2), {&resets, 2}, {&resets, 100'000}}) {
+  for (const auto& [end, size] : {std::pair(&ends, 2UL), {&resets, 2UL}, {&resets, 100'000UL}}) {
     FaultServer server([finish = end](Peer& peer) {
       peer.request(), peer.send(HI), peer.request(), finish(peer);
     });
@@ -408,7 +408,8 @@ TEST(PoolOptions, ThatCannotBeUsedAreRefusedWhenThePoolIsMade) {
            {{.client_key = key}, "client_key"},
            {{.proxy = "ftp://user:s3cret@h/"}, "proxy"},
            {{.user_agent = "a\nb"}, "user_agent"}}) {
-    const std::string how = test::outcome([&] { return PooledTransport(options), "made"; });
+    const std::string how =
+        test::outcome([&given = options] { return PooledTransport(given), "made"; });
     EXPECT_TRUE(begins(how, "invalid_argument: PoolOptions::" + name) && !holds(how, "s3cret"));
   }
   for (const char* variable : {"SSL_CERT_FILE", "SSL_CERT_DIR", "https_proxy"}) {
