@@ -48,8 +48,8 @@ std::string decoded(const std::string& coded, std::size_t piece, std::size_t amt
 TEST(Gzip, IsDecodedHoweverItArrivesAndIsRead) {
   std::string text;
   for (int i = 0; i < 20'000; ++i) text += std::to_string(i * i);
-  for (const std::size_t piece : {1, 7, 65536}) {
-    for (const std::size_t amt : {1, 1000, 65536}) {
+  for (const std::size_t piece : {1U, 7U, 65536U}) {
+    for (const std::size_t amt : {1U, 1000U, 65536U}) {
       EXPECT_EQ(decoded(gzipped(text), piece, amt, amt == 1000), text);
     }
     EXPECT_EQ(decoded(gzipped("one, ") + gzipped("") + gzipped("two"), piece, 100, false),
