@@ -132,7 +132,7 @@ ENGINES_HTTP_EXPORT void sleep_for(double seconds);
 
 }  // namespace detail
 
-/// What `wait_unless_stopped` may be told beside the wait itself.
+/// What `wait_unless_stopped` takes beside the wait itself.
 struct ENGINES_HTTP_EXPORT WaitOptions {
   /// Pauses the calling thread for so many seconds. An empty function stands for the default.
   detail::OrDefault<std::function<void(double seconds)>, detail::sleep_for> sleep = {};

@@ -113,7 +113,7 @@ struct ENGINES_HTTP_EXPORT Request {
 
 class LineIterator;
 
-/// A reply as a transport returns it: open, its body unread. Whoever holds it reads it on one
+/// A reply as a transport returns it: open, its body unread. Its holder reads it on one
 /// thread and closes it once. A transport derives from it and overrides the `do_` functions.
 class ENGINES_HTTP_EXPORT Response {
  public:
@@ -177,7 +177,7 @@ class ENGINES_HTTP_EXPORT Response {
 };
 
 /// Input iterator over the lines of a reply. A line is read when it is looked at or compared with
-/// the end, not before: whoever stops early has waited for no line that it does not take.
+/// the end, not before: a loop that stops early has waited for no line that it does not take.
 class ENGINES_HTTP_EXPORT LineIterator {
  public:
   /// What the standard asks of an input iterator.
@@ -213,7 +213,7 @@ class ENGINES_HTTP_EXPORT LineIterator {
 
 inline LineIterator Response::begin() { return LineIterator(*this); }
 
-/// What a transport is told beside the request.
+/// What a transport takes beside the request.
 struct ENGINES_HTTP_EXPORT TransportOptions {
   /// The longest wait of one socket operation. Must be given.
   Seconds timeout;
