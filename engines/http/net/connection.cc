@@ -346,7 +346,7 @@ void Connection::fail(CURLcode code) const {
           text(is_proxys ? "the proxy's name did not resolve" : "the host name did not resolve")));
     }
     case CURLE_OPERATION_TIMEDOUT:
-      throw URLError(TimeoutError(text("timed out while connecting")));
+      limits_->time_out(Phase::connecting);
     case CURLE_PEER_FAILED_VERIFICATION:
       throw URLError(OSError(text("the peer's certificate is not trusted")));
     case CURLE_SSL_CACERT_BADFILE:

@@ -65,9 +65,15 @@ void Limits::spend(Phase phase, Duration waited) {
   if (phase == Phase::reading_body) has_read_ = true;
 }
 
-void Limits::time_out(Phase phase, const std::string& bound) const {
-  const std::string text = "timed out after " + bound + " while " + std::string(text_of(phase)) +
-                           (is_outward(phase) ? " to " : " from ") + peer;
+void Limits::time_out(Phase phase) const {
+  char bound[48] = "all the time that was left for the call";
+  if (!end_ || SteadyClock::now() < *end_) {
+    const double seconds = phase == Phase::connecting ? connect_timeout_s_ : timeout_s_;
+    std::snprintf(bound, sizeof bound, "%g s", seconds);
+  }
+  const std::string text = std::string("timed out after ") + bound + " while " +
+                           std::string(text_of(phase)) + (is_outward(phase) ? " to " : " from ") +
+                           peer;
   if (is_outward(phase)) throw URLError(TimeoutError(text));
   throw TimeoutError(text);
 }
@@ -78,13 +84,7 @@ Duration Limits::check(Phase phase, TimePoint until) const {
     throw Stopped("the transport was asked to stop while " + std::string(text_of(phase)));
   }
   const TimePoint now = SteadyClock::now();
-  if (end_ && now >= *end_) time_out(phase, "all the time that was left for the call");
-  if (now >= until) {
-    char seconds[32];
-    std::snprintf(seconds, sizeof seconds, "%g s",
-                  phase == Phase::connecting ? connect_timeout_s_ : timeout_s_);
-    time_out(phase, seconds);
-  }
+  if (now >= until || (end_ && now >= *end_)) time_out(phase);
   return std::min({STOP_POLL, until - now, end_ ? *end_ - now : Duration::max()});
 }
 

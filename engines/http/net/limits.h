@@ -43,12 +43,13 @@ class Limits {
   /// `until` has come. Otherwise returns how long to wait before asking again.
   Duration check(Phase phase, TimePoint until = TimePoint::max()) const;
 
+  /// Throws the timeout of this phase.
+  [[noreturn]] void time_out(Phase phase) const;
+
   /// The peer of the current exchange, "host:port", for the texts of timeouts.
   std::string peer;
 
  private:
-  [[noreturn]] void time_out(Phase phase, const std::string& bound) const;
-
   double timeout_s_;
   double connect_timeout_s_;
   Duration timeout_;
