@@ -63,6 +63,7 @@ bool is_transient(const ErrorRef& error, const StatusSet& statuses) {
   const std::optional<StatusCode> status = status_of(error);
   return status ? statuses.contains(*status) : is_transient_without_status(error);
 }
+
 std::string content_type(const ErrorRef& reply) {
   return detail::lower(reply.header("Content-Type"));
 }

@@ -34,42 +34,6 @@
 
 namespace engines::http {
 
-namespace detail {
-
-/// Input iterator over what `Source::fetch(item)` gives until it returns false. An item is fetched
-/// when it is looked at or compared with the end, not before.
-template <class Source>
-class ENGINES_HTTP_EXPORT Fetched {
- public:
-  using value_type = typename Source::value_type;
-  using difference_type = std::ptrdiff_t;
-  using iterator_concept = std::input_iterator_tag;
-
-  explicit Fetched(Source& source) : source_(&source) {}
-
-  const value_type& operator*() const { return fetch(), item_; }
-  const value_type* operator->() const { return fetch(), &item_; }
-  Fetched& operator++() {
-    fetch();  // what is passed over unread is an item, too
-    fetched_ = false;
-    return *this;
-  }
-  void operator++(int) { ++*this; }
-  bool operator==(std::default_sentinel_t) const { return fetch(), source_ == nullptr; }
-
- private:
-  void fetch() const {
-    if (!fetched_ && source_ && !source_->fetch(item_)) source_ = nullptr;
-    fetched_ = true;
-  }
-
-  mutable Source* source_;  // null at the end
-  mutable bool fetched_ = false;
-  mutable value_type item_;
-};
-
-}  // namespace detail
-
 /// The lines of a reply; made by `lines`.
 class ENGINES_HTTP_EXPORT Lines : public std::ranges::view_base {
  public:

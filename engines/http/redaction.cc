@@ -23,32 +23,19 @@ constexpr std::size_t EXCERPT_MARGIN_CHARS = 64;
 
 // ---- Echoes -------------------------------------------------------------------------------------
 
-/// The engine's own `\s` takes U+180E, which is not white space: its classes are spelled out.
-std::string with_white_space_spelled_out(std::string_view pattern) {
-  constexpr std::string_view WHITE_SPACE = R"(\x09-\x0d\x20\x{85}\p{Z})";
-  std::string spelled;
-  bool in_class = false;
-  for (std::size_t i = 0; i < pattern.size(); ++i) {
-    if (pattern.substr(i, 2) == "\\s") {
-      spelled += in_class ? "" : "[";
-      spelled += WHITE_SPACE;
-      spelled += in_class ? "" : "]";
-      ++i;
-    } else if (pattern[i] == '\\') {
-      spelled += pattern.substr(i++, 2);
-    } else {
-      if (pattern[i] == '[' || pattern[i] == ']') in_class = pattern[i] == '[';
-      spelled += pattern[i];
-    }
+/// PCRE2's `\s` matches U+180E, which is not white space.
+std::string with_unicode_white_space(std::string pattern) {
+  for (std::size_t at = 0; (at = pattern.find("\\s", at)) != std::string::npos;) {
+    pattern.replace(at, 2, "\\p{White_Space}");
   }
-  return spelled;
+  return pattern;
 }
 
 /// One compiled expression, shared by all threads. Null when the engine refused it.
 class Echo {
  public:
   explicit Echo(std::string_view pattern) {
-    const std::string spelled = with_white_space_spelled_out(pattern);
+    const std::string spelled = with_unicode_white_space(std::string(pattern));
     int error = 0;
     PCRE2_SIZE offset = 0;
     code_.reset(pcre2_compile(reinterpret_cast<PCRE2_SPTR>(spelled.data()), spelled.size(),

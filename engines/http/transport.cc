@@ -101,7 +101,7 @@ void Response::close() {
   do_close();
 }
 
-bool Response::next_line(std::string& line) {
+bool Response::fetch(std::string& line) {
   check_open();
   for (std::size_t searched = ahead_begin_;;) {
     const std::size_t line_end = ahead_.find('\n', searched);

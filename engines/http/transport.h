@@ -111,7 +111,43 @@ struct ENGINES_HTTP_EXPORT Request {
   const std::string method;
 };
 
-class LineIterator;
+namespace detail {
+
+/// Input iterator over what `Source::fetch(item)` gives until it returns false. An item is fetched
+/// when it is dereferenced or compared with the end, not before: a loop that stops early has waited
+/// for no item that it does not take.
+template <class Source>
+class ENGINES_HTTP_EXPORT Fetched {
+ public:
+  using value_type = typename Source::value_type;
+  using difference_type = std::ptrdiff_t;
+  using iterator_concept = std::input_iterator_tag;
+
+  Fetched() = default;
+  explicit Fetched(Source& source) : source_(&source) {}
+
+  const value_type& operator*() const { return fetch(), item_; }
+  const value_type* operator->() const { return fetch(), &item_; }
+  Fetched& operator++() {
+    fetch();  // an item that is skipped unread is fetched, too
+    fetched_ = false;
+    return *this;
+  }
+  void operator++(int) { ++*this; }
+  bool operator==(std::default_sentinel_t) const { return fetch(), source_ == nullptr; }
+
+ private:
+  void fetch() const {
+    if (!fetched_ && source_ && !source_->fetch(item_)) source_ = nullptr;
+    fetched_ = true;
+  }
+
+  mutable Source* source_ = nullptr;  // null at the end
+  mutable bool fetched_ = false;
+  mutable value_type item_;
+};
+
+}  // namespace detail
 
 /// A reply as a transport returns it: open, its body unread. Its holder reads it on one
 /// thread and closes it once. A transport derives from it and overrides the `do_` functions.
@@ -144,9 +180,11 @@ class ENGINES_HTTP_EXPORT Response {
   /// `std::ranges::input_range` of `std::string`. A line counts at most `MAX_LINE_BYTES` bytes; a
   /// longer one raises an `HTTPException`. Iterating reads ahead, but loses nothing: a second loop,
   /// or a read, goes on where the last line ended.
-  LineIterator begin();
-  /// The end of those lines.
+  /// @{
+  using value_type = std::string;
+  detail::Fetched<Response> begin() { return detail::Fetched(*this); }
   std::default_sentinel_t end() const noexcept { return {}; }
+  /// @}
 
   /// The most bytes of a line.
   static constexpr std::size_t MAX_LINE_BYTES = 16777216;
@@ -157,7 +195,7 @@ class ENGINES_HTTP_EXPORT Response {
   Response& operator=(const Response&) = default;
 
  private:
-  friend class LineIterator;
+  friend class detail::Fetched<Response>;
   friend class HTTPError;
 
   virtual std::string do_read(std::size_t amt) = 0;
@@ -166,7 +204,7 @@ class ENGINES_HTTP_EXPORT Response {
   virtual std::size_t do_append1(std::string& body, std::size_t amt);
   virtual void do_close() = 0;
 
-  virtual bool next_line(std::string& line);  // false: the body has ended
+  virtual bool fetch(std::string& line);  // the next line; false: the body has ended
   std::string take_ahead(std::size_t amt);
   void check_open() const;
 
@@ -175,43 +213,6 @@ class ENGINES_HTTP_EXPORT Response {
   bool ended_ = false;           // line iteration has met the end of the body
   bool closed_ = false;
 };
-
-/// Input iterator over the lines of a reply. A line is read when it is looked at or compared with
-/// the end, not before: a loop that stops early has waited for no line that it does not take.
-class ENGINES_HTTP_EXPORT LineIterator {
- public:
-  /// What the standard asks of an input iterator.
-  /// @{
-  using value_type = std::string;
-  using difference_type = std::ptrdiff_t;
-  using iterator_concept = std::input_iterator_tag;
-
-  LineIterator() = default;
-  explicit LineIterator(Response& reply) : reply_(&reply) {}
-
-  const std::string& operator*() const { return fetch(), line_; }
-  const std::string* operator->() const { return fetch(), &line_; }
-  LineIterator& operator++() {
-    fetch();  // what is passed over unread is a line, too
-    fetched_ = false;
-    return *this;
-  }
-  void operator++(int) { ++*this; }
-  bool operator==(std::default_sentinel_t) const { return fetch(), reply_ == nullptr; }
-  /// @}
-
- private:
-  void fetch() const {
-    if (!fetched_ && reply_ && !reply_->next_line(line_)) reply_ = nullptr;
-    fetched_ = true;
-  }
-
-  mutable Response* reply_ = nullptr;  // null at the end
-  mutable bool fetched_ = false;
-  mutable std::string line_;
-};
-
-inline LineIterator Response::begin() { return LineIterator(*this); }
 
 /// What a transport takes beside the request.
 struct ENGINES_HTTP_EXPORT TransportOptions {
@@ -325,7 +326,7 @@ class ENGINES_HTTP_EXPORT HTTPError : public URLError, public Response {
   std::size_t do_append1(std::string& body, std::size_t amt) final {
     return body_->append1(body, amt);
   }
-  bool next_line(std::string& line) final { return body_->next_line(line); }
+  bool fetch(std::string& line) final { return body_->fetch(line); }
 
   StatusCode code_;
   std::shared_ptr<const Headers> headers_;
