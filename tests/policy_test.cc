@@ -117,7 +117,7 @@ TEST(Policy, ACopyReplacesWhatIsNamedAndKeepsTheRest) {
       original.with({.refusal_statuses = {}, .refusal_reason = nullptr, .deadline = std::nullopt});
   EXPECT_EQ(fields(cleared), Fields(7, 2, 3, {500}, {}, {400}, false, std::nullopt, 5, 6));
 
-  const detail::KeepAll keep;
+  const detail::Keep keep;
   const RetryPolicy changed = original.with({1,
                                              0,
                                              1,

@@ -11,8 +11,8 @@
 namespace engines::http {
 namespace {
 
-/// The headers of a request with a body. Content-Type comes first, with the caller's value
-/// where the caller's name is spelled the same; `Request` settles the names that differ in case.
+/// The headers of a request with a body. Content-Type comes first, with the caller's value where the
+/// caller spells the name the same; names that differ in case are left to `Request`.
 Headers with_content_type(const Headers& given, std::string content_type) {
   constexpr std::string_view CONTENT_TYPE = "Content-Type";
   Headers headers;
@@ -26,8 +26,8 @@ Headers with_content_type(const Headers& given, std::string content_type) {
   return headers;
 }
 
-/// The policy's stop signal, and what is left until its deadline where that is an instant on the
-/// library's own clock. A caller's clock is not read.
+/// The transport's options. `time_left` is set only where the policy's clock is the default one: a
+/// caller's clock is not read here.
 TransportOptions transport_options(double timeout, const RetryPolicy& policy) {
   TransportOptions options{.timeout = timeout, .should_stop = policy.should_stop};
   const auto* const clock = policy.clock.target<double (*)()>();
@@ -37,7 +37,7 @@ TransportOptions transport_options(double timeout, const RetryPolicy& policy) {
   return options;
 }
 
-/// Shows an error reply, which is closed when that fails.
+/// Calls `inspect`; closes the error reply if that throws.
 void show(HTTPError& error, const Inspect& inspect) {
   try {
     inspect(error);
@@ -47,7 +47,7 @@ void show(HTTPError& error, const Inspect& inspect) {
   }
 }
 
-/// Runs the reader. A network failure of its reads is returned classified, any other is thrown.
+/// Runs the reader. A network error of its reads is returned classified, any other is thrown.
 FailurePtr read_or_failure(Response& reply, const detail::Use& use, const RetryPolicy& policy,
                            const Secrets& secrets) {
   try {
@@ -71,12 +71,10 @@ void detail::send(std::string_view url, const AttemptFields& fields, const Use& 
       std::string(url),
       {.data = std::move(data), .headers = std::move(headers), .method = fields.method});
 
-  const auto open = [&](const Transport& transport) {
-    return _reply_or_failure(transport, request, fields.timeout, fields.policy, hidden,
-                             fields.inspect);
-  };
+  const Transport standard = urlopen_transport;
   const ReplyOrFailure outcome =
-      fields.transport ? open(fields.transport) : open(urlopen_transport);
+      _reply_or_failure(fields.transport ? fields.transport : standard, request, fields.timeout,
+                        fields.policy, hidden, fields.inspect);
   // Thrown here, where no error of the transport is being handled: none travels with it.
   if (const FailurePtr* const failure = std::get_if<FailurePtr>(&outcome)) failure->raise();
 
@@ -100,7 +98,7 @@ ReplyOrFailure _reply_or_failure(const Transport& transport, const Request& requ
       if (inspect) show(error, inspect);
       return classify(error, policy, secrets);
     }
-    // The error is the reply, kept alive by its own handle.
+    // The exception object is the reply; the exception_ptr keeps it alive.
     try {
       return std::shared_ptr<Response>(
           std::make_shared<std::exception_ptr>(std::current_exception()), &error);

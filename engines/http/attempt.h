@@ -29,7 +29,8 @@
 
 namespace engines::http {
 
-/// Is shown an open reply before its body is read: `status()` and `headers()`.
+/// Called with each open reply, error replies included, before its body is read; may use `status()`
+/// and `headers()`. What it throws ends the call unchanged.
 using Inspect = std::function<void(const Response& reply)>;
 
 namespace detail {
@@ -39,7 +40,7 @@ concept Narrows = std::is_arithmetic_v<To> && !requires(From from) {
   To{static_cast<From>(from)};
 };
 
-/// What the `To` would refer to is gone once the reader has returned.
+/// A reference or view that would point into the reader's temporary result.
 template <class From, class To>
 concept Dangles = !std::is_reference_v<From> && !std::same_as<From, To> &&
                   (std::is_reference_v<To> || std::ranges::enable_borrowed_range<To>);
@@ -87,8 +88,8 @@ class ENGINES_HTTP_EXPORT Reader
         }) {}
 };
 
-/// What `send` takes beside the URL. The fields are given by name, in this order. The options own
-/// what they hold and may be kept and copied.
+/// The parameters of `send` other than the URL, given by name, in this order. The options own what
+/// they hold and may be kept and copied.
 template <class Result>
 struct ENGINES_HTTP_EXPORT SendOptions {
   /// How a failure is judged. Must be given.
@@ -108,8 +109,7 @@ struct ENGINES_HTTP_EXPORT SendOptions {
   Secrets secrets = {};
   /// Sends the request; none means `urlopen_transport`.
   Transport transport = nullptr;
-  /// Called with the reply, an error reply included, before its body is read. What it throws passes
-  /// through unchanged.
+  /// See `Inspect`.
   Inspect inspect = nullptr;
 };
 
@@ -172,7 +172,7 @@ Result send(std::string_view url, const SendOptions<Result>& options) {
 using ReplyOrFailure = std::variant<std::shared_ptr<Response>, FailurePtr>;
 
 /// Calls the transport. An `HTTPError` whose code is among the policy's `error_replies` is the
-/// reply itself; any other network or protocol failure is returned classified, never thrown.
+/// reply itself; any other network or protocol error is returned classified, never thrown.
 /// `inspect` is called with the error replies that are classified.
 ENGINES_HTTP_EXPORT ReplyOrFailure _reply_or_failure(const Transport& transport,
                                                      const Request& request, double timeout,

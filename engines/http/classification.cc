@@ -45,8 +45,7 @@ std::optional<StatusCode> ErrorRef::status_code() const {
 }
 
 std::string ErrorRef::header(const char* name) const {
-  if (const HTTPError* const error = as_http_error())
-    return detail::foreign::header_in(*error, name);
+  if (const auto* const error = as_http_error()) return detail::foreign::header_in(*error, name);
   return as_carrier_ ? detail::foreign::header_in(*as_carrier_, name) : header_(object_, name);
 }
 
@@ -86,11 +85,9 @@ FailurePtr _status_failure(StatusCode status, std::string_view body, std::string
   const FailureFields fields{.status = status,
                              .detail = excerpt(body, secrets, policy.detail_chars)};
   std::string message = "HTTP " + std::to_string(status);
-  std::optional<std::string> reason;
-  if (policy.refusal_reason) reason = policy.refusal_reason(body, kind);
-  const bool recognised = reason && !reason->empty();
-  if (recognised || policy.refusal_statuses.contains(status)) {
-    if (recognised) message += ", " + *reason;
+  const std::string reason = detail::refusal_of(policy, body, kind);
+  if (!reason.empty() || policy.refusal_statuses.contains(status)) {
+    if (!reason.empty()) message += ", " + reason;
     return Refused(message, fields);
   }
   if (policy.retry_statuses.contains(status)) return Retryable(message, fields);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Sorts a failure: which HTTP status it carries, whether it is worth another attempt, and which
-// failure kind it becomes under a policy. Any error will do, of this library or of another; the
-// functions keep no state, and any thread may call them at any time.
+// Classifies an error, of this library or of another: the HTTP status it carries, whether another
+// attempt may succeed, and the failure kind that it becomes under a policy. The functions keep no
+// state, and any thread may call them at any time.
 //
 //   FailurePtr failure;
 //   try {
@@ -55,9 +55,8 @@ class ENGINES_HTTP_EXPORT CarriesStatus {
   virtual const Headers* headers() const { return nullptr; }
 };
 
-/// Any error or reply, as the library sees it: a view, valid while the object lives. Converts from
-/// an object of whatever type, but for handles (pointers, optionals, `exception_ptr`,
-/// `FailurePtr`): those do not compile. Threads may share it as they may share the object.
+/// A view of any error or reply, valid while the object lives. Handles (pointers, optionals,
+/// `exception_ptr`, `FailurePtr`) do not compile.
 class ENGINES_HTTP_EXPORT ErrorRef {
  public:
   /// A view of this object.
@@ -86,7 +85,7 @@ class ENGINES_HTTP_EXPORT ErrorRef {
   /// The value of one of its headers; empty when there is none.
   std::string header(const char* name) const;
 
-  /// The object as a kind of transport failure; null where it is none.
+  /// The object as a kind of transport error; null where it is none.
   /// @{
   const OSError* as_os_error() const noexcept { return as_os_error_; }
   const HTTPException* as_http_exception() const noexcept { return as_http_exception_; }
@@ -106,7 +105,7 @@ class ENGINES_HTTP_EXPORT ErrorRef {
     } else if constexpr (std::is_polymorphic_v<E> && !std::is_base_of_v<Kind, E>) {
       return dynamic_cast<const Kind*>(std::addressof(error));
     } else {
-      return nullptr;  // of another kind, or of this one privately or twice
+      return nullptr;  // of another kind, or by a private or ambiguous base
     }
   }
 
@@ -120,22 +119,22 @@ class ENGINES_HTTP_EXPORT ErrorRef {
   std::string (*header_)(const void*, const char*);
 };
 
-/// The HTTP status that a failure carries: an `HTTPError`'s code, else its integer `status_code`,
+/// The HTTP status that an error carries: an `HTTPError`'s code, else its integer `status_code`,
 /// of any range; none when it has neither.
 ENGINES_HTTP_EXPORT std::optional<StatusCode> status_of(const ErrorRef& error);
 
-/// Whether a failure is worth another attempt: one with a status when `statuses` contains it; one
-/// without when it is a transient kind of transport failure, or when its own type's name contains
-/// "timeout" or "connection" in whatever case. Pass the policy's `retry_statuses` to judge under
-/// it.
+/// Whether another attempt may succeed: after an error with a status, when `statuses` contains it;
+/// after one without, when it is a transient kind of transport error, or when the name of its own
+/// type contains "timeout" or "connection", ignoring case. Pass the policy's `retry_statuses` to
+/// judge under it.
 ENGINES_HTTP_EXPORT bool is_transient(const ErrorRef& error,
                                       const StatusSet& statuses = TRANSIENT_STATUSES);
 
-/// The `Content-Type` of a reply, a failure or any object with headers, in lower case and otherwise
+/// The `Content-Type` of a reply, an error or any object with headers, in lower case and otherwise
 /// as it came; empty when there is none.
 ENGINES_HTTP_EXPORT std::string content_type(const ErrorRef& reply);
 
-/// What a failure becomes under a policy: `Refused`, `Retryable` or a plain `HttpFailure`, built of
+/// What an error becomes under a policy: `Refused`, `Retryable` or a plain `HttpFailure`, built of
 /// text without the secrets. An `HTTPError`'s body is read (its first 4096 bytes, at most) and
 /// closed. Throws nothing of its own; what the policy's `refusal_reason` throws passes through.
 ENGINES_HTTP_EXPORT FailurePtr classify(const ErrorRef& error, const RetryPolicy& policy,
@@ -163,12 +162,12 @@ inline constexpr std::size_t ERROR_BODY_BYTES = 4096;
 template <class... Kinds>
 struct KindList {};
 
-/// The failure kinds that are worth another attempt when they carry no status.
+/// The transport errors without a status after which another attempt may succeed.
 inline constexpr KindList<TimeoutError, ConnectionError, gaierror, URLError, IncompleteRead,
                           BadStatusLine>
     TRANSIENT_ERRORS;
 
-/// What the own type name of any other transient failure contains, in lower case.
+/// What the type name of any other such error contains, in lower case.
 inline constexpr std::array<std::string_view, 2> TRANSIENT_NAMES = {"timeout", "connection"};
 
 }  // namespace detail

@@ -5,19 +5,18 @@
 
 namespace engines::http::detail {
 
-/// What `use` makes of the reply, which is closed whatever happens. A failing close replaces the
-/// outcome.
+/// Returns `use(reply)` and closes the reply in every case. What the close throws replaces the
+/// outcome of `use`.
 template <class Use>
 auto closing(Response& reply, const Use& use) {
-  const auto used = [&] {
+  auto outcome = [&] {
     try {
       return use(reply);
     } catch (...) {
       reply.close();
       throw;
     }
-  };
-  auto outcome = used();
+  }();
   reply.close();
   return outcome;
 }

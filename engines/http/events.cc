@@ -20,16 +20,14 @@ bool Lines::ends_line(char byte) const noexcept {
 
 /// Appends what has arrived to `ahead_`; false at the end of the body.
 bool Lines::read_more() {
-  if (policy_->should_stop())
+  if (policy_->should_stop()) {
     throw Stopped("the reply was still arriving when the call was asked to stop");
+  }
   _check_deadline(*policy_, "the reply was still arriving at the deadline");
   ahead_.erase(0, std::exchange(ahead_begin_, 0));
   const std::size_t arrived = reply_->append1(ahead_, detail::CHUNK_BYTES);
   read_bytes_ += arrived;
-  if (read_bytes_ > policy_->max_body_bytes) {
-    throw BadReply("reply longer than " + std::to_string(policy_->max_body_bytes) + " bytes",
-                   {.status = _status(*reply_)});
-  }
+  detail::check_size(read_bytes_, *policy_, *reply_);
   return arrived > 0;
 }
 

@@ -8,10 +8,10 @@
 //   }
 //
 // Both are single-pass ranges (`std::ranges::input_range`). What has arrived is handed out without
-// waiting for more. Before every read they ask the policy's stop signal and look at its deadline,
-// so that a peer that never ends a line is no way around them. They throw
+// waiting for more. Before every read they check the policy's stop signal and deadline, also within
+// a line that never ends. They throw
 //
-//   Stopped            the stop signal says stop
+//   Stopped            the stop signal returned true
 //   DeadlineExceeded   the deadline has come
 //   BadReply           more than `max_body_bytes` have arrived in all
 //

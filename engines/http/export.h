@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// The shared library exports what is declared with `ENGINES_HTTP_EXPORT`: each public class,
-// function and variable, and what inline code of the installed headers calls, throws or holds in a
-// public class.
 #pragma once
 
 /// @file
-/// Which names the shared library exports.
+/// The shared library exports what is declared with `ENGINES_HTTP_EXPORT`: each public class,
+/// function and variable, and what inline code of the installed headers calls, throws or holds in a
+/// public class.
 
 #ifdef ENGINES_HTTP_SHARED
 /// Makes a declaration visible outside the shared library. CMake and pkg-config define

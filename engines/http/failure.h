@@ -2,17 +2,16 @@
 // How a call fails: one tree of eight kinds, named by what the caller can do next.
 //
 //   HttpFailure              the request failed, and no more specific kind applies
-//   ├─ Retryable             worth another attempt (`retry` makes it)
-//   ├─ Refused               the endpoint refused; asked again at once it would refuse again
+//   ├─ Retryable             another attempt may succeed (`retry` makes it)
+//   ├─ Refused               the endpoint refused; an immediate retry would be refused too
 //   ├─ BadReply              a reply came but cannot be used: not JSON, or too long
 //   └─ detail::Ended         the call ended without an answer; `last()` is its last failure
-//      ├─ DeadlineExceeded   the policy's deadline passed
-//      ├─ Stopped            the policy's `should_stop` said so
+//      ├─ DeadlineExceeded   the policy's deadline has passed, or a backoff would reach it
+//      ├─ Stopped            the policy's `should_stop` returned true
 //      └─ Exhausted          every attempt failed with a Retryable
 //
-// Every text in a failure is redacted and bounded before the failure is built, and no failure
-// carries the transport's own error. A failure never changes: copies share their text, copying
-// never throws, and threads may share a failure or a FailurePtr that none of them assigns to.
+// The library builds failures from redacted, bounded text only; a failure never holds the
+// transport's own error. Failures are immutable: copies share their text, and copying never throws.
 #pragma once
 
 #include <concepts>
@@ -21,6 +20,7 @@
 #include <exception>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 
 #include "engines/http/export.h"
@@ -30,11 +30,13 @@
 /// The HTTP client: the calls, the policy they are made under and the failures they end in.
 namespace engines::http {
 
-/// An HTTP status code (RFC 9110, section 15), or any other integer that a failure carries as one:
-/// the library never checks its range.
+/// An unusable argument, such as a policy that makes no attempt. Not a failure of a call.
+using ValueError = std::invalid_argument;
+
+/// An HTTP status code (RFC 9110, section 15). The library does not check its range.
 using StatusCode = std::int64_t;
 
-/// What a failure may carry beside its message.
+/// The optional parameters of a failure's constructor.
 struct ENGINES_HTTP_EXPORT FailureFields {
   /// Status of the reply that the failure came from; none when no reply came back.
   std::optional<StatusCode> status = std::nullopt;
@@ -47,7 +49,7 @@ class ENGINES_HTTP_EXPORT HttpFailure : public std::exception {
  public:
   /// Every text is taken as it is: redact it first.
   explicit HttpFailure(std::string message, FailureFields fields = {});
-  // Copied, never moved from or assigned to: it keeps its text and fields for life.
+  // Copy only: a failure that was moved from or assigned to would lose its text.
   HttpFailure(const HttpFailure&) noexcept = default;
   HttpFailure& operator=(const HttpFailure&) = delete;
   ~HttpFailure() override;
@@ -62,12 +64,12 @@ class ENGINES_HTTP_EXPORT HttpFailure : public std::exception {
   const std::string& detail() const noexcept;
   /// @}
 
-  /// A copy of the failure as the kind that it is, through whichever base it is named. A kind of
-  /// the caller's own overrides it in the same words as every kind of the library:
+  /// A copy with the dynamic type. A kind of your own overrides it with exactly this line:
   ///
   ///   std::exception_ptr copy() const override { return std::make_exception_ptr(*this); }
   ///
-  /// Without that, a `FailurePtr` keeps it by its own type and in its handler alone.
+  /// Without the override, a `FailurePtr` accepts it only by its own type or while it is being
+  /// handled.
   virtual std::exception_ptr copy() const;
 
  private:
@@ -96,13 +98,13 @@ class ENGINES_HTTP_EXPORT BadReply : public HttpFailure {
   std::exception_ptr copy() const override;
 };
 
-/// A failure held as a value: shared, immutable, possibly none, and always of its own kind. It
-/// converts from any failure kind:
+/// A failure held as a value: shared, immutable, may be empty, keeps the dynamic type. It converts
+/// from any failure kind:
 ///
 ///   catch (const Retryable& failure) { last = failure; }
 ///
-/// A failure that is being handled and named through a base is kept itself, any other is copied
-/// (see `HttpFailure::copy`). Throws `std::logic_error` rather than copy a part of a failure.
+/// Taken through a base, a failure that is being handled is kept itself; any other is copied with
+/// `HttpFailure::copy`. Throws `std::logic_error` instead of slicing.
 class ENGINES_HTTP_EXPORT FailurePtr {
  public:
   FailurePtr() noexcept = default;
@@ -116,7 +118,7 @@ class ENGINES_HTTP_EXPORT FailurePtr {
   template <std::derived_from<HttpFailure> Kind>
   FailurePtr(const Kind& failure) : held_(detail::hold<HttpFailure>(failure)) {}
 
-  /// The failure, as a pointer shows it: it lives as long as a FailurePtr holds it.
+  /// The failure, which lives as long as a FailurePtr holds it; null when empty.
   /// @{
   const HttpFailure* get() const noexcept { return held_ ? held_->error : nullptr; }
   const HttpFailure& operator*() const noexcept { return *held_->error; }
@@ -125,7 +127,7 @@ class ENGINES_HTTP_EXPORT FailurePtr {
   bool operator==(std::nullptr_t) const noexcept { return held_ == nullptr; }
   /// @}
 
-  /// Throws the failure as the kind that it is. Needs a failure: not to be called on none.
+  /// Throws the failure with its dynamic type. Precondition: not empty.
   [[noreturn]] void raise() const;
 
  private:
@@ -154,7 +156,7 @@ class ENGINES_HTTP_EXPORT Ended : public HttpFailure {
  public:
   explicit Ended(std::string message, EndedFields fields = {});
 
-  /// The failure of the call's last attempt, or none. A field, not a cause.
+  /// The failure of the call's last attempt; empty when there was none.
   const FailurePtr& last() const noexcept { return last_; }
 
  private:
@@ -171,14 +173,14 @@ class ENGINES_HTTP_EXPORT DeadlineExceeded : public detail::Ended {
   std::exception_ptr copy() const override;
 };
 
-/// The policy's `should_stop` said so; no attempt starts after it.
+/// The policy's `should_stop` returned true; no further attempt starts.
 class ENGINES_HTTP_EXPORT Stopped : public detail::Ended {
  public:
   using Ended::Ended;
   std::exception_ptr copy() const override;
 };
 
-/// Every attempt failed with a failure worth another one.
+/// Every attempt failed with a `Retryable`, and the deadline had not passed.
 class ENGINES_HTTP_EXPORT Exhausted : public detail::Ended {
  public:
   /// Takes the status and the detail of `fields.last`.

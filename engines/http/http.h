@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// The whole library. Each header says what it is for; read them in this order.
+// Everything but the test kit (testing.h), in reading order.
+//
+// Where its comment does not say otherwise, a type is as thread-safe as a standard container:
+// several threads may read one object at once.
 #pragma once
 
 // clang-format off

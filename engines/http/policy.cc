@@ -39,7 +39,7 @@ bool _never() { return false; }
 namespace detail {
 
 void sleep_for(double seconds) {
-  // A longer sleep than the clock can count is cut to a year: it would not be waited out anyway.
+  // At most a year: a longer sleep would overflow the clock.
   constexpr double YEAR = 365.0 * 24 * 3600;
   std::this_thread::sleep_for(std::chrono::duration<double>(std::min(seconds, YEAR)));
 }
@@ -63,6 +63,12 @@ int AttemptCount::checked(int count) {
 }
 
 }  // namespace detail
+
+std::string detail::refusal_of(const RetryPolicy& policy, std::string_view body,
+                               std::string_view content_type) {
+  if (!policy.refusal_reason) return {};
+  return policy.refusal_reason(body, content_type).value_or("");
+}
 
 double RetryPolicy::backoff(int failed) const { return std::scalbn(backoff_s, failed - 1); }
 

@@ -17,7 +17,6 @@
 #include <ranges>
 #include <set>
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -25,14 +24,11 @@
 
 #include "engines/http/export.h"
 #include "engines/http/failure.h"
-#include "engines/http/required.h"
 #include "engines/http/seconds.h"
 #include "engines/http/stop_signal.h"
+#include "engines/http/value_types.h"
 
 namespace engines::http {
-
-/// An unusable value, such as a policy that makes no attempt. Not a failure of a call.
-using ValueError = std::invalid_argument;
 
 namespace detail {
 /// Statuses in ascending order that outlive every set built from them.
@@ -41,12 +37,11 @@ struct ConstantStatuses {
 };
 }  // namespace detail
 
-/// An immutable set of statuses, in ascending order. Copies share the values; threads may share a
-/// set that none of them assigns to.
+/// An immutable set of statuses, in ascending order. Copies share the values.
 class ENGINES_HTTP_EXPORT StatusSet {
  public:
   constexpr StatusSet() noexcept = default;
-  // Copied, never moved from: a set keeps its statuses for life.
+  // Copy only: a set that was moved from would be a span without its owner.
   StatusSet(const StatusSet&) noexcept = default;
   StatusSet& operator=(const StatusSet&) noexcept = default;
   /// The set of these statuses.
@@ -93,12 +88,12 @@ extern ENGINES_HTTP_EXPORT const StatusSet TRANSIENT_STATUSES;
 /// Monotonic seconds.
 using Clock = std::function<double()>;
 
-/// Waits `seconds`; true when it ended early because `should_stop` said stop.
+/// Waits `seconds`; returns true when it ended early because `should_stop` returned true.
 using Wait = std::function<bool(double seconds, const StopSignal& should_stop)>;
 
-/// Says what a body is when it is a refusal whatever its status (a proxy's block page), else none.
-/// Gets the body's text and its content type; the content type is empty for a reply that is read
-/// as the answer, so that such a reply is judged by its text alone.
+/// Recognises a body that is a refusal whatever its status, and returns what it is ("an HTML
+/// page"); none for any other body. Takes the body's text and its content type, which is empty for
+/// a reply that is read as the answer.
 using RefusalReason =
     std::function<std::optional<std::string>(std::string_view body, std::string_view content_type)>;
 
@@ -110,7 +105,7 @@ ENGINES_HTTP_EXPORT bool _never();
 
 namespace detail {
 
-/// A function that is never empty: an empty one stands for the default.
+/// A function; an empty one is replaced by `DEFAULT`.
 template <class Function, const auto& DEFAULT>
 class ENGINES_HTTP_EXPORT OrDefault : public Function {
  public:
@@ -127,14 +122,14 @@ class ENGINES_HTTP_EXPORT OrDefault : public Function {
 /// The longest step that `wait_unless_stopped` sleeps before it asks the stop signal again.
 inline constexpr double STOP_POLL_S = 0.1;
 
-/// Pauses the calling thread for so many seconds.
+/// Pauses the calling thread.
 ENGINES_HTTP_EXPORT void sleep_for(double seconds);
 
 }  // namespace detail
 
-/// What `wait_unless_stopped` takes beside the wait itself.
+/// The optional parameters of `wait_unless_stopped`.
 struct ENGINES_HTTP_EXPORT WaitOptions {
-  /// Pauses the calling thread for so many seconds. An empty function stands for the default.
+  /// Pauses the calling thread. An empty function is replaced by the default.
   detail::OrDefault<std::function<void(double seconds)>, detail::sleep_for> sleep = {};
   /// The longest single sleep, in seconds; greater than zero.
   Seconds poll_s = detail::STOP_POLL_S;
@@ -142,28 +137,25 @@ struct ENGINES_HTTP_EXPORT WaitOptions {
 
 namespace detail {
 
+/// An object, so that it is a `Wait` and takes options, too.
 struct ENGINES_HTTP_EXPORT WaitUnlessStopped {
-  bool operator()(Seconds seconds, const StopSignal& should_stop) const {
-    return (*this)(seconds, should_stop, {});
-  }
-  bool operator()(Seconds seconds, const StopSignal& should_stop, const WaitOptions& options) const;
+  bool operator()(Seconds seconds, const StopSignal& should_stop,
+                  const WaitOptions& options = {}) const;
 };
 
 }  // namespace detail
 
 /// wait_unless_stopped(seconds, should_stop, {.sleep, .poll_s}): sleeps `seconds` in all, in steps
-/// of at most `poll_s`, and asks `should_stop` before each step and once at the end. True as soon
-/// as it says stop; an empty one never does. What `should_stop` or `sleep` throws passes through.
+/// of at most `poll_s`, and calls `should_stop` before each step and once at the end. Returns true
+/// as soon as that does; an empty one never does. What `should_stop` or `sleep` throws passes
+/// through.
 ENGINES_HTTP_EXPORT inline constexpr detail::WaitUnlessStopped wait_unless_stopped;
 
 namespace detail {
 
-template <class T>
-concept Count = std::integral<T> && !std::same_as<T, bool>;
-
-/// An integer of whatever type; one that is out of range counts as the nearest that is not.
+/// The value, clamped to the range of `To`.
 template <class To>
-constexpr To saturated(Count auto value) noexcept {
+constexpr To saturated(Integer auto value) noexcept {
   if (std::in_range<To>(value)) return static_cast<To>(value);
   return value < 0 ? std::numeric_limits<To>::min() : std::numeric_limits<To>::max();
 }
@@ -171,7 +163,7 @@ constexpr To saturated(Count auto value) noexcept {
 /// A count of attempts: at least one.
 class ENGINES_HTTP_EXPORT AttemptCount {
  public:
-  AttemptCount(Count auto count) : count_(checked(saturated<int>(count))) {}  // throws ValueError
+  AttemptCount(Integer auto count) : count_(checked(saturated<int>(count))) {}  // throws ValueError
   constexpr operator int() const noexcept { return count_; }
 
  private:
@@ -182,19 +174,22 @@ class ENGINES_HTTP_EXPORT AttemptCount {
 /// A bound on a size: at least zero.
 class ENGINES_HTTP_EXPORT Bound {
  public:
-  constexpr Bound(Count auto bound) noexcept : bound_(saturated<std::size_t>(bound)) {}
+  constexpr Bound(Integer auto bound) noexcept : bound_(saturated<std::size_t>(bound)) {}
   constexpr operator std::size_t() const noexcept { return bound_; }
 
  private:
   std::size_t bound_;
 };
 
-/// A field of `PolicyChanges`: a new value, or the policy's own left as it is. It has no default
-/// constructor, so that a `{}` is never mistaken for either.
+/// Leaves a field as it is.
+struct ENGINES_HTTP_EXPORT Keep {};
+inline constexpr Keep keep;
+
+/// A field of `PolicyChanges`: a new value, or `keep`. It has no default constructor, so that a
+/// `{}` is never mistaken for either.
 template <class T>
 class ENGINES_HTTP_EXPORT Change {
  public:
-  struct Keep {};
   constexpr Change(Keep) noexcept {}
 
   template <class U>
@@ -212,23 +207,15 @@ class ENGINES_HTTP_EXPORT Change {
   std::optional<T> value_;
 };
 
-struct ENGINES_HTTP_EXPORT KeepAll {
-  template <class T>
-  constexpr operator Change<T>() const noexcept {
-    return typename Change<T>::Keep{};
-  }
-};
-inline constexpr KeepAll keep;
-
 }  // namespace detail
 
 struct PolicyChanges;
 
 /// An immutable record; every field has a default. Built in braces, by position or by name as above
 /// (names in the order in which the fields are declared here); it can be copied but not assigned
-/// to. A policy may be shared between threads as far as its functions may be called by several at
-/// once. These are copied with it (`std::ref` shares one that has state), and what they refer to
-/// must outlive it. An empty clock, stop signal or wait stands for the default.
+/// to. Its functions are copied with it (`std::ref` shares one that has state), and what they refer
+/// to must outlive it. Calls on several threads may share a policy whose functions may be called
+/// concurrently. An empty clock, stop signal or wait is replaced by the default.
 struct ENGINES_HTTP_EXPORT RetryPolicy {
   /// Tries in all; 1 means no retry. Less than 1 throws `ValueError`.
   const detail::AttemptCount attempts = 3;
@@ -240,7 +227,7 @@ struct ENGINES_HTTP_EXPORT RetryPolicy {
   const StatusSet retry_statuses = TRANSIENT_STATUSES;
   /// Statuses of a refusal, never retried.
   const StatusSet refusal_statuses = {};
-  /// Says what a body is when it is a refusal whatever its status; see `html_page`.
+  /// Recognises a refusal by its body, whatever its status; see `html_page`.
   const RefusalReason refusal_reason = nullptr;
   /// Error statuses whose JSON body is the reply.
   const StatusSet error_replies = {};
@@ -249,7 +236,8 @@ struct ENGINES_HTTP_EXPORT RetryPolicy {
   const std::optional<double> deadline = std::nullopt;
   /// Monotonic seconds, for the deadline.
   const detail::OrDefault<Clock, monotonic> clock = {};
-  /// True once the call should end; asked before every attempt and every backoff.
+  /// True once the call should end. Called before every attempt, every backoff and every read of
+  /// `lines` and `events`, and while the library's transports and the default wait wait.
   const detail::OrDefault<StopSignal, _never> should_stop = {};
   /// Waits out a backoff.
   const detail::OrDefault<Wait, wait_unless_stopped> wait = {};
@@ -271,14 +259,21 @@ struct ENGINES_HTTP_EXPORT RetryPolicy {
   /// Whether the deadline has come. Without one, reads no clock.
   bool is_past_deadline() const { return deadline && clock() >= *deadline; }
 
-// Said here for a short error message. An aggregate cannot declare its copy constructor as well,
-// for want of which Clang (13 to 19) calls it deprecated; goes when Clang no longer does for a
-// deleted assignment.
+// Deleted explicitly for a short error message. Clang 13 to 19 then warns that the implicit copy
+// constructor is deprecated, and an aggregate cannot declare one: remove the pragmas when it stops.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-copy"
   RetryPolicy& operator=(const RetryPolicy&) = delete;
 #pragma GCC diagnostic pop
 };
+
+namespace detail {
+
+/// What the policy's `refusal_reason` takes the body for; empty: no refusal.
+std::string refusal_of(const RetryPolicy& policy, std::string_view body,
+                       std::string_view content_type);
+
+}  // namespace detail
 
 /// The fields to replace in a copy, in the order in which they are declared. A field that is not
 /// named is kept; `.deadline = std::nullopt` and `.refusal_reason = nullptr` replace by none, and

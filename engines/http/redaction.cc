@@ -7,7 +7,9 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <new>
+#include <set>
 
 #include "engines/http/text/ascii.h"
 #include "engines/http/text/base64.h"
@@ -20,6 +22,12 @@ namespace {
 
 /// Beyond the longest secret, how much further an excerpt redacts than it quotes.
 constexpr std::size_t EXCERPT_MARGIN_CHARS = 64;
+
+/// A header whose name contains one of these, in whatever case, holds a credential: `api-key`,
+/// `X-Auth-Token`, `Ocp-Apim-Subscription-Key`, `Cookie`. A false positive only removes a few words
+/// from a quote.
+constexpr std::array<std::string_view, 9> CREDENTIAL_WORDS = {
+    "auth", "cookie", "credential", "key", "pass", "secret", "session", "signature", "token"};
 
 // ---- Echoes -------------------------------------------------------------------------------------
 
@@ -44,7 +52,7 @@ class Echo {
     if (code_) pcre2_jit_compile(code_.get(), PCRE2_JIT_COMPLETE);  // without it: slower, the same
     context_.reset(pcre2_match_context_create(nullptr));
     if (!context_) throw std::bad_alloc();
-    pcre2_set_match_limit(context_.get(), UINT32_MAX);
+    pcre2_set_match_limit(context_.get(), UINT32_MAX);  // no text is too long to be redacted
   }
 
   /// Replaces each credential in the text, which is valid UTF-8. False when the engine failed.
@@ -57,11 +65,11 @@ class Echo {
     std::string redacted;
     std::size_t position = 0;
     while (true) {
-      const int groups =
+      const int result =
           pcre2_match(code_.get(), reinterpret_cast<PCRE2_SPTR>(text.data()), text.size(), position,
                       PCRE2_NO_UTF_CHECK, match.get(), context_.get());
-      if (groups == PCRE2_ERROR_NOMATCH) break;
-      if (groups < 0) return false;
+      if (result == PCRE2_ERROR_NOMATCH) break;
+      if (result < 0) return false;
       const std::size_t match_end = ends[1];
       const std::size_t kept_end = ends[3];  // of group 1
       if (position == 0) redacted.reserve(text.size() + REDACTED.size());
@@ -104,23 +112,20 @@ void replace_all(std::string& text, std::string_view secret) {
   text = std::move(replaced);
 }
 
-/// The distinct secrets that are long enough to count, longest first.
-std::vector<std::string_view> by_length(const std::vector<std::string>& secrets) {
-  std::vector<std::pair<std::size_t, std::string_view>> sized;
+using BySize = std::set<std::pair<std::size_t, std::string_view>, std::greater<>>;
+
+/// The distinct secrets that are long enough to count, with their lengths, longest first.
+BySize by_size(const std::vector<std::string>& secrets) {
+  BySize sized;
   for (const std::string& secret : secrets) {
     const std::size_t chars = detail::length(secret);
-    if (chars >= detail::MIN_SECRET_CHARS) sized.emplace_back(chars, secret);
+    if (chars >= detail::MIN_SECRET_CHARS) sized.emplace(chars, secret);
   }
-  std::ranges::sort(sized, std::ranges::greater());
-  std::vector<std::string_view> ordered;
-  for (const auto& [chars, secret] : sized) {
-    if (ordered.empty() || ordered.back() != secret) ordered.push_back(secret);
-  }
-  return ordered;
+  return sized;
 }
 
 void remove_secrets(std::string& text, const std::vector<std::string>& secrets) {
-  for (const std::string_view secret : by_length(secrets)) {
+  for (const auto& [chars, secret] : by_size(secrets)) {
     replace_all(text, secret);
     text = _without_cut_secret(std::move(text), secret);
   }
@@ -155,7 +160,7 @@ std::vector<std::string> by_name(const Headers& headers) {
     const auto holds = [&](std::string_view word) {
       return lowered.find(word) != std::string_view::npos;
     };
-    if (std::ranges::none_of(detail::CREDENTIAL_WORDS, holds)) continue;
+    if (std::ranges::none_of(CREDENTIAL_WORDS, holds)) continue;
     found.emplace_back(detail::trim(value));
     add_without_scheme(found, value);
     if (holds("cookie")) add_cookies(found, value);
@@ -168,12 +173,12 @@ std::vector<std::string> by_name(const Headers& headers) {
 std::string percent_decoded(std::string_view text) {  // RFC 3986, section 2.1
   std::string decoded;
   for (std::size_t i = 0; i < text.size(); ++i) {
-    const bool escaped = text[i] == '%' && i + 2 < text.size() &&
-                         detail::hex_value(text[i + 1]) >= 0 && detail::hex_value(text[i + 2]) >= 0;
-    decoded += escaped ? static_cast<char>(detail::hex_value(text[i + 1]) * 16 +
-                                           detail::hex_value(text[i + 2]))
-                       : text[i];
-    if (escaped) i += 2;
+    const bool is_escape = text[i] == '%' && i + 2 < text.size();
+    const int high = is_escape ? detail::hex_value(text[i + 1]) : -1;
+    const int low = is_escape ? detail::hex_value(text[i + 2]) : -1;
+    const bool is_valid = high >= 0 && low >= 0;
+    decoded += is_valid ? static_cast<char>(high * 16 + low) : text[i];
+    if (is_valid) i += 2;
   }
   return decoded;
 }
@@ -246,11 +251,8 @@ std::string _without_cut_secret(std::string text, std::string_view secret) {
 std::string redact(std::string_view text, const Secrets& secrets) {
   std::string redacted(text);
   std::vector<std::string> decoded;
-  std::vector<std::string> forms;  // one that is not UTF-8 may also stand in the text as its bytes
-  for (const std::string& secret : secrets) {
-    if (!detail::is_utf8(secret)) forms.push_back(secret);
-    decoded.push_back(detail::decode_utf8(secret));
-  }
+  for (const std::string& secret : secrets) decoded.push_back(detail::decode_utf8(secret));
+  std::vector<std::string> forms(secrets.begin(), secrets.end());  // as bytes, and as UTF-8
   forms.insert(forms.end(), decoded.begin(), decoded.end());
   remove_secrets(redacted, forms);
   if (!detail::is_utf8(redacted)) {

@@ -27,7 +27,7 @@
 
 namespace engines::http {
 
-/// Stands in place of every removed secret, cut-off secret and echoed credential.
+/// Replaces every secret, cut-off secret and echoed credential.
 inline constexpr std::string_view REDACTED = "[redacted]";
 
 namespace detail {
@@ -44,8 +44,8 @@ struct ENGINES_HTTP_EXPORT OneSecret {
 
 }  // namespace detail
 
-/// An immutable sequence of secrets; copies share it, between threads too. It converts from any
-/// range of strings, which is read once, so a one-pass range will do.
+/// An immutable sequence of secrets; copies share it. It converts from any range of strings, which
+/// is read once, so a one-pass range will do.
 class ENGINES_HTTP_EXPORT Secrets {
  public:
   Secrets() noexcept = default;
@@ -101,12 +101,6 @@ inline constexpr std::size_t MIN_SECRET_CHARS = 8;
 inline constexpr std::array<std::string_view, 3> SECRET_HEADERS = {
     "authorization", "proxy-authorization", "x-api-key"};
 
-/// What the name of a header with a credential holds somewhere, in lower case: `api-key`,
-/// `X-Auth-Token`, `Ocp-Apim-Subscription-Key`, `Cookie`. A call hides the values of all of these:
-/// one that was no credential costs a few words of a quote.
-inline constexpr std::array<std::string_view, 9> CREDENTIAL_WORDS = {
-    "auth", "cookie", "credential", "key", "pass", "secret", "session", "signature", "token"};
-
 /// Credentials that a server echoes back: an authorization field's value, then what follows the
 /// word "bearer". Group 1 stays, the rest is the credential. `\s` is Unicode's White_Space and `\b`
 /// the edge of a run of letters, digits and underscores.
@@ -120,23 +114,23 @@ inline constexpr std::array<std::string_view, 2> ECHOES = {
 /// after it the credential without the scheme word in front, where there is one.
 ENGINES_HTTP_EXPORT Secrets secrets_of(const Headers& headers);
 
-/// The secrets that a URL's userinfo carries (RFC 3986, section 3.2.1): its password (its user
-/// where there is none, as with a token), as it stands and decoded, and the credentials as Basic
-/// authentication sends them (RFC 7617, section 2).
+/// The secrets in a URL's userinfo (RFC 3986, section 3.2.1): the password, or the user where there
+/// is none, as it is and percent-decoded, and the form that Basic authentication sends (RFC 7617,
+/// section 2).
 ENGINES_HTTP_EXPORT Secrets secrets_of_url(std::string_view url);
 
-/// The secrets of a call: the caller's, `secrets_of` its headers, the values without the white
-/// space around them of all headers whose names hold one of `CREDENTIAL_WORDS` (and what follows
-/// the first word of one; of a `Cookie`, each cookie's value), and those in its URL.
+/// The secrets of a call, in this order: the caller's; `secrets_of` its headers; of each header
+/// whose name contains a word such as "key" or "token", the trimmed value, what follows its first
+/// word, and each cookie's value; `secrets_of_url` its URL.
 ENGINES_HTTP_EXPORT Secrets _secrets_of_call(const Secrets& given, const Headers& headers,
                                              std::string_view url);
 
-/// The text without those secrets of at least eight characters, without the start of any of them
-/// (at least eight characters) where the text ends, and without credentials that were echoed back.
+/// Replaces by `REDACTED`: each secret of at least eight characters, the start of one (of at least
+/// eight characters) at the end of the text, and credentials that a server echoed back.
 ENGINES_HTTP_EXPORT std::string redact(std::string_view text, const Secrets& secrets = {});
 
-/// The text without the longest start of `secret`, of at least eight characters and shorter than
-/// the secret, that ends it.
+/// Where the text ends with a start of `secret` that is shorter than the secret and has at least
+/// eight characters, replaces the longest such start by `REDACTED`.
 ENGINES_HTTP_EXPORT std::string _without_cut_secret(std::string text, std::string_view secret);
 
 /// The start of the text, redacted, in at most `limit` characters. The work is bounded by the limit

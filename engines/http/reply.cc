@@ -12,10 +12,10 @@
 namespace engines::http {
 namespace {
 
-/// The most room that is made for a body before it is there.
+/// The most that is reserved for a body before it has arrived.
 constexpr std::size_t MOST_RESERVED_BYTES = 1 << 26;
 
-/// What the reply says of its body's length (RFC 9110, section 8.6); 0 where it says nothing.
+/// The reply's Content-Length (RFC 9110, section 8.6); 0 without one.
 std::size_t announced_bytes(const Response& reply) {
   std::size_t bytes = 0;
   const Headers* const headers = reply.headers();
@@ -33,20 +33,22 @@ void _check_deadline(const RetryPolicy& policy, std::string_view message) {
   if (policy.is_past_deadline()) throw DeadlineExceeded(std::string(message));
 }
 
+void detail::check_size(std::size_t bytes, const RetryPolicy& policy, const Response& reply) {
+  if (bytes > policy.max_body_bytes) {
+    throw BadReply("reply longer than " + std::to_string(policy.max_body_bytes) + " bytes",
+                   {.status = _status(reply)});
+  }
+}
+
 std::string read_body(Response& reply, const RetryPolicy& policy) {
   const std::size_t announced =
       std::min({announced_bytes(reply), std::size_t{policy.max_body_bytes}, MOST_RESERVED_BYTES});
   std::string body;
-  body.reserve(std::min(announced, detail::CHUNK_BYTES));
   while (true) {
     _check_deadline(policy, "the reply was still arriving at the deadline");
     if (reply.append1(body, detail::CHUNK_BYTES) == 0) break;
-    if (body.size() > policy.max_body_bytes) {
-      throw BadReply("reply longer than " + std::to_string(policy.max_body_bytes) + " bytes",
-                     {.status = _status(reply)});
-    }
-    // Only now: what is announced is the peer's word, and nothing had come.
-    if (body.capacity() < announced) body.reserve(announced);
+    detail::check_size(body.size(), policy, reply);
+    body.reserve(announced);  // not before the first bytes: a peer can announce any length
   }
   _check_deadline(policy, "the reply was complete only after the deadline");
   return body;
@@ -54,13 +56,10 @@ std::string read_body(Response& reply, const RetryPolicy& policy) {
 
 Json read_json(Response& reply, const RetryPolicy& policy, const Secrets& secrets) {
   const std::string text = detail::decode_utf8(read_body(reply, policy));
-  if (policy.refusal_reason) {
-    const std::optional<std::string> reason = policy.refusal_reason(text, "");
-    if (reason && !reason->empty()) {
-      throw Refused(
-          *reason + " instead of a JSON reply",
-          {.status = _status(reply), .detail = excerpt(text, secrets, policy.detail_chars)});
-    }
+  if (const std::string reason = detail::refusal_of(policy, text, ""); !reason.empty()) {
+    throw Refused(
+        reason + " instead of a JSON reply",
+        {.status = _status(reply), .detail = excerpt(text, secrets, policy.detail_chars)});
   }
   if (std::optional<Json> value = detail::decode_utf8_json(text)) return *std::move(value);
   const std::string detail = excerpt(text, secrets, policy.detail_chars);

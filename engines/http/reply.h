@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Reading a reply within a policy's bounds. Neither function closes the reply.
+// Reading a reply within a policy's bounds. No function here closes the reply.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -14,13 +15,6 @@
 #include "engines/http/transport.h"
 
 namespace engines::http {
-
-namespace detail {
-
-/// The size asked for by every read of a body, in bytes.
-inline constexpr std::size_t CHUNK_BYTES = 65536;
-
-}  // namespace detail
 
 /// The reply's whole body, read as it arrives: the deadline is tested before every read and once
 /// the body is in. Throws `DeadlineExceeded`, or `BadReply` when the body is longer than the
@@ -38,4 +32,10 @@ ENGINES_HTTP_EXPORT std::optional<StatusCode> _status(const Response& reply);
 /// Throws `DeadlineExceeded` once the policy's deadline has come. Without one, reads no clock.
 ENGINES_HTTP_EXPORT void _check_deadline(const RetryPolicy& policy, std::string_view message);
 
+namespace detail {
+
+/// Throws `BadReply` for a body of more bytes than the policy reads.
+void check_size(std::size_t bytes, const RetryPolicy& policy, const Response& reply);
+
+}  // namespace detail
 }  // namespace engines::http

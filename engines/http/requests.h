@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The whole of it: make a request under a policy and return the parsed JSON reply, or throw one of
-// the failure kinds.
+// Whole calls: make a request under a policy and return the parsed JSON reply, or throw one of the
+// failure kinds.
 //
 //   const Json reply = post_json(url, request, {.policy = policy,
 //                                               .label = "decision call",
@@ -21,7 +21,7 @@
 
 namespace engines::http {
 
-/// The fields of `CallOptions`; `Given` only serves to refuse options without a policy.
+/// The fields of `CallOptions`; a template only so that options without a policy do not compile.
 template <class Given = void>
 struct ENGINES_HTTP_EXPORT CallFields {
   /// The attempts, the backoff, the statuses and the bounds. Must be given.
@@ -35,13 +35,12 @@ struct ENGINES_HTTP_EXPORT CallFields {
   Secrets secrets = {};
   /// Sends the request; none means `urlopen_transport`.
   Transport transport = nullptr;
-  /// Called with each reply that opens, error replies included, before its body is read: it sees
-  /// `status()` and `headers()`. What it throws ends the call unchanged.
+  /// See `Inspect`.
   Inspect inspect = nullptr;
 };
 
-/// What a call takes beside the URL and the body. The fields are given by name, in this order. The
-/// options own what they hold and may be kept, copied and shared between threads.
+/// The parameters of a call other than the URL and the body, given by name, in this order. The
+/// options own what they hold and may be kept and copied.
 using CallOptions = CallFields<>;
 
 /// POSTs `body` as JSON and returns the parsed reply. A body in braces needs its type:
@@ -57,7 +56,7 @@ ENGINES_HTTP_EXPORT Json get_json(std::string_view url, const CallOptions& optio
 ENGINES_HTTP_EXPORT Json request_json(std::string_view method, std::string_view url,
                                       const Body& body, const CallOptions& options);
 
-/// What all of them are.
+/// Implements the three functions above.
 ENGINES_HTTP_EXPORT Json _request_json(std::string_view method, std::string_view url,
                                        const Body& body, const RetryPolicy& policy,
                                        std::string_view label, const Headers& headers,

@@ -58,7 +58,7 @@ class DefaultSinks final : public spdlog::sinks::sink {
     }
   }
 
-  std::shared_ptr<spdlog::logger> built_in_;  // null where the application had set its own before
+  std::shared_ptr<spdlog::logger> built_in_;  // null if it was replaced before the library loaded
   spdlog::sink_ptr standard_output_;          // the built-in logger's
   spdlog::sinks::stderr_color_sink_mt standard_error_;
 };
@@ -119,11 +119,8 @@ void _back_off(const RetryPolicy& policy, int failed, const FailurePtr& last,
     throw DeadlineExceeded(
         labelled(label, " had no time left to wait " + one_decimal(delay) + " s"), {.last = last});
   }
-  // Built here rather than by the logger's format: a label is text, whatever characters it holds.
-  logger()->warn(spdlog::string_view_t(labelled(
-      label, " failed (attempt " + std::to_string(failed) + "/" + std::to_string(policy.attempts) +
-                 "): " + redact(last->message(), secrets) + "; retrying in " + one_decimal(delay) +
-                 " s")));
+  logger()->warn("{} failed (attempt {}/{}): {}; retrying in {} s", label, failed,
+                 int{policy.attempts}, redact(last->message(), secrets), one_decimal(delay));
   policy.wait(delay, policy.should_stop);
 }
 

@@ -6,7 +6,6 @@
 //                       {.label = "chat call"});
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -24,14 +23,13 @@ class logger;
 
 namespace engines::http {
 
-/// The library's one logger, named "engines.http": the one that is registered under this name. The
-/// library registers one when it loads, which writes to whatever sinks the application's default
-/// logger has, whatever that logger's own level, and to standard error until the application has
-/// set a default logger. Register another in its place to send the lines elsewhere, or set the
-/// level of this one to silence it.
+/// The logger registered as "engines.http". The library registers one when it loads; it writes to
+/// the sinks of the application's default logger, regardless of that logger's level, or to standard
+/// error while spdlog's built-in default logger is in place. Register another under this name to
+/// redirect the lines, or set this one's level to silence it.
 ENGINES_HTTP_EXPORT std::shared_ptr<spdlog::logger> logger();
 
-/// What `retry` takes beside the policy and the attempt.
+/// The parameters of `retry` other than the policy and the attempt.
 struct ENGINES_HTTP_EXPORT RetryOptions {
   /// Names the call in every message and in the log line, as in "decision call".
   required<std::string> label;
@@ -51,7 +49,7 @@ ENGINES_HTTP_EXPORT void _back_off(const RetryPolicy& policy, int failed, const 
 
 namespace detail {
 
-/// Throws `Stopped` once the stop signal says stop.
+/// Throws `Stopped` once the stop signal returns true.
 ENGINES_HTTP_EXPORT void check_stop(const RetryPolicy& policy, const FailurePtr& last,
                                     std::string_view label);
 
@@ -74,7 +72,7 @@ std::invoke_result_t<Attempt&, double> retry(const RetryPolicy& policy, Attempt&
     detail::check_stop(policy, last, *options.label);
     const double timeout = _attempt_timeout(policy, last, *options.label);
     try {
-      return std::invoke(attempt, timeout);
+      return attempt(timeout);
     } catch (const Retryable& failure) {
       last = failure;
     }

@@ -10,15 +10,15 @@
 namespace engines::http {
 
 /// A time span in seconds. Converts from a number and from any `std::chrono` duration, and to a
-/// `double`. A plain value: threads may share one that none of them assigns to.
+/// `double`.
 class ENGINES_HTTP_EXPORT Seconds {
  public:
-  /// So many seconds.
+  /// A number of seconds.
   template <class Number>
   requires std::is_arithmetic_v<Number>
   constexpr Seconds(Number seconds) noexcept : seconds_(static_cast<double>(seconds)) {}
 
-  /// As long as this duration.
+  /// A duration, as those of std::chrono.
   template <class Duration>
   requires requires {
     typename Duration::rep;

@@ -12,19 +12,18 @@
 
 namespace engines::http {
 
-/// Says true once the call should end. Converts from any function without arguments, and from a
-/// `std::stop_token` or `std::stop_source`: asked, it says what `stop_requested` says. The library
-/// asks on the thread that makes the call; calls on several threads may share a signal whose
-/// function several threads may call at once, as those of the standard library are.
+/// Returns true once the call should end. Converts from any function without arguments, and from
+/// `std::stop_token` and `std::stop_source`. The library calls it on the thread of the call; calls
+/// on several threads may share one whose function may be called concurrently.
 class ENGINES_HTTP_EXPORT StopSignal : public std::function<bool()> {
  public:
-  /// Asks this function.
+  /// Calls this function.
   template <class Ask>
   requires(!std::same_as<std::remove_cvref_t<Ask>, StopSignal> &&
            std::convertible_to<Ask, std::function<bool()>>) StopSignal(Ask&& ask)
       : function(std::forward<Ask>(ask)) {}
 
-  /// Asks this token whether a stop was requested.
+  /// Calls `stop_requested` of this token.
   template <class Token>
   requires requires(const Token& token) {
     { token.stop_requested() } -> std::same_as<bool>;

@@ -37,8 +37,8 @@
 namespace engines::http::testing {
 
 /// What one read of a scripted reply does: it gives bytes, throws an error, or calls a function
-/// that gives the bytes. An error that is named through a base outside its handler must be a
-/// failure kind of the library, else `std::logic_error` is thrown.
+/// that gives the bytes. An error that is passed through a base keeps its dynamic type where it is
+/// an `HttpFailure` or is being handled; else `std::logic_error` is thrown.
 class ENGINES_HTTP_EXPORT Piece {
  public:
   /// Gives these bytes, throws this error, or calls this function.
@@ -49,8 +49,8 @@ class ENGINES_HTTP_EXPORT Piece {
 
   template <std::derived_from<std::exception> Error>
   Piece(const Error& error)
-      : play_([held = detail::hold<Error>(error)]() -> std::string {
-          std::rethrow_exception(held->thrown);
+      : play_([thrown = detail::hold<Error>(error)->thrown]() -> std::string {
+          std::rethrow_exception(thrown);
         }) {}
 
   template <std::invocable Play>
@@ -65,22 +65,22 @@ class ENGINES_HTTP_EXPORT Piece {
   std::function<std::string()> play_;
 };
 
-/// How a scripted reply behaves beside its pieces.
+/// Everything about a scripted reply but its body.
 struct ENGINES_HTTP_EXPORT ReplyScript {
   /// None: the reply has no status.
   std::optional<StatusCode> status = 200;
   /// The reply's headers.
   Headers headers = {};
-  /// Without it, the reply has no headers at all.
+  /// False: `headers()` returns null.
   bool has_headers = true;
-  /// Without it, the reply reads through `read` alone, which joins pieces up to the size asked for.
+  /// False: `read1` behaves as `read`, which joins pieces up to the size asked for.
   bool has_read1 = true;
   /// Called by each close.
   std::function<void()> on_close = [] {};
 };
 
 /// A reply that plays its pieces in order, then ends. An empty piece ends it, too, for the read
-/// that meets it. It notes what is done with it. For use by one thread at a time.
+/// that meets it. It records its reads and closes. For use by one thread at a time.
 class ENGINES_HTTP_EXPORT ScriptedReply final : public Response {
  public:
   /// Plays these pieces.
@@ -106,7 +106,7 @@ class ENGINES_HTTP_EXPORT ScriptedReply final : public Response {
   ReplyScript script_;
   std::size_t next_ = 0;       // the piece to play next
   std::string left_;           // of the piece played last
-  std::exception_ptr failed_;  // met by a read that had bytes to give, and so not thrown yet
+  std::exception_ptr failed_;  // of a piece after bytes; the next read throws it
   std::vector<std::size_t> reads_;
   int closes_ = 0;
 };
@@ -141,26 +141,26 @@ class ENGINES_HTTP_EXPORT ScriptedTransport {
 
   ScriptedTransport() : state_(std::make_shared<State>()) {}
 
-  /// Answers with this body. A status outside 200 to 299 is raised as an `HTTPError`, as every
-  /// transport raises it.
+  /// Answers with this body. A status outside 200 to 299 is thrown as an `HTTPError`, as every
+  /// transport throws it.
   ScriptedTransport& reply(std::string_view body, StatusCode status = 200, Headers headers = {});
 
-  /// Answers with this reply, or raises it as an `HTTPError` when its status says so.
+  /// Answers with this reply, or throws it as an `HTTPError` when its status is outside 200 to 299.
   ScriptedTransport& reply(const std::shared_ptr<Response>& reply);
 
   /// Throws this error, which is kept as a `Piece` keeps it.
   template <class Error>
   ScriptedTransport& fail(const Error& error) {
-    return then([held = detail::hold<Error>(error)](const Request&,
-                                                    TransportOptions) -> std::shared_ptr<Response> {
-      std::rethrow_exception(held->thrown);
+    return then([thrown = detail::hold<Error>(error)->thrown](
+                    const Request&, TransportOptions) -> std::shared_ptr<Response> {
+      std::rethrow_exception(thrown);
     });
   }
 
   /// Does whatever this function does.
   ScriptedTransport& then(Step step);
 
-  /// The requests so far, in order. Not to be looked at while another thread sends.
+  /// The requests so far, in order. Not to be read while another thread sends.
   const std::deque<Sent>& sent() const noexcept { return state_->sent; }
   /// How many steps are left; 0 once the script was used up.
   std::size_t unplayed() const;
@@ -187,28 +187,28 @@ class ENGINES_HTTP_EXPORT ManualTime {
 
   /// The time, in seconds; 0 at first.
   double now() const noexcept { return now_; }
-  /// Moves the time on.
+  /// Advances the time.
   void advance(Seconds span) noexcept { now_ += span; }
 
-  /// The stop signal says stop from now on.
+  /// Makes the stop signal true from now on.
   void stop() noexcept { stop_at(now_); }
-  /// The stop signal says stop from this instant on.
+  /// Makes the stop signal true from this instant on.
   void stop_at(Seconds instant) noexcept { stop_at_ = instant; }
 
   /// The backoffs asked for so far, in seconds.
   const std::vector<double>& waits() const noexcept { return waits_; }
 
-  /// The policy as it is, but on this time: with this clock, stop signal and wait.
+  /// `base` with this clock, stop signal and wait.
   RetryPolicy policy(const RetryPolicy& base = {});
 
   /// Reads this time.
   Clock clock();
   /// True from the instant of the stop on.
   StopSignal should_stop();
-  /// Notes the wait, moves the time to its end or to the stop, and answers as the stop signal does.
+  /// Records the wait, advances the time to its end or to the stop, and returns the stop signal.
   Wait wait();
 
-  /// A piece that comes so much later.
+  /// A piece that arrives `span` seconds later.
   Piece after(Seconds span, Piece piece);
 
  private:

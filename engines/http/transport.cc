@@ -9,8 +9,6 @@
 namespace engines::http {
 namespace {
 
-constexpr std::size_t LINE_READ_BYTES = 65536;
-
 /// The body of an error that has none.
 class EmptyBody final : public Response {
   std::string do_read(std::size_t) override { return {}; }
@@ -63,7 +61,7 @@ Request::Request(std::string to, RequestFields fields)
 Response::~Response() = default;
 
 void Response::check_open() const {
-  if (closed_) throw std::invalid_argument("read of a closed reply");
+  if (closed_) throw ValueError("read of a closed reply");
 }
 
 std::string Response::take_ahead(std::size_t amt) {
@@ -78,8 +76,9 @@ std::string Response::read(std::size_t amt) {
 }
 
 std::string Response::read1(std::size_t amt) {
-  check_open();
-  return ahead_begin_ < ahead_.size() ? take_ahead(amt) : do_read1(amt);
+  std::string piece;
+  append1(piece, amt);
+  return piece;
 }
 
 std::size_t Response::append1(std::string& body, std::size_t amt) {
@@ -119,14 +118,14 @@ bool Response::fetch(std::string& line) {
     ahead_.erase(0, ahead_begin_);
     ahead_begin_ = 0;
     searched = ahead_.size();
-    if (ended_ || do_append1(ahead_, LINE_READ_BYTES) == 0) break;
+    if (ended_ || do_append1(ahead_, detail::CHUNK_BYTES) == 0) break;
   }
   ended_ = true;
   line = std::exchange(ahead_, {});
   return !line.empty();
 }
 
-// ---- Transport failures -------------------------------------------------------------------------
+// ---- Transport errors ---------------------------------------------------------------------------
 
 OSError::OSError(std::string text) : text_(shared(std::move(text))) {}
 OSError::~OSError() = default;

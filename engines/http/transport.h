@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The seam between the library and the network: a request record, the interface of an open reply,
-// the transport (a function from one to the other), and the failures that a transport raises.
+// the transport (a function from one to the other), and the errors that a transport throws.
 //
-// A transport only moves bytes and says what went wrong. Retrying, parsing, redacting and judging
-// a status are done above it, so any transport that keeps this contract will do:
+// A transport only moves bytes and reports what went wrong. Retrying, parsing, redacting and
+// judging a status are done above it, so any transport that keeps this contract will do:
 //
 //   Transport transport = [](const Request& request, TransportOptions options)
 //       -> std::shared_ptr<Response> { ... };
@@ -11,10 +11,13 @@
 //  1. It sends the method, the URL, the headers and, when present, the data as the body.
 //  2. Each blocking socket operation waits at most `options.timeout` seconds.
 //  3. A final status of 200 to 299 is returned as an open reply with its body unread.
-//  4. Any other final status is raised as an `HTTPError`, never returned.
+//  4. Any other final status is thrown as an `HTTPError`, never returned.
 //  5. It never returns null.
-//  6. Every failure of the network or of the protocol is raised as one of the kinds below. Whatever
-//     else it raises reaches the caller unchanged.
+//  6. Every error of the network or of the protocol is thrown as one of the kinds below. Whatever
+//     else it throws reaches the caller unchanged.
+//  7. It may ignore `options.should_stop` and `options.time_left`: above it, the stop signal and
+//  the
+//     deadline are looked at between attempts and reads.
 #pragma once
 
 #include <concepts>
@@ -66,8 +69,8 @@ class ENGINES_HTTP_EXPORT Headers {
   /// Appends an entry, whatever is there already.
   void add(std::string name, std::string value);
 
-  /// Gives `name` one value: an entry whose name differs at most in case is replaced, where it
-  /// stands, else the entry is appended.
+  /// Gives `name` one value: replaces the first entry of that name, regardless of case, in place
+  /// and removes any others; without one, appends the entry.
   void set(std::string name, std::string value);
 
   /// The value of the first entry of this name, regardless of case (RFC 9110, section 5.1).
@@ -86,7 +89,7 @@ class ENGINES_HTTP_EXPORT Headers {
   std::vector<Entry> entries_;
 };
 
-/// What a `Request` holds beside its URL.
+/// The parameters of `Request` other than the URL.
 struct ENGINES_HTTP_EXPORT RequestFields {
   /// The body, sent unchanged; none sends no body.
   std::optional<std::string> data = std::nullopt;
@@ -96,14 +99,14 @@ struct ENGINES_HTTP_EXPORT RequestFields {
   std::string method = "GET";
 };
 
-/// One request, as it is handed to a transport. Settled at construction.
+/// One request, as it is handed to a transport. Immutable.
 struct ENGINES_HTTP_EXPORT Request {
   /// `to` is the absolute URL.
   explicit Request(std::string to, RequestFields fields = {});
 
   /// The absolute URL.
   const std::string url;
-  /// The body; none: no body.
+  /// The body, if any.
   const std::optional<std::string> data;
   /// One value for each name, regardless of case.
   const Headers headers;
@@ -112,6 +115,9 @@ struct ENGINES_HTTP_EXPORT Request {
 };
 
 namespace detail {
+
+/// The size that every read of a body asks for, in bytes.
+inline constexpr std::size_t CHUNK_BYTES = 65536;
 
 /// Input iterator over what `Source::fetch(item)` gives until it returns false. An item is fetched
 /// when it is dereferenced or compared with the end, not before: a loop that stops early has waited
@@ -155,16 +161,16 @@ class ENGINES_HTTP_EXPORT Response {
  public:
   virtual ~Response();
 
-  /// Up to `amt` bytes of the body; it may wait until so many have come. Empty: the body has ended.
-  /// Throws a transport failure, or `std::invalid_argument` once the reply is closed.
+  /// Up to `amt` bytes of the body; it may wait until that many have arrived. Empty: the body has
+  /// ended. Throws a transport error, or `ValueError` once the reply is closed.
   std::string read(std::size_t amt);
 
-  /// Up to `amt` bytes, waiting only for the first data to arrive. A reply that has no such read
-  /// reads as `read` does. Empty: the body has ended. Throws as `read` does.
+  /// Up to `amt` bytes, waiting only for the first data to arrive; for a reply that cannot, the
+  /// same as `read`. Empty: the body has ended. Throws as `read` does.
   std::string read1(std::size_t amt);
 
-  /// As `read1`, but appends the piece to `body` and says how many bytes it has. None: the body has
-  /// ended. Where it throws, what had come may have been appended.
+  /// As `read1`, but appends to `body` and returns the number of bytes; 0 at the end of the body.
+  /// If it throws, some bytes may have been appended.
   std::size_t append1(std::string& body, std::size_t amt);
 
   /// Releases the connection. The reply is not read after it.
@@ -178,7 +184,7 @@ class ENGINES_HTTP_EXPORT Response {
 
   /// The body's lines, each with its line end as it came (the last may have none): the reply is a
   /// `std::ranges::input_range` of `std::string`. A line counts at most `MAX_LINE_BYTES` bytes; a
-  /// longer one raises an `HTTPException`. Iterating reads ahead, but loses nothing: a second loop,
+  /// longer one throws an `HTTPException`. Iterating reads ahead, but loses nothing: a second loop,
   /// or a read, goes on where the last line ended.
   /// @{
   using value_type = std::string;
@@ -200,7 +206,7 @@ class ENGINES_HTTP_EXPORT Response {
 
   virtual std::string do_read(std::size_t amt) = 0;
   virtual std::string do_read1(std::size_t amt) { return do_read(amt); }
-  /// Overridden by a reply that has the bytes of a piece and no string: it saves a copy.
+  /// Override it where `do_read1` would have to copy the bytes into a string.
   virtual std::size_t do_append1(std::string& body, std::size_t amt);
   virtual void do_close() = 0;
 
@@ -214,35 +220,34 @@ class ENGINES_HTTP_EXPORT Response {
   bool closed_ = false;
 };
 
-/// What a transport takes beside the request.
+/// The parameters of a transport other than the request.
 struct ENGINES_HTTP_EXPORT TransportOptions {
   /// The longest wait of one socket operation. Must be given.
   Seconds timeout;
-  /// Asked at least every 0.1 s while the exchange waits, reading included; once it says true, the
-  /// exchange ends as `Stopped`. Empty: never asked.
+  /// Called at least every 0.1 s while the exchange waits, reading included; once it returns true,
+  /// the exchange ends as `Stopped`. Empty: never called.
   StopSignal should_stop = nullptr;
   /// Seconds for the whole exchange, reading included; when they have passed it ends as a
   /// `TimeoutError`. None: unbounded.
   std::optional<Seconds> time_left = std::nullopt;
 };
 
-/// Sends a request and returns the open reply, or raises. See the contract at the top of this file.
+/// Sends a request and returns the open reply, or throws. See the contract at the top of this file.
 using Transport =
     std::function<std::shared_ptr<Response>(const Request& request, TransportOptions options)>;
 
-// ---- Transport failures: two families, neither of them an HttpFailure ---------------------------
+// ---- Transport errors: two families, neither of them an HttpFailure -----------------------------
 //
 //   OSError                what the operating system or the network stack reports
 //   ├─ TimeoutError        a socket operation waited longer than the timeout
 //   ├─ ConnectionError     refused, reset, aborted, or broken while writing
 //   ├─ gaierror            a host name did not resolve
-//   └─ URLError            the request could not be sent; holds the underlying failure
+//   └─ URLError            the request could not be sent; holds the underlying error
 //      └─ HTTPError        a final status outside 200 to 299; also a readable Response
 //   HTTPException          the reply broke the HTTP protocol
 //   ├─ IncompleteRead      the body ended before its announced length
 //   └─ BadStatusLine       no status line could be read
-//      └─ DroppedConnection   the connection was dropped before a reply began: a ConnectionError
-//      too
+//      └─ DroppedConnection   dropped before a reply began; also a ConnectionError
 //
 // The families inherit std::exception virtually, so that a handler of std::exception also catches
 // the kind that belongs to both. A kind of your own derives from one kind of each family at most.
@@ -281,28 +286,28 @@ class ENGINES_HTTP_EXPORT gaierror : public OSError {
   using OSError::OSError;
 };
 
-/// The request could not be sent; holds the underlying failure.
+/// The request could not be sent; holds the underlying error.
 class ENGINES_HTTP_EXPORT URLError : public OSError {
  public:
-  /// `text` is what `what()` returns; there is no underlying failure.
+  /// `text` is what `what()` returns; there is no underlying error.
   explicit URLError(std::string text);
 
-  /// Wraps the failure that kept the request from being sent, as the kind that it is; the text is
-  /// that failure's. Throws `std::logic_error` for one named through a base outside its handler.
+  /// Wraps the error that kept the request from being sent, with its dynamic type and its text.
+  /// Throws `std::logic_error` for one named through a base outside its handler.
   template <std::derived_from<std::exception> Reason>
   requires(!std::derived_from<Reason, URLError>) explicit URLError(const Reason& reason)
       : URLError(reason.what()) {
     reason_ = detail::hold<std::exception>(reason);
   }
 
-  /// The underlying failure; null where there is none.
+  /// The underlying error; null where there is none.
   const std::exception* reason() const noexcept { return reason_ ? reason_->error : nullptr; }
 
  private:
   std::shared_ptr<const detail::Held<std::exception>> reason_;
 };
 
-/// A final status outside 200 to 299: at once a failure and a reply. Copies share the reply.
+/// A final status outside 200 to 299: both an error and a reply. Copies share the reply.
 class ENGINES_HTTP_EXPORT HTTPError : public URLError, public Response {
  public:
   /// `body` is the open reply whose status it is; null stands for an empty body.
@@ -321,7 +326,6 @@ class ENGINES_HTTP_EXPORT HTTPError : public URLError, public Response {
 
  private:
   std::string do_read(std::size_t amt) final { return body_->read(amt); }
-  std::string do_read1(std::size_t amt) final { return body_->read1(amt); }
   void do_close() final { body_->close(); }
   std::size_t do_append1(std::string& body, std::size_t amt) final {
     return body_->append1(body, amt);
