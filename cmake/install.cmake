@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 # What is installed and packaged: the library, its public headers, and what CMake and pkg-config need
-# to find them. Everything moves together: no installed file names where it was installed.
+# to find them. The installed tree is relocatable: no file contains its path.
 include(CMakePackageConfigHelpers)
 include(GNUInstallDirs)
 set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/engines_http)

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-# Warnings are not errors here: another compiler may know more of them. CI's builds make them errors by
-# ENGINES_HTTP_WERROR, see CMakePresets.json.
+# Warnings are not errors here, since another compiler may have more of them. With ENGINES_HTTP_WERROR=ON
+# in the environment they are: see CMakePresets.json.
 function(engines_http_warnings target)
   target_compile_options(
     ${target}
@@ -10,8 +10,8 @@ function(engines_http_warnings target)
             -Wconversion
             -Wshadow
             -Wnon-virtual-dtor
-            # GCC 12 sees overlaps in std::string's operator+ that are not there (GCC bug 105651).
+            # GCC 12 reports overlaps in std::string's operator+ that do not exist (GCC bug 105651).
             $<$<AND:$<CXX_COMPILER_ID:GNU>,$<VERSION_LESS:$<CXX_COMPILER_VERSION>,13>>:-Wno-restrict>
-            # Clang 13 looks into the macros of system headers.
+            # Clang 13 also reports macros of system headers.
             $<$<AND:$<CXX_COMPILER_ID:Clang>,$<VERSION_GREATER_EQUAL:$<CXX_COMPILER_VERSION>,14>>:-Wreserved-identifier>)
 endfunction()
