@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// An endpoint behind a proxy. What the proxy says in the endpoint's place is an HTML page, often
-// with status 200: with `html_page` as the refusal rule it is a refusal, whatever its status, and
-// is not asked for again.
+// An endpoint behind a proxy. A proxy that blocks a request answers with an HTML page, often with
+// status 200. With `html_page` as `refusal_reason` such a page is a refusal, with any status, and
+// is not retried.
 #include <iostream>
 
 #include "engines/http/http.h"
@@ -10,8 +10,8 @@
 using namespace engines::http;
 
 int main() {
-  const examples::LoopbackServer server;  // a proxy, too
-  // Without `.proxy` the environment says: http_proxy, https_proxy, all_proxy, no_proxy.
+  const examples::LoopbackServer server;  // is a proxy, too
+  // Without `.proxy`, the environment applies: http_proxy, https_proxy, all_proxy, no_proxy.
   const PooledTransport through_proxy({.proxy = server.url("")});
   const RetryPolicy policy{.refusal_reason = html_page};
   const auto models = [&](const std::string& url) {

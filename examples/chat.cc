@@ -9,7 +9,7 @@
 using namespace engines::http;
 
 int main() {
-  const examples::LoopbackServer server;  // busy twice, so that the retries are seen in the log
+  const examples::LoopbackServer server;  // busy twice, so that the log shows the retries
   const examples::ChatEngine engine(
       server.url("/chat"), "sk-0123456789",
       {.attempts = 4, .backoff_s = 0.05, .refusal_statuses = {401, 403}});

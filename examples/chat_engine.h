@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// An engine as an application would write one: a class that knows the service's URL, its key and
-// its JSON, and leaves the rest to the library. chat.cc runs it, engine_test.cc tests it.
+// An engine as an application would write one: a class that has the service's URL, its key and the
+// form of its JSON, and leaves the rest to the library. chat.cc runs it, engine_test.cc tests it.
 #pragma once
 
 #include <chrono>
@@ -20,7 +20,7 @@ struct Message {
   std::string content;
 };
 
-// Makes a Message part of a body as it is.
+// Converts a Message that is a part of a body.
 inline void to_json(Json& json, const Message& message) {
   json = {{"role", message.role}, {"content", message.content}};
 }
@@ -43,7 +43,7 @@ class ChatEngine {
                                         .label = "chat call",
                                         .headers = {{"Authorization", "Bearer " + key_}},
                                         .transport = transport_});
-    // The library vouches for JSON; that it is the JSON the service promised is for us to see.
+    // The library checks that the reply is JSON; its members are checked here.
     const Json::json_pointer content("/message/content");
     if (!reply.contains(content) || !reply[content].is_string()) {
       throw http::BadReply("chat call: the reply holds no message");

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A service's own client library, made to keep to the same policy: its failures, which this library
-// has never seen, are judged by `is_transient` and `classify` and tried again by `retry`.
+// A service's own client library under the same policy: its errors, of types that this library does
+// not declare, are judged by `is_transient` and `classify`, and `retry` repeats the attempt.
 #include <iostream>
 #include <stdexcept>
 #include <string>
@@ -56,16 +56,16 @@ class CompletionEngine {
     const auto attempt = [&](double timeout) {
       client_.set_timeout(timeout);
       FailurePtr failure;
-      // Caught by their own types: through std::exception, `status_code` could not be seen.
+      // Caught by their own types: std::exception has no `status_code`.
       try {
         return client_.complete(prompt);
       } catch (const service::ApiError& error) {
         failure = classify(error, policy_, secrets_);
       } catch (const service::ReadTimeout& error) {
-        if (is_transient(error)) client_.reconnect();  // by its name: it has no status
+        if (is_transient(error)) client_.reconnect();  // judged by its type's name
         failure = classify(error, policy_, secrets_);
       }
-      failure.raise();  // outside the handlers: nothing of the service's error travels with it
+      failure.raise();  // outside the handlers, so that the service's error is not nested in it
     };
     return retry(policy_, attempt, {.label = "completion", .secrets = secrets_});
   }
@@ -86,7 +86,7 @@ int main() {
     engine.complete("Six by eight");
     return 1;
   } catch (const Refused& failure) {
-    std::cout << failure.what() << '\n';  // "HTTP 402": what it quotes stays behind
+    std::cout << failure.what() << '\n';  // "HTTP 402"; the redacted text is in detail()
   }
   return engine.client().reconnects() == 1 ? 0 : 1;
 }

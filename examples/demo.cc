@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// Without arguments: real calls to a loopback server, one for each way that a call can go.
-// With a URL: the same call to a real endpoint.
+// Without arguments: real calls to a loopback server, one for each of several outcomes.
+// With a URL: one call to that endpoint.
 //
 //   demo
 //   demo URL [BODY] [-H 'Name: value']...
 //
-// The exit status says how the call ended: 0 answered, 1 another error, 2 a request that cannot be
-// sent, 3 HttpFailure, 4 Refused, 5 BadReply, 6 DeadlineExceeded, 7 Stopped, 8 Exhausted.
+// Exit status: 0 answered, 1 another error, 2 a request that cannot be sent, 3 HttpFailure,
+// 4 Refused, 5 BadReply, 6 DeadlineExceeded, 7 Stopped, 8 Exhausted.
 #include <spdlog/sinks/stdout_color_sinks.h>
 #include <spdlog/spdlog.h>
 
@@ -38,11 +38,11 @@ int exit_status(const HttpFailure& failure) {
   return 3;
 }
 
-/// Makes the call and prints what came of it; returns the exit status.
+/// Makes the call and prints its outcome; returns the exit status.
 int show(const std::function<std::string()>& call) {
   try {
     const std::string answer = call();
-    std::cout << "  came:   " << answer << '\n';
+    std::cout << "  answer: " << answer << '\n';
     return 0;
   } catch (const HttpFailure& failure) {
     std::cout << "  failed: " << ErrorRef(failure).type_name() << '\n';
@@ -115,9 +115,9 @@ int tour() {
     return retry(policy, attempt, {.label = "stream"});
   }));
 
-  // Each way was the expected one.
   const bool as_expected = ended == std::vector{0, 0, 4, 6, 7, 3, 0};
-  std::cout << (as_expected ? "\nEvery call ended as it should.\n" : "\nA call ended oddly.\n");
+  std::cout << (as_expected ? "\nEvery call ended as expected.\n"
+                            : "\nA call did not end as expected.\n");
   return as_expected ? 0 : 1;
 }
 
@@ -169,7 +169,7 @@ int probe(const std::vector<std::string>& arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  spdlog::set_default_logger(spdlog::stdout_color_mt("demo"));  // between what is printed
+  spdlog::set_default_logger(spdlog::stdout_color_mt("demo"));  // in order with the other output
   spdlog::set_pattern("  log:    %v");
   try {
     return argc == 1 ? tour() : probe({argv + 1, argv + argc});

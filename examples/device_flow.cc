@@ -12,9 +12,9 @@ using namespace engines::http;
 
 namespace {
 
-constexpr double SLOW_DOWN_S = 0.05;  // RFC 8628, section 3.5, says 5
+constexpr double SLOW_DOWN_S = 0.05;  // 5 in RFC 8628, section 3.5
 
-/// The access token, once the user has approved.
+/// Returns the access token once the user has approved.
 std::string authorize(const std::string& device_url, const std::string& token_url) {
   const RetryPolicy policy{.error_replies = {400}};
   const Json device = post_json(device_url, form_body({{"client_id", "app-1"}, {"scope", "chat"}}),
@@ -22,7 +22,7 @@ std::string authorize(const std::string& device_url, const std::string& token_ur
   std::cout << "open " << device.value("verification_uri", "") << " and enter "
             << device.value("user_code", "") << '\n';
 
-  // One deadline for all the polls: the life of the code.
+  // One deadline for all the polls: the lifetime of the code.
   const RetryPolicy polls = policy.within(device.value("expires_in", 0.0));
   const std::string code = device.value("device_code", "");
   const CallOptions options{.policy = polls, .label = "token poll", .secrets = {code}};

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Embeddings of many texts from several threads over one pooled transport, which keeps their
-// connections. The service is busy now and then. One batch that fails for good stops them all.
+// connections. The service is sometimes busy. A batch whose call fails stops all threads.
 #include <algorithm>
 #include <atomic>
 #include <cstddef>
@@ -39,7 +39,7 @@ class Embedder {
         item.at("embedding").get_to(vectors.at(item.at("index").get<std::size_t>()));
       }
       return vectors;
-    } catch (const std::exception& error) {  // what Json and vector say of a reply of another shape
+    } catch (const std::exception& error) {  // of Json or vector, for a reply of another shape
       throw BadReply(std::string("embed: ") + error.what());
     }
   }
@@ -58,7 +58,7 @@ int main() {
   std::ranges::generate(texts, [i = 0]() mutable { return "text " + std::to_string(i++); });
   std::vector<Vector> vectors(texts.size());
 
-  std::stop_source stop;  // a backoff ends early by it, and so does a wait for the network
+  std::stop_source stop;  // ends backoffs and waits for the network early
   const PooledTransport pool({.max_idle = THREADS});
   const Embedder embedder(server.url("/embeddings"),
                           {.backoff_s = 0.05, .should_stop = stop.get_token()}, pool);
@@ -71,7 +71,7 @@ int main() {
         std::ranges::move(embedder.embed(std::span(texts).subspan(begin, count)),
                           vectors.begin() + static_cast<std::ptrdiff_t>(begin));
       } catch (const HttpFailure& failed) {
-        if (stop.request_stop()) failure = failed;  // true for the first to ask, and only for it
+        if (stop.request_stop()) failure = failed;  // true only for the first thread
         return;
       }
     }

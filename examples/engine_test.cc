@@ -22,7 +22,7 @@ using engines::http::testing::ScriptedTransport;
 const std::string KEY = "sk-0123456789";
 const std::string ANSWER = R"({"message": {"role": "assistant", "content": "Fifty-four."}})";
 
-/// An engine whose service and time are the test's.
+/// An engine with a scripted service and manual time.
 struct Bench {
   ManualTime time;
   ScriptedTransport service;
@@ -47,7 +47,7 @@ TEST(ChatEngine, AsksAgainUntilTheServiceAnswers) {
   EXPECT_EQ(bench.service.sent()[2].timeout, 17);  // 20 s less the two waits, under the 30 s
 }
 
-TEST(ChatEngine, SaysHowACallFailed) {
+TEST(ChatEngine, ThrowsTheKindOfEachFailure) {
   struct Case {
     std::string name;
     std::function<void(Bench&)> set_up;
@@ -64,7 +64,7 @@ TEST(ChatEngine, SaysHowACallFailed) {
        [](Bench& b) { b.service.reply("bad key " + KEY, 401); }, "Refused", 1},
       {"a proxy's page", [](Bench& b) { b.service.reply("<!doctype html><p>Blocked"); }, "Refused",
        1},
-      {"another JSON than promised", [](Bench& b) { b.service.reply(R"({"message": "hi"})"); },
+      {"JSON of another shape", [](Bench& b) { b.service.reply(R"({"message": "hi"})"); },
        "BadReply", 1},
       {"no JSON", [](Bench& b) { b.service.reply("oops"); }, "BadReply", 1},
       {"a reply that breaks off, then one that trickles past the deadline",

@@ -43,7 +43,7 @@ struct LoopbackServer::Impl {
         JSON);
   }
 
-  /// Whether this request is put off.
+  /// Answers with 503 if the service is busy; returns whether it is.
   static bool put_off(bool is_busy, httplib::Response& response) {
     if (!is_busy) return false;
     response.status = 503;
@@ -62,12 +62,12 @@ struct LoopbackServer::Impl {
     response.set_content(R"({"message": {"role": "assistant", "content": "Fifty-four."}})", JSON);
   }
 
-  /// What a proxy says in the service's place.
+  /// A proxy's page in place of the service's reply.
   void block(const httplib::Request&, httplib::Response& response) {
     response.set_content("<!DOCTYPE html><html><body>Blocked by policy</body></html>", "text/html");
   }
 
-  /// A byte now and then, for ten seconds or until nobody listens.
+  /// A byte every 50 ms, for ten seconds or until the client is gone.
   void trickle(const httplib::Request&, httplib::Response& response) {
     response.set_chunked_content_provider(JSON, [](std::size_t offset, httplib::DataSink& sink) {
       pause(50);
@@ -81,7 +81,7 @@ struct LoopbackServer::Impl {
 
   void be_down(const httplib::Request&, httplib::Response& response) { response.status = 502; }
 
-  /// Quotes the credential that it refuses, as careless servers do.
+  /// Echoes the credential that it refuses.
   void deny(const httplib::Request& request, httplib::Response& response) {
     response.status = 401;
     response.set_content(R"({"error": "bad credential", "headers": {"Authorization": ")" +
@@ -111,8 +111,8 @@ struct LoopbackServer::Impl {
         });
   }
 
-  /// A vector of 256 numbers for each text, the last text's first; busy when a batch that begins
-  /// with a multiple of ten comes for the first time.
+  /// A vector of 256 numbers for each text, in reverse order; busy for the first request of each
+  /// batch whose first text ends with 0.
   void embed(const httplib::Request& request, httplib::Response& response) {
     const nlohmann::json texts = nlohmann::json::parse(request.body).at("input");
     const std::string first = texts.at(0);
@@ -128,7 +128,7 @@ struct LoopbackServer::Impl {
     response.set_content(nlohmann::json{{"data", data}}.dump(), JSON);
   }
 
-  /// Whether the request is a form with these values; else it is refused as RFC 6749 says.
+  /// Whether the request is a form with these values; otherwise answers as in RFC 6749.
   static bool is_form(const httplib::Request& request, httplib::Response& response,
                       const std::map<std::string, std::string>& fields) {
     const bool all = std::ranges::all_of(fields, [&](const auto& field) {
@@ -150,7 +150,7 @@ struct LoopbackServer::Impl {
                          JSON);
   }
 
-  /// Not approved yet, asked too often, then a token.
+  /// Not approved yet, polled too often, then a token.
   void grant(const httplib::Request& request, httplib::Response& response) {
     if (!is_form(request, response,
                  {{"grant_type", "urn:ietf:params:oauth:grant-type:device_code"},
@@ -171,7 +171,7 @@ struct LoopbackServer::Impl {
         nlohmann::json{{"pages", std::vector(1000, std::string(5000, 'x'))}}.dump(), JSON);
   }
 
-  /// What a request for any host gets when this server is its proxy.
+  /// The reply to a request for any host when this server is its proxy.
   void pass_on(const httplib::Request& request, httplib::Response& response) {
     if (request.path.starts_with("http://blocked.")) return block(request, response);
     response.set_content(R"({"models": ["m-1", "m-2"]})", JSON);

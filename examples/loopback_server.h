@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A real HTTP server on a free loopback port, for the examples: a service that answers, is busy,
-// is blocked by a proxy, trickles, echoes credentials, streams; and the proxy of any http URL.
+// A real HTTP server on a free loopback port, for the examples: a service that answers, is busy, is
+// blocked by a proxy, trickles, echoes credentials or streams; and a proxy for any http URL.
 #pragma once
 
 #include <cstddef>
@@ -18,7 +18,7 @@ class LoopbackServer {
   /// /stream, /embeddings, /device, /token, /long.
   std::string url(const std::string& path) const;
 
-  /// How many connections it has been asked for embeddings over.
+  /// How many connections requests for embeddings have used.
   std::size_t connections() const;
 
  private:

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Progress shown while a long reply arrives: a transport of one's own around another one, so that
-// the call stays `get_json` with all its bounds.
+// Progress shown while a long reply arrives, by a transport around another one, so that the call is
+// still a `get_json` with all its bounds.
 #include <charconv>
 #include <functional>
 #include <iostream>
@@ -17,7 +17,7 @@ namespace {
 /// Called after each read with the bytes so far, and those announced (0: unknown).
 using Progress = std::function<void(std::size_t so_far, std::size_t announced)>;
 
-/// A reply that passes everything on to another one and counts what goes through.
+/// A reply that forwards everything to another one and counts the bytes.
 class WatchedReply final : public Response {
  public:
   WatchedReply(std::shared_ptr<Response> inner, Progress progress)
@@ -46,7 +46,7 @@ class WatchedReply final : public Response {
   std::size_t announced_ = 0;
 };
 
-/// The transport, watched. An error status is thrown past it, unwatched.
+/// The transport, with its replies watched, except error replies, which are thrown.
 Transport watched(const Transport& transport, const Progress& progress) {
   return [=](const Request& request, TransportOptions options) {
     return std::make_shared<WatchedReply>(transport(request, options), progress);
@@ -67,7 +67,7 @@ int main() {
     const Json report =
         get_json(server.url("/long"), {.policy = {.max_body_bytes = 8'000'000},
                                        .label = "report",
-                                       // In a coding, the length would be that of the coded body.
+                                       // With gzip, the length would be that of the coded body.
                                        .headers = {{"Accept-Encoding", "identity"}},
                                        .transport = watched(urlopen_transport, show)});
     std::cout << report.at("pages").size() << " pages\n";

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // A chat reply streamed as server-sent events and shown as it arrives. The stream breaks off once
-// in the middle of an event; that is a failure like any other, and `retry` asks again.
+// in the middle of an event; the attempt fails, and `retry` makes another.
 #include <chrono>
 #include <iostream>
 #include <string>
@@ -26,7 +26,7 @@ std::string read_answer(Response& reply, const RetryPolicy& policy) {
     answer += data->value("word", "") + ' ';
     std::cout << data->value("word", "") << ' ' << std::flush;
   }
-  // Some servers end the connection in good order when they break off.
+  // Some servers end a reply properly although the stream is incomplete.
   throw Retryable("the stream ended before its last event");
 }
 
