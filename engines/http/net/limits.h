@@ -50,14 +50,12 @@ class Limits {
   std::string peer;
 
  private:
-  double timeout_s_;
-  double connect_timeout_s_;
   Duration timeout_;
   Duration connect_timeout_;
   Duration connecting_ = Duration::zero();     // spent on connecting so far
   Duration awaiting_head_ = Duration::zero();  // spent on waiting for heads so far
   bool has_read_ = false;                      // whether a read of the body has ended
-  std::optional<TimePoint> end_;               // of the whole call
+  TimePoint end_ = TimePoint::max();           // of the whole call
   StopSignal should_stop_;
 };
 
