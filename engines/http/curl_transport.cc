@@ -27,8 +27,10 @@ struct Call {
   net::Limits limits;
 };
 
-net::Route route_of(const net::Hop& hop, const std::shared_ptr<const net::Url>& proxy) {
-  net::Route route{.origin = hop.url->origin, .proxy = proxy};
+net::Route route_of(const net::Hop& hop, const PoolOptions& options) {
+  net::Route route{.origin = hop.url->origin,
+                   .proxy = net::proxy_for(hop.url->origin, options.proxy),
+                   .tunnel_authorization = {}};
   if (route.tunnel()) {
     route.tunnel_authorization = hop.headers->get("proxy-authorization").value_or("");
   }
@@ -40,17 +42,17 @@ class Reply final : public Response {
   /// Sends the hop's request and waits for the final head.
   Reply(std::shared_ptr<Call> call, const net::Hop& hop) : call_(std::move(call)) {
     const PoolOptions& options = call_->pool->options();
-    const auto proxy = net::proxy_for(hop.url->origin, options.proxy);
-    const net::Route route = route_of(hop, proxy);
+    net::Route route = route_of(hop, options);
     call_->limits.peer = hop.url->origin.address();
     call_->limits.check(net::Phase::connecting);
     connection_ = call_->pool->take(route);
     if (!connection_) {
-      connection_ = std::make_unique<net::Connection>(route, options, call_->limits);
+      connection_ = std::make_unique<net::Connection>(std::move(route), options, call_->limits);
     }
     exchange_.emplace(*connection_, call_->limits, options);
-    exchange_->run(net::request_head(hop, proxy.get(), options), hop.body.value_or(""),
-                   hop.method == "HEAD");
+    const std::optional<net::Url>& proxy = connection_->route().proxy;
+    exchange_->run(net::request_head(hop, proxy ? &*proxy : nullptr, options),
+                   hop.body.value_or(""), hop.method == "HEAD");
     if (!hop.headers->get("accept-encoding")) set_up_decoding();
   }
   ~Reply() override { do_close(); }
