@@ -42,6 +42,10 @@ CURLM* new_multi() {
   return code == CURLE_OK && atfork_error == 0 ? curl_multi_init() : nullptr;
 }
 
+curl_socket_t on_socket(void*, curlsocktype, curl_sockaddr* address) noexcept {
+  return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+}
+
 const char* or_null(const std::string& text) { return text.empty() ? nullptr : text.c_str(); }
 
 std::string url_of(const Origin& origin) {
@@ -78,24 +82,20 @@ bool is_hashed(const std::string& directory) {
   });
 }
 
-struct Trust {
-  std::string file;
-  std::string directory;
-};
-
-/// The trusted certificates; empty: libcurl's own default. libcurl takes neither OpenSSL's
-/// variables nor the cheaper of the platform's two stores by itself: it parses the whole bundle for
-/// each fresh connection, where a hashed directory gives the one certificate that is needed.
-Trust trust(CURL* easy, const PoolOptions& options) {
-  Trust trust{options.ca_file, options.ca_directory};
-  if (!trust.file.empty() || !trust.directory.empty()) return trust;
-  trust = {trust_variable("SSL_CERT_FILE"), trust_variable("SSL_CERT_DIR", ':')};
+/// The file and the directory of the trusted certificates; both empty: libcurl's own default.
+/// libcurl takes neither OpenSSL's variables nor the cheaper of the platform's two stores by
+/// itself: it parses the whole bundle for each fresh connection, where a hashed directory gives the
+/// one certificate that is needed.
+std::pair<std::string, std::string> trust(CURL* easy, const PoolOptions& options) {
+  if (!(options.ca_file + options.ca_directory).empty()) {
+    return {options.ca_file, options.ca_directory};
+  }
+  const std::string file = trust_variable("SSL_CERT_FILE");
+  const std::string directory = trust_variable("SSL_CERT_DIR", ':');
   char* platforms = nullptr;
   curl_easy_getinfo(easy, CURLINFO_CAPATH, &platforms);
-  if (trust.directory.empty() && platforms != nullptr && is_hashed(platforms)) {
-    trust.directory = platforms;
-  }
-  return trust;
+  const bool is_platforms = directory.empty() && platforms != nullptr && is_hashed(platforms);
+  return {file, is_platforms ? platforms : directory};
 }
 
 /// The file that holds the client's key; empty: there is none.
@@ -242,17 +242,8 @@ CURLcode Connection::on_tls_context(CURL*, void* context, void* self) noexcept {
 void Connection::on_tls_message(int, int, int, const void*, std::size_t, ssl_st* session,
                                 void* self) noexcept {
   auto& connection = *static_cast<Connection*>(self);
-  if (connection.limits_ == nullptr || connection.failure_) return;
-  try {
-    connection.limits_->check(Phase::connecting, connection.connect_until_);
-  } catch (...) {
-    connection.failure_ = std::current_exception();
-    SSL_set0_rbio(session, BIO_new(BIO_s_null()));
-  }
-}
-
-curl_socket_t Connection::on_socket(void*, curlsocktype, curl_sockaddr* address) noexcept {
-  return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  const bool is_connecting = connection.limits_ != nullptr;
+  if (is_connecting && connection.is_over()) SSL_set0_rbio(session, BIO_new(BIO_s_null()));
 }
 
 /// libcurl would read the body of a proxy's refusal to its end, and look at no time while lines
@@ -260,18 +251,23 @@ curl_socket_t Connection::on_socket(void*, curlsocktype, curl_sockaddr* address)
 std::size_t Connection::on_proxy_line(char* text, std::size_t, std::size_t size,
                                       void* self) noexcept {
   auto& connection = *static_cast<Connection*>(self);
-  try {
-    connection.limits_->check(Phase::connecting, connection.connect_until_);
-    const std::string_view line(text, size);
-    if (line.starts_with("HTTP/") && line.size() > 12 && line[9] != '1' && line[9] != '2') {
-      throw URLError(OSError("cannot connect: the proxy refused the tunnel, status " +
-                             std::string(line.substr(9, 3))));
-    }
-    return size;
-  } catch (...) {
-    connection.failure_ = std::current_exception();
-    return 0;
+  const std::string_view line(text, size);
+  if (line.starts_with("HTTP/") && line.size() > 12 && line[9] != '1' && line[9] != '2') {
+    connection.failure_ = std::make_exception_ptr(URLError(OSError(
+        "cannot connect: the proxy refused the tunnel, status " + std::string(line.substr(9, 3)))));
   }
+  return connection.is_over() ? 0 : size;
+}
+
+/// Whether connecting must end; `failure_` says why.
+bool Connection::is_over() noexcept {
+  if (failure_) return true;
+  try {
+    limits_->check(Phase::connecting, connect_until_);
+  } catch (...) {
+    failure_ = std::current_exception();
+  }
+  return failure_ != nullptr;
 }
 
 void Connection::connect(Limits& limits) {
@@ -380,11 +376,12 @@ StreamError Connection::error_of(CURLcode code) const {
 }
 
 bool Connection::is_quiet() {
+  pollfd connection{.fd = socket_, .events = POLLIN, .revents = 0};
+  if (!is_secure_) return poll(&connection, 1, 0) == 0;
   // What carries nothing of a reply (late session tickets) is received away, within reason.
   for (int records = 0; records < 16; ++records) {
     char byte = 0;
     if (receive(&byte, 1).state != Io::blocked) return false;
-    pollfd connection{.fd = socket_, .events = POLLIN, .revents = 0};
     if (poll(&connection, 1, 0) == 0) return true;
   }
   return false;

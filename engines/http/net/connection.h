@@ -78,10 +78,10 @@ class Connection final : public Stream {
   void set_up_proxy();
   void set_up_tls(const PoolOptions& options);
   void connect(Limits& limits);
+  bool is_over() noexcept;
   [[noreturn]] void fail(CURLcode code) const;
   StreamError error_of(CURLcode code) const;
 
-  static curl_socket_t on_socket(void*, curlsocktype, curl_sockaddr* address) noexcept;
   static CURLcode on_tls_context(CURL*, void* context, void* self) noexcept;
   static void on_tls_message(int, int, int, const void*, std::size_t, ssl_st* session,
                              void* self) noexcept;

@@ -12,8 +12,8 @@
 namespace engines::http::net {
 namespace {
 
-/// Guards the idle connections of all pools, for a few instructions at a time. A fork waits for it:
-/// in the child no thread would be left to give it back.
+/// Guards the idle connections of all pools. It is never held while something is waited for. A fork
+/// waits for it: in the child no thread would be left to give it back.
 std::mutex mutex;
 void lock() { mutex.lock(); }
 void unlock() { mutex.unlock(); }
@@ -26,21 +26,15 @@ Pool::Pool(PoolOptions options)
   if (atfork_error != 0) throw std::bad_alloc();
 }
 
-/// The connections that have been idle for too long or came through a fork: all of them older than
-/// the others.
-Pool::Connections Pool::take_stale(TimePoint now) {
-  const auto first_kept = std::ranges::find_if(idle_, [&](const Idle& one) {
-    return one.connection->is_ours() && now - one.since <= max_idle_time_;
+void Pool::close_stale(TimePoint now) {
+  std::erase_if(idle_, [&](const Idle& one) {
+    return !one.connection->is_ours() || now - one.since > max_idle_time_;
   });
-  Connections stale(std::move_iterator(idle_.begin()), std::move_iterator(first_kept));
-  idle_.erase(idle_.begin(), first_kept);
-  return stale;
 }
 
 std::unique_ptr<Connection> Pool::take_latest(const Route& route) {
-  Connections stale;  // closed after the lock is given up
   const std::lock_guard lock(mutex);
-  stale = take_stale(SteadyClock::now());
+  close_stale(SteadyClock::now());
   const auto found = std::find_if(idle_.rbegin(), idle_.rend(), [&](const Idle& one) {
     return one.connection->route() == route;
   });
@@ -61,14 +55,10 @@ std::unique_ptr<Connection> Pool::take(const Route& route) {
 void Pool::keep(std::unique_ptr<Connection> connection) noexcept {
   if (options_.max_idle == 0 || !connection->is_ours()) return;
   try {
-    Connections stale;
     const TimePoint now = SteadyClock::now();
     const std::lock_guard lock(mutex);
-    stale = take_stale(now);
-    if (idle_.size() >= options_.max_idle) {
-      stale.push_back(std::move(idle_.front()));
-      idle_.erase(idle_.begin());
-    }
+    close_stale(now);
+    if (idle_.size() >= options_.max_idle) idle_.erase(idle_.begin());
     idle_.push_back({std::move(connection), now});
   } catch (...) {  // no memory to keep it: it is closed
   }

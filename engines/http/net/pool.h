@@ -32,14 +32,14 @@ class Pool {
     std::unique_ptr<Connection> connection;
     TimePoint since;
   };
-  using Connections = std::vector<Idle>;
 
   std::unique_ptr<Connection> take_latest(const Route& route);
-  Connections take_stale(TimePoint now);
+  /// Closes those that have been idle for too long or came through a fork.
+  void close_stale(TimePoint now);
 
   const PoolOptions options_;
   const Duration max_idle_time_;
-  Connections idle_;  // the one that was used last at the end
+  std::vector<Idle> idle_;  // the one that was used last at the end
 };
 
 }  // namespace engines::http::net
