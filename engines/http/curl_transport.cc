@@ -90,35 +90,39 @@ class Reply final : public Response {
     return decoder_->read(out, amt, fill);
   }
 
-  /// Decides how the body is decoded: a coding that nobody asked for fails where there is a body.
   void set_up_decoding() {
-    std::string coding;
     for (const auto& [name, value] : *headers()) {
       if (value.empty() || !detail::equal_ignoring_case(name, "content-encoding")) continue;
-      coding += (coding.empty() ? "" : ", ") + detail::lower(value);
+      coding_ += (coding_.empty() ? "" : ", ") + detail::lower(value);
     }
-    if (coding.empty() || coding == "identity") return;
-    const bool is_gzip = coding == "gzip" || coding == "x-gzip";  // RFC 9110, section 8.4.1.3
-    decoder_.emplace([this, coding, is_gzip, has_body = false](std::string& coded) mutable {
-      call_->limits.check(net::Phase::reading_body, read_until_);
-      const std::size_t size = exchange_->read(coded, CODED_BYTES, false, read_until_);
-      has_body = has_body || size > 0;
-      if (has_body && !is_gzip) {
-        throw HTTPException("the reply has a content coding that was not asked for: " +
-                            coding.substr(0, MOST_QUOTED));
-      }
-      return size;
-    });
+    if (coding_.empty() || coding_ == "identity") return;
+    decoder_.emplace([this](std::string& coded) { return receive_coded(coded); });
+  }
+
+  /// A coding that was not asked for is a failure where there is a body.
+  std::size_t receive_coded(std::string& coded) {
+    call_->limits.check(net::Phase::reading_body, read_until_);
+    const std::size_t size = exchange_->read(coded, CODED_BYTES, false, read_until_);
+    has_coded_body_ = has_coded_body_ || size > 0;
+    const bool is_gzip = coding_ == "gzip" || coding_ == "x-gzip";  // RFC 9110, section 8.4.1.3
+    if (is_gzip || !has_coded_body_) return size;
+    throw HTTPException("the reply has a content coding that was not asked for: " +
+                        coding_.substr(0, MOST_QUOTED));
   }
 
   std::shared_ptr<Call> call_;
   std::unique_ptr<net::Connection> connection_;
   std::optional<net::Exchange> exchange_;
+  // Of a coded body:
+  std::string coding_;
+  bool has_coded_body_ = false;
   std::optional<net::GzipDecoder> decoder_;
-  net::TimePoint read_until_;  // when the current read of a coded body ends, however many it needs
+  net::TimePoint
+      read_until_;  // when the current read ends, however many reads of the exchange it is
 };
 
-std::shared_ptr<Response> call(const Request& request, const TransportOptions& options,
+/// The final reply to the request, redirects followed.
+std::shared_ptr<Response> open(const Request& request, const TransportOptions& options,
                                const std::shared_ptr<net::Pool>& pool) {
   net::Hop hop = net::first_hop(request);
   const PoolOptions& pool_options = pool->options();
@@ -128,13 +132,12 @@ std::shared_ptr<Response> call(const Request& request, const TransportOptions& o
     auto reply = std::make_shared<Reply>(call, hop);
     const StatusCode status = *reply->status();
     if (status >= 200 && status < 300) return reply;
+    std::optional<net::Hop> next;
     if (followed < pool_options.max_redirects) {
-      if (auto next = net::next_hop(hop, status, reply->headers()->get("location"))) {
-        hop = *std::move(next);
-        continue;
-      }
+      next = net::next_hop(hop, status, reply->headers()->get("location"));
     }
-    throw HTTPError(status, *reply->headers(), reply);
+    if (!next) throw HTTPError(status, *reply->headers(), reply);
+    hop = *std::move(next);
   }
 }
 
@@ -152,7 +155,7 @@ PoolOptions checked(PoolOptions options) {
 std::shared_ptr<Response> urlopen_transport(const Request& request, TransportOptions options) {
   // A pool that keeps nothing. Never destroyed: a reply may outlive the end of `main`.
   static const auto& pool = *new auto(std::make_shared<net::Pool>(PoolOptions{.max_idle = 0}));
-  return call(request, options, pool);
+  return open(request, options, pool);
 }
 
 PooledTransport::PooledTransport(PoolOptions options)
@@ -160,7 +163,7 @@ PooledTransport::PooledTransport(PoolOptions options)
 
 std::shared_ptr<Response> PooledTransport::operator()(const Request& request,
                                                       TransportOptions options) const {
-  return call(request, options, pool_);
+  return open(request, options, pool_);
 }
 
 }  // namespace engines::http

@@ -94,9 +94,9 @@ class Connection final : public Stream {
   long connect_errno_ = 0;  // what an address that failed left behind
   CURLcode broke_by_ = CURLE_OK;
   char error_text_[CURL_ERROR_SIZE] = {};
-  const Limits* limits_ = nullptr;  // while connecting,
-  TimePoint connect_until_;         // until when,
-  std::exception_ptr failure_;      // and what a callback threw
+  const Limits* limits_ = nullptr;  // null: it is connected
+  TimePoint connect_until_;
+  std::exception_ptr failure_;  // why connecting must end, where that is no failure of libcurl's
   std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> proxy_headers_;
   std::unique_ptr<CURLM, decltype(&curl_multi_cleanup)> multi_;  // owns the connection
   std::unique_ptr<CURL, FreeEasy> easy_;

@@ -240,7 +240,10 @@ bool Exchange::parse_head() {
     parser_->take_whole(part);
     input_.consume(part.size());
     if (!parser_->is_header_done()) continue;
-    if (parser_->status >= 200) return take_final_head(), true;
+    if (parser_->status >= 200) {
+      take_final_head();
+      return true;
+    }
     parser_ = std::make_unique<Parser>(options_.max_headers, header_lines_, is_head_request_);
   }
 }

@@ -29,8 +29,6 @@ class Exchange {
  public:
   /// The stream, the limits and the options must outlive the exchange.
   Exchange(Stream& stream, Limits& limits, const PoolOptions& options);
-  Exchange(const Exchange&) = delete;
-  Exchange& operator=(const Exchange&) = delete;
   ~Exchange();
 
   /// Sends the request and waits for the final head; one that comes before the request is sent

@@ -36,7 +36,8 @@ class Limits {
   /// How long a wait that begins now may take in this phase.
   Duration longest_wait(Phase phase) const;
 
-  /// Takes a wait off the budget of its phase.
+  /// Takes a wait off the budget of its phase. Every read of the body but the first has a budget of
+  /// its own, so of those only the end is counted.
   void spend(Phase phase, Duration waited);
 
   /// Throws `Stopped` once the stop signal says so, and a timeout once the call's time is over or

@@ -15,8 +15,6 @@ namespace engines::http::net {
 class Pool {
  public:
   explicit Pool(PoolOptions options);
-  Pool(const Pool&) = delete;
-  Pool& operator=(const Pool&) = delete;
 
   const PoolOptions& options() const noexcept { return options_; }
 
@@ -33,6 +31,7 @@ class Pool {
     TimePoint since;
   };
 
+  /// As `take`, but the connection may not be quiet.
   std::unique_ptr<Connection> take_latest(const Route& route);
   /// Closes those that have been idle for too long or came through a fork.
   void close_stale(TimePoint now);
