@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "engines/http/net/proxy.h"
+#include "engines/http/text/base64.h"
 #include "engines/http/text/case.h"
 
 namespace engines::http::net {
@@ -29,6 +30,11 @@ constexpr std::size_t COPIED_BODY_BYTES = 61440;
 constexpr std::size_t MAX_HEADER_BYTES = 307200;
 /// More header lines than most replies have.
 constexpr std::size_t USUAL_HEADERS = 16;
+
+/// RFC 7617, section 2.
+std::string basic_authorization(const Credentials& credentials) {
+  return "Basic " + detail::base64(credentials.user + ":" + credentials.password);
+}
 
 }  // namespace
 

@@ -11,7 +11,6 @@
 #include <system_error>
 #include <utility>
 
-#include "engines/http/text/base64.h"
 #include "engines/http/text/case.h"
 
 namespace engines::http::net {
@@ -97,10 +96,6 @@ std::optional<Url> proxy_for(const Origin& origin, const std::optional<std::stri
 bool is_forwarding(const Url& proxy, const Origin& origin) {
   const std::string& scheme = proxy.origin.scheme;
   return origin.scheme == "http" && (scheme == "http" || scheme == "https");
-}
-
-std::string basic_authorization(const Credentials& credentials) {
-  return "Basic " + detail::base64(credentials.user + ":" + credentials.password);
 }
 
 }  // namespace engines::http::net

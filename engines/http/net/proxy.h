@@ -26,7 +26,4 @@ bool is_forwarding(const Url& proxy, const Origin& origin);
 /// Whether a list as in no_proxy covers the host, an IPv6 address being in brackets.
 bool is_excluded(std::string_view no_proxy, std::string_view host);
 
-/// "Basic " and the credentials as base64 (RFC 7617, section 2).
-std::string basic_authorization(const Credentials& credentials);
-
 }  // namespace engines::http::net

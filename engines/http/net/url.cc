@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <new>
 #include <stdexcept>
-#include <utility>
 
 #include "engines/http/text/ascii.h"
 #include "engines/http/text/case.h"
