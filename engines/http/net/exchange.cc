@@ -229,7 +229,8 @@ void Exchange::send(std::string_view bytes) {
 /// Takes what is here; whether the final head is whole.
 bool Exchange::receive_head() {
   for (;;) {
-    const Io state = receive(HEAD_RECEIVE_BYTES);
+    // What is left of the buffer: one that has to grow is copied.
+    const Io state = receive(HEAD_RECEIVE_BYTES - input().size() % HEAD_RECEIVE_BYTES);
     if (state == Io::blocked) return false;
     if (state != Io::moved) fail_without_head(state);
     if (parse_head()) return true;
@@ -256,15 +257,16 @@ bool Exchange::parse_head() {
 
 /// The next part of a head that is parsed at once, so that no outcome depends on how it arrives:
 /// the status line, then all fields. Empty while it is not whole.
-std::string_view Exchange::next_part_of_head() const {
+std::string_view Exchange::next_part_of_head() {
   const std::string_view bytes = input();
   const bool has_no_fields = bytes.starts_with("\r\n");
   const std::string_view end_mark = parser_->status == 0 ? "\n"
                                     : has_no_fields      ? "\r\n"
                                                          : "\r\n\r\n";
-  const std::size_t end = bytes.find(end_mark);
+  const std::size_t end = bytes.find(end_mark, searched_);
   const bool is_whole = end != std::string_view::npos;
   const std::size_t size = is_whole ? end + end_mark.size() : bytes.size();
+  searched_ = is_whole ? 0 : size - std::min<std::size_t>(size, 3);  // a mark may have begun there
   const std::size_t most = std::min(options_.max_header_bytes, MAX_HEADER_BYTES);
   if (head_bytes_ + size > most) {
     throw HTTPException("the reply's headers are longer than " + std::to_string(most) + " bytes");

@@ -61,7 +61,7 @@ class Exchange {
   void send(std::string_view bytes);
   bool receive_head();
   bool parse_head();
-  std::string_view next_part_of_head() const;
+  std::string_view next_part_of_head();
   void take_final_head();
   [[noreturn]] void fail_without_head(Io state) const;
 
@@ -78,7 +78,8 @@ class Exchange {
   bool is_head_request_ = false;
   bool is_sent_ = false;          // the request, whole
   std::size_t head_bytes_ = 0;    // of the heads so far, interim ones included
-  std::size_t header_lines_ = 0;  // of the same, and the trailers
+  std::size_t searched_ = 0;      // of the input, for the end of a part of a head
+  std::size_t header_lines_ = 0;  // of the heads and the trailers
 
   StatusCode status_ = 0;  // of the final head; 0: it has not come
   Headers headers_;
