@@ -27,8 +27,10 @@ struct Call {
   net::Limits limits;
 };
 
-net::Route route_of(const net::Hop& hop, const std::shared_ptr<const net::Url>& proxy) {
-  net::Route route{.origin = hop.url->origin, .proxy = proxy};
+net::Route route_of(const net::Hop& hop, const PoolOptions& options) {
+  net::Route route{.origin = hop.url->origin,
+                   .proxy = net::proxy_for(hop.url->origin, options.proxy),
+                   .tunnel_authorization = {}};
   if (route.tunnel()) {
     route.tunnel_authorization = hop.headers->get("proxy-authorization").value_or("");
   }
@@ -40,17 +42,17 @@ class Reply final : public Response {
   /// Sends the hop's request and waits for the final head.
   Reply(std::shared_ptr<Call> call, const net::Hop& hop) : call_(std::move(call)) {
     const PoolOptions& options = call_->pool->options();
-    const auto proxy = net::proxy_for(hop.url->origin, options.proxy);
-    const net::Route route = route_of(hop, proxy);
+    net::Route route = route_of(hop, options);
     call_->limits.peer = hop.url->origin.address();
     call_->limits.check(net::Phase::connecting);
     connection_ = call_->pool->take(route);
     if (!connection_) {
-      connection_ = std::make_unique<net::Connection>(route, options, call_->limits);
+      connection_ = std::make_unique<net::Connection>(std::move(route), options, call_->limits);
     }
     exchange_.emplace(*connection_, call_->limits, options);
-    exchange_->run(net::request_head(hop, proxy.get(), options), hop.body.value_or(""),
-                   hop.method == "HEAD");
+    const std::optional<net::Url>& proxy = connection_->route().proxy;
+    exchange_->run(net::request_head(hop, proxy ? &*proxy : nullptr, options),
+                   hop.body.value_or(""), hop.method == "HEAD");
     if (!hop.headers->get("accept-encoding")) set_up_decoding();
   }
   ~Reply() override { do_close(); }
@@ -88,35 +90,39 @@ class Reply final : public Response {
     return decoder_->read(out, amt, fill);
   }
 
-  /// Decides how the body is decoded: a coding that nobody asked for fails where there is a body.
   void set_up_decoding() {
-    std::string coding;
     for (const auto& [name, value] : *headers()) {
       if (value.empty() || !detail::equal_ignoring_case(name, "content-encoding")) continue;
-      coding += (coding.empty() ? "" : ", ") + detail::lower(value);
+      coding_ += (coding_.empty() ? "" : ", ") + detail::lower(value);
     }
-    if (coding.empty() || coding == "identity") return;
-    const bool is_gzip = coding == "gzip" || coding == "x-gzip";  // RFC 9110, section 8.4.1.3
-    decoder_.emplace([this, coding, is_gzip, has_body = false](std::string& coded) mutable {
-      call_->limits.check(net::Phase::reading_body, read_until_);
-      const std::size_t size = exchange_->read(coded, CODED_BYTES, false, read_until_);
-      has_body = has_body || size > 0;
-      if (has_body && !is_gzip) {
-        throw HTTPException("the reply has a content coding that was not asked for: " +
-                            coding.substr(0, MOST_QUOTED));
-      }
-      return size;
-    });
+    if (coding_.empty() || coding_ == "identity") return;
+    decoder_.emplace([this](std::string& coded) { return receive_coded(coded); });
+  }
+
+  /// A coding that was not asked for is a failure where there is a body.
+  std::size_t receive_coded(std::string& coded) {
+    call_->limits.check(net::Phase::reading_body, read_until_);
+    const std::size_t size = exchange_->read(coded, CODED_BYTES, false, read_until_);
+    has_coded_body_ = has_coded_body_ || size > 0;
+    const bool is_gzip = coding_ == "gzip" || coding_ == "x-gzip";  // RFC 9110, section 8.4.1.3
+    if (is_gzip || !has_coded_body_) return size;
+    throw HTTPException("the reply has a content coding that was not asked for: " +
+                        coding_.substr(0, MOST_QUOTED));
   }
 
   std::shared_ptr<Call> call_;
   std::unique_ptr<net::Connection> connection_;
   std::optional<net::Exchange> exchange_;
+  // Of a coded body:
+  std::string coding_;
+  bool has_coded_body_ = false;
   std::optional<net::GzipDecoder> decoder_;
-  net::TimePoint read_until_;  // when the current read of a coded body ends, however many it needs
+  net::TimePoint
+      read_until_;  // when the current read ends, however many reads of the exchange it is
 };
 
-std::shared_ptr<Response> call(const Request& request, const TransportOptions& options,
+/// The final reply to the request, redirects followed.
+std::shared_ptr<Response> open(const Request& request, const TransportOptions& options,
                                const std::shared_ptr<net::Pool>& pool) {
   net::Hop hop = net::first_hop(request);
   const PoolOptions& pool_options = pool->options();
@@ -126,13 +132,12 @@ std::shared_ptr<Response> call(const Request& request, const TransportOptions& o
     auto reply = std::make_shared<Reply>(call, hop);
     const StatusCode status = *reply->status();
     if (status >= 200 && status < 300) return reply;
+    std::optional<net::Hop> next;
     if (followed < pool_options.max_redirects) {
-      if (auto next = net::next_hop(hop, status, reply->headers()->get("location"))) {
-        hop = *std::move(next);
-        continue;
-      }
+      next = net::next_hop(hop, status, reply->headers()->get("location"));
     }
-    throw HTTPError(status, *reply->headers(), reply);
+    if (!next) throw HTTPError(status, *reply->headers(), reply);
+    hop = *std::move(next);
   }
 }
 
@@ -150,7 +155,7 @@ PoolOptions checked(PoolOptions options) {
 std::shared_ptr<Response> urlopen_transport(const Request& request, TransportOptions options) {
   // A pool that keeps nothing. Never destroyed: a reply may outlive the end of `main`.
   static const auto& pool = *new auto(std::make_shared<net::Pool>(PoolOptions{.max_idle = 0}));
-  return call(request, options, pool);
+  return open(request, options, pool);
 }
 
 PooledTransport::PooledTransport(PoolOptions options)
@@ -158,7 +163,7 @@ PooledTransport::PooledTransport(PoolOptions options)
 
 std::shared_ptr<Response> PooledTransport::operator()(const Request& request,
                                                       TransportOptions options) const {
-  return call(request, options, pool_);
+  return open(request, options, pool_);
 }
 
 }  // namespace engines::http

@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <new>
@@ -36,17 +35,14 @@ constexpr std::size_t TLS_RECORD_BYTES = 16384;
 std::atomic<unsigned> forks = 0;  // between the first process and this one
 const int atfork_error = pthread_atfork(nullptr, nullptr, [] { ++forks; });
 
-void initialise_libcurl() {
+CURLM* new_multi() {
   // Never undone: another user of libcurl in the process may still need it.
   static const CURLcode code = curl_global_init(CURL_GLOBAL_DEFAULT);
-  if (code != CURLE_OK || atfork_error != 0) throw std::bad_alloc();
+  return code == CURLE_OK && atfork_error == 0 ? curl_multi_init() : nullptr;
 }
 
-template <class Value>
-void set(CURL* easy, CURLoption option, Value value) {
-  const CURLcode code = curl_easy_setopt(easy, option, value);
-  if (code == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
-  if (code != CURLE_OK) throw std::logic_error(curl_easy_strerror(code));
+curl_socket_t on_socket(void*, curlsocktype, curl_sockaddr* address) noexcept {
+  return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
 }
 
 const char* or_null(const std::string& text) { return text.empty() ? nullptr : text.c_str(); }
@@ -75,38 +71,35 @@ std::string trust_variable(const char* name, char separator = '\0') {
   refuse(std::string(name) + " names nothing that can be read");
 }
 
-/// Whether OpenSSL finds certificates in the directory: by the hash of their subject.
+/// Whether the directory has certificates where OpenSSL looks: by the hash of their subject.
 bool is_hashed(const std::string& directory) {
   std::error_code error;
-  for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
-       entry.increment(error)) {
-    const std::string name = entry->path().filename().string();
-    if (name.size() == 10 && name.ends_with(".0") &&
-        name.find_first_not_of("0123456789abcdef") == 8) {
-      return true;
-    }
-  }
-  return false;
+  const std::filesystem::directory_iterator entries(directory, error);
+  return std::any_of(begin(entries), end(entries), [](const auto& entry) {
+    const std::string name = entry.path().filename().string();
+    return name.size() == 10 && name.ends_with(".0");
+  });
 }
 
-struct Trust {
-  std::string file;
-  std::string directory;
-};
-
-/// The trusted certificates; empty: libcurl's own default. libcurl takes neither OpenSSL's
-/// variables nor the cheaper of the platform's two stores by itself: it parses the whole bundle for
-/// each fresh connection, where a hashed directory gives the one certificate that is needed.
-Trust trust(CURL* easy, const PoolOptions& options) {
-  Trust trust{options.ca_file, options.ca_directory};
-  if (!trust.file.empty() || !trust.directory.empty()) return trust;
-  trust = {trust_variable("SSL_CERT_FILE"), trust_variable("SSL_CERT_DIR", ':')};
+/// The file and the directory of the trusted certificates; both empty: libcurl's own default.
+/// libcurl takes neither OpenSSL's variables nor the cheaper of the platform's two stores by
+/// itself: it parses the whole bundle for each fresh connection, where a hashed directory gives the
+/// one certificate that is needed.
+std::pair<std::string, std::string> trust(CURL* easy, const PoolOptions& options) {
+  if (!(options.ca_file + options.ca_directory).empty()) {
+    return {options.ca_file, options.ca_directory};
+  }
+  const std::string file = trust_variable("SSL_CERT_FILE");
+  const std::string directory = trust_variable("SSL_CERT_DIR", ':');
   char* platforms = nullptr;
   curl_easy_getinfo(easy, CURLINFO_CAPATH, &platforms);
-  if (trust.directory.empty() && platforms != nullptr && is_hashed(platforms)) {
-    trust.directory = platforms;
-  }
-  return trust;
+  const bool is_platforms = directory.empty() && platforms != nullptr && is_hashed(platforms);
+  return {file, is_platforms ? platforms : directory};
+}
+
+/// The file that holds the client's key; empty: there is none.
+const std::string& key_file(const PoolOptions& options) {
+  return options.client_key.empty() ? options.client_certificate : options.client_key;
 }
 
 /// libcurl's TLS session on this handle; its backend says whose object `internals` is.
@@ -119,46 +112,31 @@ curl_tlssessioninfo tls_session(CURL* easy) {
 }  // namespace
 
 void check_certificates(const PoolOptions& options) {
-  if ((options.ca_file + options.ca_directory + options.client_certificate + options.client_key)
-          .empty()) {
-    return;
-  }
   const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(SSL_CTX_new(TLS_client_method()),
                                                                   &SSL_CTX_free);
   if (!context) throw std::bad_alloc();
-  SSL_CTX_set_default_passwd_cb(context.get(), [](char*, int, int, void*) { return 0; });
-  const char* const file = options.ca_file.c_str();
-  const char* const certificate = options.client_certificate.c_str();
-  const char* const key = options.client_key.empty() ? certificate : options.client_key.c_str();
-  const char* unusable = nullptr;
-  if (*file != '\0' && SSL_CTX_load_verify_locations(context.get(), file, nullptr) != 1) {
-    unusable = "ca_file";
-  } else if (!options.ca_directory.empty() &&
-             access((options.ca_directory + "/.").c_str(), R_OK) != 0) {
-    unusable = "ca_directory";
-  } else if (*certificate != '\0' &&
-             SSL_CTX_use_certificate_chain_file(context.get(), certificate) != 1) {
-    unusable = "client_certificate";
-  } else if (*key != '\0' &&
-             (*certificate == '\0' ||
-              SSL_CTX_use_PrivateKey_file(context.get(), key, SSL_FILETYPE_PEM) != 1)) {
-    unusable = "client_key";
-  }
-  ERR_clear_error();
-  if (unusable) refuse(std::string("PoolOptions::") + unusable + " cannot be read or used");
+  SSL_CTX* const tls = context.get();
+  SSL_CTX_set_default_passwd_cb(tls, [](char*, int, int, void*) { return 0; });
+  const auto require = [](bool is_usable, const char* option) {
+    ERR_clear_error();
+    if (!is_usable) refuse(std::string("PoolOptions::") + option + " cannot be read or used");
+  };
+  const std::string &file = options.ca_file, &directory = options.ca_directory,
+                    &certificate = options.client_certificate, &key = key_file(options);
+  require(file.empty() || SSL_CTX_load_verify_locations(tls, file.c_str(), nullptr) == 1,
+          "ca_file");
+  require(directory.empty() || access((directory + "/.").c_str(), R_OK) == 0, "ca_directory");
+  require(certificate.empty() || SSL_CTX_use_certificate_chain_file(tls, certificate.c_str()) == 1,
+          "client_certificate");
+  require(key.empty() || (!certificate.empty() &&
+                          SSL_CTX_use_PrivateKey_file(tls, key.c_str(), SSL_FILETYPE_PEM) == 1),
+          "client_key");
 }
 
 unsigned process_number() noexcept { return forks; }
 
-bool Route::operator==(const Route& other) const {
-  if (origin != other.origin || (proxy == nullptr) != (other.proxy == nullptr)) return false;
-  return !proxy ||
-         (proxy->origin == other.proxy->origin && proxy->credentials == other.proxy->credentials &&
-          tunnel_authorization == other.tunnel_authorization);
-}
-
 const Url* Route::tunnel() const {
-  return proxy && !is_forwarding(*proxy, origin) ? proxy.get() : nullptr;
+  return proxy && !is_forwarding(*proxy, origin) ? &*proxy : nullptr;
 }
 
 const Origin& Route::peer() const { return proxy && !tunnel() ? proxy->origin : origin; }
@@ -166,91 +144,85 @@ const Origin& Route::peer() const { return proxy && !tunnel() ? proxy->origin : 
 // ---- Connecting ---------------------------------------------------------------------------------
 
 Connection::Connection(Route route, const PoolOptions& options, Limits& limits)
-    : route_(std::move(route)), is_secure_(route_.peer().scheme == "https") {
-  limits.check(Phase::connecting);
-  initialise_libcurl();
-  multi_.reset(curl_multi_init());
-  easy_ = curl_easy_init();
-  // From here on the destructor does not run: the easy handle is the guard's until the end.
-  std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> guard(easy_, &curl_easy_cleanup);
+    : route_(std::move(route)),
+      is_secure_(route_.peer().scheme == "https"),
+      proxy_headers_(nullptr, &curl_slist_free_all),
+      multi_(new_multi(), &curl_multi_cleanup),
+      easy_(curl_easy_init(), {multi_.get()}) {
   if (!multi_ || !easy_) throw std::bad_alloc();
   set_up(options);
-  if (curl_multi_add_handle(multi_.get(), easy_) != CURLM_OK) throw std::bad_alloc();
-  try {
-    connect(limits);
-  } catch (...) {
-    curl_multi_remove_handle(multi_.get(), easy_);
-    throw;
-  }
-  static_cast<void>(guard.release());
+  if (curl_multi_add_handle(multi_.get(), easy_.get()) != CURLM_OK) throw std::bad_alloc();
+  connect(limits);
 }
 
 Connection::~Connection() {
-  if (is_ours()) {
-    curl_multi_remove_handle(multi_.get(), easy_);
-    curl_easy_cleanup(easy_);
-  } else {
-    static_cast<void>(multi_.release());
-  }
+  if (is_ours()) return;
+  static_cast<void>(easy_.release());
+  static_cast<void>(multi_.release());
+}
+
+template <class Value>
+void Connection::set(CURLoption option, Value value) {
+  const CURLcode code = curl_easy_setopt(easy_.get(), option, value);
+  if (code == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
+  if (code != CURLE_OK) throw std::logic_error(curl_easy_strerror(code));
 }
 
 void Connection::set_up(const PoolOptions& options) {
-  set(easy_, CURLOPT_URL, url_of(route_.peer()).c_str());
-  set(easy_, CURLOPT_CONNECT_ONLY, 1L);
-  set(easy_, CURLOPT_ERRORBUFFER, error_text_);
-  set(easy_, CURLOPT_PROTOCOLS_STR, "http,https");
-  set(easy_, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-  set(easy_, CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
-  set(easy_, CURLOPT_USERAGENT, or_null(options.user_agent));  // of a CONNECT
-  set(easy_, CURLOPT_TCP_NODELAY, 1L);
-  set(easy_, CURLOPT_BUFFERSIZE, RECEIVE_BYTES);  // bounds curl_easy_recv
+  set(CURLOPT_URL, url_of(route_.peer()).c_str());
+  set(CURLOPT_CONNECT_ONLY, 1L);
+  set(CURLOPT_ERRORBUFFER, error_text_);
+  set(CURLOPT_PROTOCOLS_STR, "http,https");
+  set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+  set(CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
+  set(CURLOPT_USERAGENT, or_null(options.user_agent));  // of a CONNECT
+  set(CURLOPT_TCP_NODELAY, 1L);
+  set(CURLOPT_BUFFERSIZE, RECEIVE_BYTES);  // bounds curl_easy_recv
   // Signals belong to the application; a resolver that hangs must not hold the end of the call.
-  set(easy_, CURLOPT_NOSIGNAL, 1L);
-  set(easy_, CURLOPT_QUICK_EXIT, 1L);
-  set(easy_, CURLOPT_OPENSOCKETFUNCTION, &on_socket);
+  set(CURLOPT_NOSIGNAL, 1L);
+  set(CURLOPT_QUICK_EXIT, 1L);
+  set(CURLOPT_OPENSOCKETFUNCTION, &on_socket);
   set_up_proxy();
   const Url* const tunnel = route_.tunnel();
   if (is_secure_ || (tunnel && tunnel->origin.scheme == "https")) set_up_tls(options);
 }
 
 void Connection::set_up_proxy() {
-  set(easy_, CURLOPT_NOPROXY, "");  // which proxy there is was decided before
+  set(CURLOPT_NOPROXY, "");  // which proxy there is was decided before
   const Url* const tunnel = route_.tunnel();
-  set(easy_, CURLOPT_PROXY, tunnel ? url_of(tunnel->origin).c_str() : "");
+  set(CURLOPT_PROXY, tunnel ? url_of(tunnel->origin).c_str() : "");
   if (!tunnel) return;
   if (const auto& credentials = tunnel->credentials) {
-    set(easy_, CURLOPT_PROXYUSERNAME, credentials->user.c_str());
-    set(easy_, CURLOPT_PROXYPASSWORD, credentials->password.c_str());
+    set(CURLOPT_PROXYUSERNAME, credentials->user.c_str());
+    set(CURLOPT_PROXYPASSWORD, credentials->password.c_str());
   }
   if (!route_.tunnel_authorization.empty()) {
     const std::string line = "Proxy-Authorization: " + route_.tunnel_authorization;
     proxy_headers_.reset(curl_slist_append(nullptr, line.c_str()));
     if (!proxy_headers_) throw std::bad_alloc();
-    set(easy_, CURLOPT_PROXYHEADER, proxy_headers_.get());
+    set(CURLOPT_PROXYHEADER, proxy_headers_.get());
   }
-  set(easy_, CURLOPT_HEADERFUNCTION, &on_proxy_line);
-  set(easy_, CURLOPT_HEADERDATA, this);
+  set(CURLOPT_HEADERFUNCTION, &on_proxy_line);
+  set(CURLOPT_HEADERDATA, this);
 }
 
 void Connection::set_up_tls(const PoolOptions& options) {
-  set(easy_, CURLOPT_SSL_VERIFYPEER, 1L);
-  set(easy_, CURLOPT_SSL_VERIFYHOST, 2L);
-  const auto [file, directory] = trust(easy_, options);
+  set(CURLOPT_SSL_VERIFYPEER, 1L);
+  set(CURLOPT_SSL_VERIFYHOST, 2L);
+  const auto [file, directory] = trust(easy_.get(), options);
   if (!file.empty() || !directory.empty()) {
-    set(easy_, CURLOPT_CAINFO, or_null(file));
-    set(easy_, CURLOPT_CAPATH, or_null(directory));
-    set(easy_, CURLOPT_PROXY_CAINFO, or_null(file));
-    set(easy_, CURLOPT_PROXY_CAPATH, or_null(directory));
+    set(CURLOPT_CAINFO, or_null(file));
+    set(CURLOPT_CAPATH, or_null(directory));
+    set(CURLOPT_PROXY_CAINFO, or_null(file));
+    set(CURLOPT_PROXY_CAPATH, or_null(directory));
   }
   if (!options.client_certificate.empty()) {
-    const bool has_key = !options.client_key.empty();
-    set(easy_, CURLOPT_SSLCERT, options.client_certificate.c_str());
-    set(easy_, CURLOPT_SSLKEY, (has_key ? options.client_key : options.client_certificate).c_str());
+    set(CURLOPT_SSLCERT, options.client_certificate.c_str());
+    set(CURLOPT_SSLKEY, key_file(options).c_str());
   }
-  has_openssl_ = tls_session(easy_).backend == CURLSSLBACKEND_OPENSSL;
-  if (!has_openssl_) return;
-  set(easy_, CURLOPT_SSL_CTX_FUNCTION, &on_tls_context);
-  set(easy_, CURLOPT_SSL_CTX_DATA, this);
+  if (tls_session(easy_.get()).backend != CURLSSLBACKEND_OPENSSL) return;
+  set(CURLOPT_SSL_CTX_FUNCTION, &on_tls_context);
+  set(CURLOPT_SSL_CTX_DATA, this);
 }
 
 /// OpenSSL by default stays inside one read while records without content keep coming (new keys
@@ -269,17 +241,8 @@ CURLcode Connection::on_tls_context(CURL*, void* context, void* self) noexcept {
 void Connection::on_tls_message(int, int, int, const void*, std::size_t, ssl_st* session,
                                 void* self) noexcept {
   auto& connection = *static_cast<Connection*>(self);
-  if (connection.limits_ == nullptr || connection.failure_) return;
-  try {
-    connection.limits_->check(Phase::connecting, connection.connect_until_);
-  } catch (...) {
-    connection.failure_ = std::current_exception();
-    SSL_set0_rbio(session, BIO_new(BIO_s_null()));
-  }
-}
-
-curl_socket_t Connection::on_socket(void*, curlsocktype, curl_sockaddr* address) noexcept {
-  return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  const bool is_connecting = connection.limits_ != nullptr;
+  if (is_connecting && connection.is_over()) SSL_set0_rbio(session, BIO_new(BIO_s_null()));
 }
 
 /// libcurl would read the body of a proxy's refusal to its end, and look at no time while lines
@@ -287,18 +250,23 @@ curl_socket_t Connection::on_socket(void*, curlsocktype, curl_sockaddr* address)
 std::size_t Connection::on_proxy_line(char* text, std::size_t, std::size_t size,
                                       void* self) noexcept {
   auto& connection = *static_cast<Connection*>(self);
-  try {
-    connection.limits_->check(Phase::connecting, connection.connect_until_);
-    const std::string_view line(text, size);
-    if (line.starts_with("HTTP/") && line.size() > 12 && line[9] != '1' && line[9] != '2') {
-      throw URLError(OSError("cannot connect: the proxy refused the tunnel, status " +
-                             std::string(line.substr(9, 3))));
-    }
-    return size;
-  } catch (...) {
-    connection.failure_ = std::current_exception();
-    return 0;
+  const std::string_view line(text, size);
+  if (line.starts_with("HTTP/") && line.size() > 12 && line[9] != '1' && line[9] != '2') {
+    connection.failure_ = std::make_exception_ptr(URLError(OSError(
+        "cannot connect: the proxy refused the tunnel, status " + std::string(line.substr(9, 3)))));
   }
+  return connection.is_over() ? 0 : size;
+}
+
+/// Whether connecting must end; `failure_` says why.
+bool Connection::is_over() noexcept {
+  if (failure_) return true;
+  try {
+    limits_->check(Phase::connecting, connect_until_);
+  } catch (...) {
+    failure_ = std::current_exception();
+  }
+  return failure_ != nullptr;
 }
 
 void Connection::connect(Limits& limits) {
@@ -307,7 +275,7 @@ void Connection::connect(Limits& limits) {
   connect_until_ = from + limits.longest_wait(Phase::connecting);
   // libcurl divides this among a host's addresses, so that a dead one leaves time for the next.
   const int longest = milliseconds(connect_until_ - from);
-  set(easy_, CURLOPT_CONNECTTIMEOUT_MS, std::max(static_cast<long>(longest), 1L));
+  set(CURLOPT_CONNECTTIMEOUT_MS, std::max(static_cast<long>(longest), 1L));
   for (;;) {
     const Duration wait = std::min(limits.check(Phase::connecting, connect_until_), CONNECT_POLL);
     int count = 0;
@@ -323,28 +291,23 @@ void Connection::connect(Limits& limits) {
   }
   limits_ = nullptr;
   error_text_[0] = '\0';
-  curl_easy_getinfo(easy_, CURLINFO_OS_ERRNO, &connect_errno_);
-  curl_easy_getinfo(easy_, CURLINFO_ACTIVESOCKET, &socket_);
+  curl_easy_getinfo(easy_.get(), CURLINFO_OS_ERRNO, &connect_errno_);
+  curl_easy_getinfo(easy_.get(), CURLINFO_ACTIVESOCKET, &socket_);
   limits.spend(Phase::connecting, SteadyClock::now() - from);
 }
 
 void Connection::fail(CURLcode code) const {
-  long os_error = 0;
-  curl_easy_getinfo(easy_, CURLINFO_OS_ERRNO, &os_error);
-  const auto text = [&](const char* situation) {
-    const char* const quote = error_text_[0] != '\0' ? error_text_ : curl_easy_strerror(code);
-    return std::string(situation) + ": " + quote;
-  };
+  const StreamError error = error_of(code);
+  const auto text = [&](const char* situation) { return described(situation, {0, error.text}); };
+  const bool is_to_proxy = route_.proxy && !route_.tunnel();
   switch (code) {
     case CURLE_OUT_OF_MEMORY:
       throw std::bad_alloc();
     case CURLE_COULDNT_RESOLVE_HOST:
-    case CURLE_COULDNT_RESOLVE_PROXY: {
-      const bool is_proxys =
-          code == CURLE_COULDNT_RESOLVE_PROXY || &route_.peer() != &route_.origin;
-      throw URLError(gaierror(
-          text(is_proxys ? "the proxy's name did not resolve" : "the host name did not resolve")));
-    }
+    case CURLE_COULDNT_RESOLVE_PROXY:
+      throw URLError(gaierror(text(code == CURLE_COULDNT_RESOLVE_PROXY || is_to_proxy
+                                       ? "the proxy's name did not resolve"
+                                       : "the host name did not resolve")));
     case CURLE_OPERATION_TIMEDOUT:
       limits_->time_out(Phase::connecting);
     case CURLE_PEER_FAILED_VERIFICATION:
@@ -353,10 +316,10 @@ void Connection::fail(CURLcode code) const {
       refuse(text("the CA certificates (PoolOptions::ca_file, SSL_CERT_FILE) cannot be read"));
     case CURLE_SSL_CERTPROBLEM:
       refuse(text("PoolOptions::client_certificate or client_key cannot be used"));
+    case CURLE_SSL_CONNECT_ERROR:
+      throw_unsent("cannot set up a secure connection", error);
     default:
-      throw_unsent(
-          code == CURLE_SSL_CONNECT_ERROR ? "cannot set up a secure connection" : "cannot connect",
-          {static_cast<int>(os_error), error_text_});
+      throw_unsent("cannot connect", error);
   }
 }
 
@@ -365,7 +328,7 @@ void Connection::fail(CURLcode code) const {
 IoResult Connection::send(std::string_view bytes) {
   if (is_secure_) bytes = bytes.substr(0, TLS_RECORD_BYTES);
   std::size_t sent = 0;
-  const CURLcode code = curl_easy_send(easy_, bytes.data(), bytes.size(), &sent);
+  const CURLcode code = curl_easy_send(easy_.get(), bytes.data(), bytes.size(), &sent);
   if (code == CURLE_OK) return {Io::moved, sent};
   if (code == CURLE_AGAIN) return {Io::blocked};
   broke_by_ = code;
@@ -374,7 +337,7 @@ IoResult Connection::send(std::string_view bytes) {
 
 IoResult Connection::receive(char* to, std::size_t room) {
   std::size_t received = 0;
-  const CURLcode code = curl_easy_recv(easy_, to, room, &received);
+  const CURLcode code = curl_easy_recv(easy_.get(), to, room, &received);
   if (code == CURLE_OK) return {received == 0 ? Io::ended : Io::moved, received};
   if (code == CURLE_AGAIN) return {Io::blocked};
   if (code == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
@@ -392,25 +355,32 @@ void Connection::wait(bool to_send, Duration at_most) {
 
 bool Connection::ended_properly() const {
   if (broke_by_ != CURLE_OK) return false;
-  if (!is_secure_ || !has_openssl_) return true;
-  const auto* const session = static_cast<const SSL*>(tls_session(easy_).internals);
-  return session != nullptr && (SSL_get_shutdown(session) & SSL_RECEIVED_SHUTDOWN) != 0;
+  const auto [backend, session] = tls_session(easy_.get());
+  if (!is_secure_ || backend != CURLSSLBACKEND_OPENSSL) return true;
+  return session && (SSL_get_shutdown(static_cast<SSL*>(session)) & SSL_RECEIVED_SHUTDOWN) != 0;
 }
 
 StreamError Connection::error() const {
+  StreamError error = error_of(broke_by_);
+  if (error.os_error == connect_errno_) error.os_error = 0;
+  return error;
+}
+
+/// What the system and libcurl say of an operation that ended with this code.
+StreamError Connection::error_of(CURLcode code) const {
   long os_error = 0;
-  curl_easy_getinfo(easy_, CURLINFO_OS_ERRNO, &os_error);
-  if (os_error == connect_errno_) os_error = 0;
-  const bool has_text = error_text_[0] != '\0' || broke_by_ == CURLE_OK;
-  return {static_cast<int>(os_error), has_text ? error_text_ : curl_easy_strerror(broke_by_)};
+  curl_easy_getinfo(easy_.get(), CURLINFO_OS_ERRNO, &os_error);
+  const bool has_text = error_text_[0] != '\0' || code == CURLE_OK;
+  return {static_cast<int>(os_error), has_text ? error_text_ : curl_easy_strerror(code)};
 }
 
 bool Connection::is_quiet() {
+  pollfd connection{.fd = socket_, .events = POLLIN, .revents = 0};
+  if (!is_secure_) return poll(&connection, 1, 0) == 0;
   // What carries nothing of a reply (late session tickets) is received away, within reason.
   for (int records = 0; records < 16; ++records) {
     char byte = 0;
     if (receive(&byte, 1).state != Io::blocked) return false;
-    pollfd connection{.fd = socket_, .events = POLLIN, .revents = 0};
     if (poll(&connection, 1, 0) == 0) return true;
   }
   return false;

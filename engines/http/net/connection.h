@@ -8,6 +8,7 @@
 
 #include <exception>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "engines/http/net/limits.h"
@@ -20,11 +21,11 @@ namespace engines::http::net {
 /// Where a connection leads. Requests with the same route may share a connection: a proxy that
 /// forwards one request may pass the bytes after it on to the same server.
 struct Route {
-  Origin origin;                       // what the requests are for
-  std::shared_ptr<const Url> proxy;    // null: none
-  std::string tunnel_authorization{};  // for a proxy that is a tunnel; empty: its URL's userinfo
+  Origin origin;                     // what the requests are for
+  std::optional<Url> proxy;          // none: there is none
+  std::string tunnel_authorization;  // for a proxy that is a tunnel; empty: its URL's userinfo
 
-  bool operator==(const Route& other) const;
+  bool operator==(const Route&) const = default;
   /// The proxy, where it is a tunnel to the origin; else null.
   const Url* tunnel() const;
   /// Whom an exchange speaks to: the origin, or the proxy that forwards its requests.
@@ -63,18 +64,24 @@ class Connection final : public Stream {
   StreamError error() const override;
 
  private:
-  struct Free {
-    void operator()(CURLM* multi) const noexcept { curl_multi_cleanup(multi); }
-    void operator()(curl_slist* list) const noexcept { curl_slist_free_all(list); }
+  struct FreeEasy {
+    CURLM* multi = nullptr;
+    void operator()(CURL* easy) const noexcept {
+      curl_multi_remove_handle(multi, easy);
+      curl_easy_cleanup(easy);
+    }
   };
+  template <class Value>
+  void set(CURLoption option, Value value);
 
   void set_up(const PoolOptions& options);
   void set_up_proxy();
   void set_up_tls(const PoolOptions& options);
   void connect(Limits& limits);
+  bool is_over() noexcept;
   [[noreturn]] void fail(CURLcode code) const;
+  StreamError error_of(CURLcode code) const;
 
-  static curl_socket_t on_socket(void*, curlsocktype, curl_sockaddr* address) noexcept;
   static CURLcode on_tls_context(CURL*, void* context, void* self) noexcept;
   static void on_tls_message(int, int, int, const void*, std::size_t, ssl_st* session,
                              void* self) noexcept;
@@ -82,18 +89,17 @@ class Connection final : public Stream {
 
   const Route route_;
   const unsigned process_ = process_number();
-  bool is_secure_ = false;  // whether the peer is spoken to over TLS
-  bool has_openssl_ = false;
+  const bool is_secure_;  // whether the peer is spoken to over TLS
   curl_socket_t socket_ = CURL_SOCKET_BAD;
   long connect_errno_ = 0;  // what an address that failed left behind
   CURLcode broke_by_ = CURLE_OK;
   char error_text_[CURL_ERROR_SIZE] = {};
-  const Limits* limits_ = nullptr;  // while connecting,
-  TimePoint connect_until_;         // until when,
-  std::exception_ptr failure_;      // and what a callback threw
-  std::unique_ptr<curl_slist, Free> proxy_headers_;
-  std::unique_ptr<void, Free> multi_;  // its easy handle stays in it: it owns the connection
-  CURL* easy_ = nullptr;
+  const Limits* limits_ = nullptr;  // null: it is connected
+  TimePoint connect_until_;
+  std::exception_ptr failure_;  // why connecting must end, where that is no failure of libcurl's
+  std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> proxy_headers_;
+  std::unique_ptr<CURLM, decltype(&curl_multi_cleanup)> multi_;  // owns the connection
+  std::unique_ptr<CURL, FreeEasy> easy_;
 };
 
 }  // namespace engines::http::net

@@ -2,13 +2,14 @@
 #include "engines/http/net/exchange.h"
 
 #include <algorithm>
+#include <boost/beast/core/string.hpp>
 #include <boost/beast/http/basic_parser.hpp>
-#include <cstring>
 #include <limits>
 #include <optional>
 #include <utility>
 
 #include "engines/http/net/proxy.h"
+#include "engines/http/text/base64.h"
 #include "engines/http/text/case.h"
 
 namespace engines::http::net {
@@ -16,23 +17,24 @@ namespace {
 
 namespace beast = boost::beast;
 
-constexpr std::size_t FIRST_INPUT_BYTES = 16384;
+/// One receive of a head, in which small replies come whole.
+constexpr std::size_t HEAD_RECEIVE_BYTES = 16384;
 /// One receive of a body, and the most that frames a chunk.
 constexpr std::size_t RECEIVE_BYTES = 65536;
-/// The most of a body that `finish` takes.
+/// The most of a body that `finish` takes, and in how many receives.
 constexpr std::size_t DRAINED_BYTES = 65536;
+constexpr int DRAINING_READS = 4;
 /// Bodies up to this size leave in one piece with the head.
 constexpr std::size_t COPIED_BODY_BYTES = 61440;
-/// So much of a request is sent before a reply is looked for.
-constexpr std::size_t UNWATCHED_BYTES = 1 << 20;
-/// How many receives `finish` makes at most.
-constexpr int DRAINING_READS = 4;
 /// The most that `max_header_bytes` can say.
 constexpr std::size_t MAX_HEADER_BYTES = 307200;
 /// More header lines than most replies have.
 constexpr std::size_t USUAL_HEADERS = 16;
 
-bool is_final(StatusCode status) { return status >= 200; }
+/// RFC 7617, section 2.
+std::string basic_authorization(const Credentials& credentials) {
+  return "Basic " + detail::base64(credentials.user + ":" + credentials.password);
+}
 
 }  // namespace
 
@@ -40,9 +42,8 @@ bool is_final(StatusCode status) { return status >= 200; }
 
 std::string request_head(const Hop& hop, const Url* proxy, const PoolOptions& options) {
   const Origin& origin = hop.url->origin;
-  const bool is_default_port = origin.port == (origin.scheme == "https" ? "443" : "80");
-  const std::string host = is_default_port ? origin.host : origin.address();
-  const bool to_proxy = proxy && is_forwarding(*proxy, origin);
+  const std::string host = origin.host_field();
+  const bool is_forwarded = proxy && is_forwarding(*proxy, origin);
   std::string head;
   const auto add = [&head](std::string_view name, std::string_view value) {
     head.append(name).append(value.empty() ? ":" : ": ").append(value).append("\r\n");
@@ -52,21 +53,20 @@ std::string request_head(const Hop& hop, const Url* proxy, const PoolOptions& op
   };
   head.reserve(512);
   head.append(hop.method).append(" ");
-  if (to_proxy) head.append(origin.scheme).append("://").append(host);
+  if (is_forwarded) head.append(origin.scheme).append("://").append(host);
   head.append(hop.url->target).append(" HTTP/1.1\r\n");
   add_default("Host", host);
   if (!options.user_agent.empty()) add_default("User-Agent", options.user_agent);
   add_default("Accept", "*/*");
   add_default("Accept-Encoding", "gzip");
   if (hop.credentials) add("Authorization", basic_authorization(*hop.credentials));
-  if (to_proxy && proxy->credentials) {
+  if (is_forwarded && proxy->credentials) {
     add_default("Proxy-Authorization", basic_authorization(*proxy->credentials));
   }
   for (const auto& [name, value] : *hop.headers) {
     // The proxy of a tunnel reads its own header; the server behind the tunnel must not.
-    const bool is_tunnels = proxy && !to_proxy;
-    if (is_tunnels && detail::equal_ignoring_case(name, "proxy-authorization")) continue;
-    add(name, value);
+    const bool is_for_tunnel = detail::equal_ignoring_case(name, "proxy-authorization");
+    if (!proxy || is_forwarded || !is_for_tunnel) add(name, value);
   }
   const bool expects_body = hop.method == "POST" || hop.method == "PUT" || hop.method == "PATCH";
   if (hop.body || expects_body) {
@@ -75,30 +75,14 @@ std::string request_head(const Hop& hop, const Url* proxy, const PoolOptions& op
   return head.append("\r\n");
 }
 
-// ---- InputBuffer --------------------------------------------------------------------------------
-
-Io InputBuffer::fill(Stream& stream, std::size_t capacity) {
-  if (begin_ == end_) begin_ = end_ = 0;
-  if (capacity > capacity_ || end_ == capacity_) {
-    capacity_ = std::max(capacity, capacity_);
-    auto moved = std::make_unique_for_overwrite<char[]>(capacity_);
-    const std::size_t size = end_ - begin_;
-    if (size > 0) std::memcpy(moved.get(), data_.get() + begin_, size);
-    data_ = std::move(moved);
-    begin_ = 0;
-    end_ = size;
-  }
-  const IoResult result = stream.receive(data_.get() + end_, capacity_ - end_);
-  end_ += result.bytes;
-  return result.state;
-}
-
 // ---- Parser -------------------------------------------------------------------------------------
 
 /// Reads a head, and after it the chunks of a body into `out`, up to `room` bytes.
 class Exchange::Parser final : public beast::http::basic_parser<false> {
  public:
-  Parser(std::size_t max_lines, bool has_no_body) : max_lines_(max_lines) {
+  /// `lines` counts the header lines, trailers included, up to `max_lines`.
+  Parser(std::size_t max_lines, std::size_t& lines, bool has_no_body)
+      : max_lines_(max_lines), lines_(lines) {
     this->header_limit(std::numeric_limits<std::uint32_t>::max());  // is bounded by the exchange
     this->body_limit(std::numeric_limits<std::uint64_t>::max());
     this->skip(has_no_body);
@@ -129,7 +113,6 @@ class Exchange::Parser final : public beast::http::basic_parser<false> {
 
   StatusCode status = 0;
   std::vector<Headers::Entry> fields;
-  std::size_t lines = 0;  // trailers included
   std::string* out = nullptr;
   std::size_t room = 0;
 
@@ -143,18 +126,24 @@ class Exchange::Parser final : public beast::http::basic_parser<false> {
 
   void on_response_impl(int code, beast::string_view, int, beast::error_code&) override {
     if (code < 100) throw BadStatusLine("the reply's status line is malformed: its status");
+    if (code == 101) {
+      throw HTTPException("the reply switches protocols, which was not asked for");
+    }
     status = code;
   }
 
-  void on_field_impl(beast::http::field, beast::string_view name, beast::string_view value,
+  void on_field_impl(beast::http::field field, beast::string_view name, beast::string_view value,
                      beast::error_code&) override {
-    if (++lines > max_lines_) {
+    if (++lines_ > max_lines_) {
       throw HTTPException("the reply has more than " + std::to_string(max_lines_) + " headers");
     }
-    if (!this->is_header_done()) {  // else it is a trailer
-      fields.emplace_back(std::string(name.data(), name.size()),
-                          std::string(value.data(), value.size()));
+    if (this->is_header_done()) return;  // a trailer
+    if (field == beast::http::field::transfer_encoding && !beast::iequals(value, "chunked") &&
+        !beast::iequals(value, "identity")) {
+      throw HTTPException("the reply has a transfer coding that was not asked for");
     }
+    fields.emplace_back(std::string(name.data(), name.size()),
+                        std::string(value.data(), value.size()));
   }
 
   std::size_t on_chunk_body_impl(std::uint64_t, beast::string_view body,
@@ -179,159 +168,143 @@ class Exchange::Parser final : public beast::http::basic_parser<false> {
   }
   void on_finish_impl(beast::error_code&) override {}
 
-  std::size_t max_lines_;
+  const std::size_t max_lines_;
+  std::size_t& lines_;
   std::uint64_t chunk_left_ = 0;  // of the data of the current chunk
 };
 
-// ---- Sending, and the head of the reply ---------------------------------------------------------
+// ---- Receiving ----------------------------------------------------------------------------------
 
 Exchange::Exchange(Stream& stream, Limits& limits, const PoolOptions& options)
     : stream_(stream), limits_(limits), options_(options) {}
 
 Exchange::~Exchange() = default;
 
+Io Exchange::receive(std::size_t at_most) {
+  const auto room = input_.prepare(at_most);
+  const IoResult result = stream_.receive(static_cast<char*>(room.data()), room.size());
+  input_.commit(result.bytes);
+  return result.state;
+}
+
+std::string_view Exchange::input() const {
+  return {static_cast<const char*>(input_.data().data()), input_.size()};
+}
+
+// ---- Sending, and the head of the reply ---------------------------------------------------------
+
 void Exchange::run(std::string head, std::string_view body, bool is_head_request) {
   is_head_request_ = is_head_request;
+  parser_ = std::make_unique<Parser>(options_.max_headers, header_lines_, is_head_request_);
   if (body.size() <= COPIED_BODY_BYTES) head.append(std::exchange(body, {}));
   send(head);
-  if (!has_final_head_) send(body);
-  is_sent_ = !has_final_head_;
-  if (is_sent_) await_head();
+  if (status_ == 0) send(body);
+  if (status_ != 0) return;
+  is_sent_ = true;
+  const TimePoint from = SteadyClock::now();
+  const TimePoint until = from + limits_.longest_wait(Phase::awaiting_head);
+  while (!receive_head()) stream_.wait(false, limits_.check(Phase::awaiting_head, until));
+  limits_.spend(Phase::awaiting_head, SteadyClock::now() - from);
 }
 
 /// Sends the bytes, or a part of them when the final head comes meanwhile.
 void Exchange::send(std::string_view bytes) {
-  std::optional<TimePoint> until;
-  std::size_t unwatched = 0;  // bytes sent since a reply was looked for
+  std::optional<TimePoint> until;  // of the current wait
   while (!bytes.empty()) {
     const IoResult result = stream_.send(bytes);
     if (result.state == Io::moved) {
       bytes.remove_prefix(result.bytes);
-      unwatched += result.bytes;
       until.reset();
       if (!bytes.empty()) limits_.check(Phase::sending);
-      if (unwatched < UNWATCHED_BYTES) continue;
-      unwatched = 0;
-      if (!bytes.empty() && receive_head()) return;
       continue;
     }
     // The peer may have answered before it closed.
     if (receive_head()) return;
     if (result.state == Io::broken) fail_without_head(result.state);
     if (!until) until = SteadyClock::now() + limits_.longest_wait(Phase::sending);
-    wait(Phase::sending, *until, true);
+    stream_.wait(true, limits_.check(Phase::sending, *until));
   }
-}
-
-void Exchange::await_head() {
-  const TimePoint from = SteadyClock::now();
-  const TimePoint until = from + limits_.longest_wait(Phase::awaiting_head);
-  while (!receive_head()) wait(Phase::awaiting_head, until);
-  limits_.spend(Phase::awaiting_head, SteadyClock::now() - from);
 }
 
 /// Takes what is here; whether the final head is whole.
 bool Exchange::receive_head() {
   for (;;) {
-    const std::size_t here = input_.bytes().size();
-    check_head_size(here);
-    const Io state = input_.fill(stream_, std::max(FIRST_INPUT_BYTES, 2 * here));
+    // What is left of the buffer: one that has to grow is copied.
+    const Io state = receive(HEAD_RECEIVE_BYTES - input().size() % HEAD_RECEIVE_BYTES);
     if (state == Io::blocked) return false;
     if (state != Io::moved) fail_without_head(state);
     if (parse_head()) return true;
   }
 }
 
-/// Throws where so many bytes more are too many for the heads.
-void Exchange::check_head_size(std::size_t more) const {
-  const std::size_t most = std::min(options_.max_header_bytes, MAX_HEADER_BYTES);
-  if (head_bytes_ + more <= most) return;
-  throw HTTPException("the reply's headers are longer than " + std::to_string(most) + " bytes");
+/// Parses what has been received of the final head and the interim ones before it (RFC 9110,
+/// section 15.2); whether the final head is whole.
+bool Exchange::parse_head() {
+  for (;;) {
+    const std::string_view part = next_part_of_head();
+    if (part.empty()) return false;
+    head_bytes_ += part.size();
+    parser_->take_whole(part);
+    input_.consume(part.size());
+    if (!parser_->is_header_done()) continue;
+    if (parser_->status >= 200) {
+      take_final_head();
+      return true;
+    }
+    parser_ = std::make_unique<Parser>(options_.max_headers, header_lines_, is_head_request_);
+  }
 }
 
 /// The next part of a head that is parsed at once, so that no outcome depends on how it arrives:
 /// the status line, then all fields. Empty while it is not whole.
 std::string_view Exchange::next_part_of_head() {
-  const std::string_view bytes = input_.bytes();
-  const bool has_status = parser_->status != 0;
-  const std::string_view end_mark = has_status ? "\r\n\r\n" : "\n";
-  if (has_status && bytes.starts_with("\r\n")) return bytes.substr(0, 2);  // no fields
-  const std::size_t found = bytes.find(end_mark, searched_);
-  searched_ =
-      found == std::string_view::npos ? bytes.size() - std::min<std::size_t>(bytes.size(), 3) : 0;
-  return found == std::string_view::npos ? "" : bytes.substr(0, found + end_mark.size());
+  const std::string_view bytes = input();
+  const bool has_no_fields = bytes.starts_with("\r\n");
+  const std::string_view end_mark = parser_->status == 0 ? "\n"
+                                    : has_no_fields      ? "\r\n"
+                                                         : "\r\n\r\n";
+  const std::size_t end = bytes.find(end_mark, searched_);
+  const bool is_whole = end != std::string_view::npos;
+  const std::size_t size = is_whole ? end + end_mark.size() : bytes.size();
+  searched_ = is_whole ? 0 : size - std::min<std::size_t>(size, 3);  // a mark may have begun there
+  const std::size_t most = std::min(options_.max_header_bytes, MAX_HEADER_BYTES);
+  if (head_bytes_ + size > most) {
+    throw HTTPException("the reply's headers are longer than " + std::to_string(most) + " bytes");
+  }
+  return is_whole ? bytes.substr(0, size) : "";
 }
 
-/// Parses what has been received of the final head and the interim ones before it (RFC 9110,
-/// section 15.2); whether the final head is whole.
-bool Exchange::parse_head() {
-  for (;;) {
-    if (!parser_) parser_ = std::make_unique<Parser>(options_.max_headers, is_head_request_);
-    const std::string_view part = next_part_of_head();
-    if (part.empty()) return false;
-    check_head_size(part.size());
-    head_bytes_ += part.size();
-    parser_->take_whole(part);
-    input_.consume(part.size());
-    if (parser_->is_header_done() && take_head()) return true;
-  }
-}
-
-/// Takes a head that is whole; whether it is the final one.
-bool Exchange::take_head() {
-  if (parser_->status == 101) {
-    throw HTTPException("the reply switches protocols, which was not asked for");
-  }
-  if (!is_final(parser_->status)) {
-    const std::size_t lines = parser_->lines;
-    parser_ = std::make_unique<Parser>(options_.max_headers, is_head_request_);
-    parser_->lines = lines;
-    return false;
-  }
-  for (const auto& [name, value] : parser_->fields) {
-    if (detail::equal_ignoring_case(name, "transfer-encoding") &&
-        !detail::equal_ignoring_case(value, "chunked") &&
-        !detail::equal_ignoring_case(value, "identity")) {
-      throw HTTPException("the reply has a transfer coding that was not asked for");
-    }
-  }
-  has_final_head_ = true;
+void Exchange::take_final_head() {
   status_ = parser_->status;
   headers_ = Headers(std::move(parser_->fields));
-  is_reusable_ = parser_->keep_alive();
+  is_reusable_ = is_sent_ && parser_->keep_alive();
   if (parser_->is_done()) {
     framing_ = Framing::none;
   } else if (parser_->chunked()) {
     framing_ = Framing::chunked;
-  } else if (const auto length = parser_->content_length()) {
-    framing_ = Framing::sized;
-    bytes_left_ = *length;
   } else {
-    framing_ = Framing::until_end;
+    const auto length = parser_->content_length();
+    framing_ = length ? Framing::sized : Framing::until_end;
+    bytes_left_ = length.value_or(std::numeric_limits<std::uint64_t>::max());
   }
-  return true;
 }
 
 void Exchange::fail_without_head(Io state) const {
   const StreamError error = stream_.error();
-  const bool has_begun = parser_ && (parser_->status != 0 || !input_.bytes().empty());
-  if (!is_sent_ && !has_begun) {
+  const bool is_in_fields = parser_->status != 0;
+  if (!is_sent_ && !is_in_fields && input().empty()) {
     constexpr std::string_view SITUATION = "the connection broke while the request was sent";
     if (error.os_error != 0) throw_unsent(SITUATION, error);
     throw URLError(ConnectionError(described(SITUATION, error)));
   }
   if (state == Io::broken) throw ConnectionError(described("the connection broke", error));
-  if (parser_ && parser_->status != 0) {
+  if (is_in_fields) {
     throw HTTPException(described("the connection was closed inside the reply's headers", error));
   }
   throw DroppedConnection(described("the connection was dropped before a reply began", error));
 }
 
 // ---- The body -----------------------------------------------------------------------------------
-
-void Exchange::wait(Phase phase, TimePoint until, bool to_send) {
-  stream_.wait(to_send, limits_.check(phase, until));
-}
 
 std::size_t Exchange::read(std::string& out, std::size_t amt, bool fill,
                            std::optional<TimePoint> until) {
@@ -345,7 +318,7 @@ std::size_t Exchange::read(std::string& out, std::size_t amt, bool fill,
         limits_.check(Phase::reading_body);
       } else if (framing_ != Framing::none) {
         if (!until) until = SteadyClock::now() + limits_.longest_wait(Phase::reading_body);
-        wait(Phase::reading_body, *until);
+        stream_.wait(false, limits_.check(Phase::reading_body, *until));
       }
     }
   } catch (const TimeoutError&) {
@@ -358,23 +331,18 @@ std::size_t Exchange::read(std::string& out, std::size_t amt, bool fill,
   return out.size() - begin;
 }
 
-/// Takes some of what is here, without waiting.
+/// Takes some of what is here, without waiting, and returns how many bytes; 0: none is here, or the
+/// body has ended.
 std::size_t Exchange::take_body(std::string& out, std::size_t amt) {
-  return framing_ == Framing::chunked ? take_chunked(out, amt) : take_unframed(out, amt);
-}
-
-std::size_t Exchange::take_unframed(std::string& out, std::size_t amt) {
-  const bool is_sized = framing_ == Framing::sized;
-  const std::uint64_t left = is_sized ? bytes_left_ : std::numeric_limits<std::uint64_t>::max();
-  if (input_.bytes().empty()) {
-    const auto capacity = static_cast<std::size_t>(std::min<std::uint64_t>(left, RECEIVE_BYTES));
-    const Io state = input_.fill(stream_, capacity);
-    if (state != Io::moved) return end_body(state), 0;
+  if (framing_ == Framing::chunked) return take_chunked(out, amt);
+  if (input().empty() && !receive_body(std::min<std::uint64_t>(bytes_left_, RECEIVE_BYTES))) {
+    return 0;
   }
-  const std::string_view here = input_.bytes().substr(0, std::min<std::uint64_t>(amt, left));
+  const std::string_view here = input().substr(0, std::min<std::uint64_t>(amt, bytes_left_));
   out.append(here);
   input_.consume(here.size());
-  if (is_sized && (bytes_left_ -= here.size()) == 0) framing_ = Framing::none;
+  bytes_left_ -= here.size();
+  if (bytes_left_ == 0) framing_ = Framing::none;
   return here.size();
 }
 
@@ -383,37 +351,36 @@ std::size_t Exchange::take_chunked(std::string& out, std::size_t amt) {
   parser_->out = &out;
   parser_->room = amt;
   for (;;) {
-    while (!input_.bytes().empty() && !parser_->is_done()) {
-      const std::size_t used = parser_->take(input_.bytes());
+    while (!input().empty() && !parser_->is_done()) {
+      const std::size_t used = parser_->take(input());
       if (used == 0) break;
       input_.consume(used);
     }
     if (parser_->is_done()) framing_ = Framing::none;
     if (parser_->is_done() || out.size() > begin) return out.size() - begin;
-    if (input_.bytes().size() >= RECEIVE_BYTES) {
+    if (input().size() >= RECEIVE_BYTES) {
       throw HTTPException("a chunk size or the trailers of the reply are longer than " +
                           std::to_string(RECEIVE_BYTES) + " bytes");
     }
-    const Io state = input_.fill(stream_, RECEIVE_BYTES);
-    if (state != Io::moved) return end_body(state), 0;
+    if (!receive_body(RECEIVE_BYTES - input().size())) return 0;
   }
 }
 
-/// Nothing more can be taken for now, or at all.
-void Exchange::end_body(Io state) {
-  if (state == Io::blocked) return;
+/// False: nothing is here, or the body has ended.
+bool Exchange::receive_body(std::size_t at_most) {
+  const Io state = receive(at_most);
+  if (state == Io::moved || state == Io::blocked) return state == Io::moved;
   const StreamError error = stream_.error();
   if (state == Io::broken) throw ConnectionError(described("the connection broke", error));
   if (framing_ != Framing::until_end || !stream_.ended_properly()) {
     throw IncompleteRead(described("the reply was cut short", error));
   }
   framing_ = Framing::none;
+  return false;
 }
 
 bool Exchange::finish() {
-  const bool is_worth_it = has_final_head_ && is_reusable_ && is_sent_ && !failure_ &&
-                           (framing_ != Framing::sized || bytes_left_ <= DRAINED_BYTES);
-  if (!is_worth_it) return false;
+  if (!is_reusable_ || failure_ || bytes_left_ > DRAINED_BYTES) return false;
   try {
     std::string drained;
     for (int reads = 0; reads < DRAINING_READS && drained.size() < DRAINED_BYTES; ++reads) {
@@ -422,7 +389,7 @@ bool Exchange::finish() {
   } catch (...) {
     return false;
   }
-  return framing_ == Framing::none && input_.bytes().empty();
+  return framing_ == Framing::none && input().empty();
 }
 
 }  // namespace engines::http::net

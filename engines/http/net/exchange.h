@@ -4,6 +4,7 @@
 // window, and no more of the body is kept here than one receive brought too much.
 #pragma once
 
+#include <boost/beast/core/flat_buffer.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <exception>
@@ -24,27 +25,10 @@ namespace engines::http::net {
 /// null.
 std::string request_head(const Hop& hop, const Url* proxy, const PoolOptions& options);
 
-/// What has been received and is not used yet.
-class InputBuffer {
- public:
-  std::string_view bytes() const noexcept { return {data_.get() + begin_, end_ - begin_}; }
-  void consume(std::size_t count) noexcept { begin_ += count; }
-  /// Receives once, up to at least `capacity` bytes in all, of which there must be fewer.
-  Io fill(Stream& stream, std::size_t capacity);
-
- private:
-  std::unique_ptr<char[]> data_;
-  std::size_t capacity_ = 0;
-  std::size_t begin_ = 0;
-  std::size_t end_ = 0;
-};
-
 class Exchange {
  public:
   /// The stream, the limits and the options must outlive the exchange.
   Exchange(Stream& stream, Limits& limits, const PoolOptions& options);
-  Exchange(const Exchange&) = delete;
-  Exchange& operator=(const Exchange&) = delete;
   ~Exchange();
 
   /// Sends the request and waits for the final head; one that comes before the request is sent
@@ -71,38 +55,37 @@ class Exchange {
   class Parser;
   enum class Framing { none, sized, chunked, until_end };
 
+  Io receive(std::size_t at_most);
+  std::string_view input() const;
+
   void send(std::string_view bytes);
-  void await_head();
   bool receive_head();
-  void check_head_size(std::size_t more) const;
-  std::string_view next_part_of_head();
   bool parse_head();
-  bool take_head();
+  std::string_view next_part_of_head();
+  void take_final_head();
   [[noreturn]] void fail_without_head(Io state) const;
 
-  void wait(Phase phase, TimePoint until, bool to_send = false);
   std::size_t take_body(std::string& out, std::size_t amt);
-  std::size_t take_unframed(std::string& out, std::size_t amt);
   std::size_t take_chunked(std::string& out, std::size_t amt);
-  void end_body(Io state);
+  bool receive_body(std::size_t at_most);
 
   Stream& stream_;
   Limits& limits_;
   const PoolOptions& options_;
-  InputBuffer input_;
+  boost::beast::flat_buffer input_;  // received and not used yet
   std::unique_ptr<Parser> parser_;
 
   bool is_head_request_ = false;
-  bool is_sent_ = false;        // the request, whole
-  std::size_t head_bytes_ = 0;  // of the heads so far, interim ones included
-  std::size_t searched_ = 0;    // of the input, for the end of a part of a head
-  bool has_final_head_ = false;
-  StatusCode status_ = 0;
-  Headers headers_;
-  bool is_reusable_ = false;  // as far as the head says
+  bool is_sent_ = false;          // the request, whole
+  std::size_t head_bytes_ = 0;    // of the heads so far, interim ones included
+  std::size_t searched_ = 0;      // of the input, for the end of a part of a head
+  std::size_t header_lines_ = 0;  // of the heads and the trailers
 
+  StatusCode status_ = 0;  // of the final head; 0: it has not come
+  Headers headers_;
+  bool is_reusable_ = false;         // as far as the head says
   Framing framing_ = Framing::none;  // of what is left of the body
-  std::uint64_t bytes_left_ = 0;     // of a sized body
+  std::uint64_t bytes_left_ = 0;     // of a body that is not chunked
   std::exception_ptr failure_;       // of a read
 };
 

@@ -2,9 +2,10 @@
 // Decodes a body in the gzip coding (RFC 9110, section 8.4.1.3; RFC 1952) as it is read.
 #pragma once
 
+#include <zlib.h>
+
 #include <cstddef>
 #include <functional>
-#include <memory>
 #include <string>
 
 namespace engines::http::net {
@@ -15,7 +16,9 @@ class GzipDecoder {
   using Source = std::function<std::size_t(std::string& coded)>;
 
   explicit GzipDecoder(Source source);
-  ~GzipDecoder();
+  GzipDecoder(const GzipDecoder&) = delete;
+  GzipDecoder& operator=(const GzipDecoder&) = delete;
+  ~GzipDecoder() { inflateEnd(&stream_); }
 
   /// Appends up to `amt` decoded bytes to `out` and returns how many; 0: the body has ended. With
   /// `fill` it goes on until it has `amt`. What the body expands to beyond that stays coded. Throws
@@ -24,13 +27,11 @@ class GzipDecoder {
   std::size_t read(std::string& out, std::size_t amt, bool fill);
 
  private:
-  struct Stream;
-
   std::size_t decode(std::string& out, std::size_t amt);
 
   Source source_;
   std::string coded_;
-  std::unique_ptr<Stream> stream_;
+  z_stream stream_{};
   bool is_in_member_ = false;  // between the start of a member and its end
   bool has_ended_ = false;     // the coded body
 };

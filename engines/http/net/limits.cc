@@ -38,15 +38,9 @@ int milliseconds(Duration duration) {
 }
 
 Limits::Limits(const TransportOptions& options, std::optional<Seconds> connect_timeout)
-    : timeout_s_(options.timeout),
-      connect_timeout_s_(timeout_s_),
-      timeout_(duration_of(timeout_s_)),
-      connect_timeout_(timeout_),
+    : timeout_(duration_of(options.timeout)),
+      connect_timeout_(std::min(timeout_, duration_of(connect_timeout.value_or(LONGEST_S)))),
       should_stop_(options.should_stop) {
-  if (connect_timeout && duration_of(*connect_timeout) < timeout_) {
-    connect_timeout_s_ = *connect_timeout;
-    connect_timeout_ = duration_of(connect_timeout_s_);
-  }
   if (options.time_left) end_ = SteadyClock::now() + duration_of(*options.time_left);
 }
 
@@ -67,9 +61,9 @@ void Limits::spend(Phase phase, Duration waited) {
 
 void Limits::time_out(Phase phase) const {
   char bound[48] = "all the time that was left for the call";
-  if (!end_ || SteadyClock::now() < *end_) {
-    const double seconds = phase == Phase::connecting ? connect_timeout_s_ : timeout_s_;
-    std::snprintf(bound, sizeof bound, "%g s", seconds);
+  if (SteadyClock::now() < end_) {
+    const Duration timeout = phase == Phase::connecting ? connect_timeout_ : timeout_;
+    std::snprintf(bound, sizeof bound, "%g s", std::chrono::duration<double>(timeout).count());
   }
   const std::string text = std::string("timed out after ") + bound + " while " +
                            std::string(text_of(phase)) + (is_outward(phase) ? " to " : " from ") +
@@ -83,9 +77,9 @@ Duration Limits::check(Phase phase, TimePoint until) const {
     // This text bypasses redaction, so it must not name the host, which a redirect may have chosen.
     throw Stopped("the transport was asked to stop while " + std::string(text_of(phase)));
   }
-  const TimePoint now = SteadyClock::now();
-  if (now >= until || (end_ && now >= *end_)) time_out(phase);
-  return std::min({STOP_POLL, until - now, end_ ? *end_ - now : Duration::max()});
+  const Duration left = std::min(until, end_) - SteadyClock::now();
+  if (left <= Duration::zero()) time_out(phase);
+  return std::min(left, STOP_POLL);
 }
 
 }  // namespace engines::http::net

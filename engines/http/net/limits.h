@@ -36,7 +36,8 @@ class Limits {
   /// How long a wait that begins now may take in this phase.
   Duration longest_wait(Phase phase) const;
 
-  /// Takes a wait off the budget of its phase.
+  /// Takes a wait off the budget of its phase. Every read of the body but the first has a budget of
+  /// its own, so of those only the end is counted.
   void spend(Phase phase, Duration waited);
 
   /// Throws `Stopped` once the stop signal says so, and a timeout once the call's time is over or
@@ -50,14 +51,12 @@ class Limits {
   std::string peer;
 
  private:
-  double timeout_s_;
-  double connect_timeout_s_;
   Duration timeout_;
   Duration connect_timeout_;
   Duration connecting_ = Duration::zero();     // spent on connecting so far
   Duration awaiting_head_ = Duration::zero();  // spent on waiting for heads so far
   bool has_read_ = false;                      // whether a read of the body has ended
-  std::optional<TimePoint> end_;               // of the whole call
+  TimePoint end_ = TimePoint::max();           // of the whole call
   StopSignal should_stop_;
 };
 

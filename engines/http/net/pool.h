@@ -2,9 +2,7 @@
 // The idle connections of a pool.
 #pragma once
 
-#include <atomic>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "engines/http/net/connection.h"
@@ -17,9 +15,6 @@ namespace engines::http::net {
 class Pool {
  public:
   explicit Pool(PoolOptions options);
-  ~Pool();
-  Pool(const Pool&) = delete;
-  Pool& operator=(const Pool&) = delete;
 
   const PoolOptions& options() const noexcept { return options_; }
 
@@ -35,24 +30,15 @@ class Pool {
     std::unique_ptr<Connection> connection;
     TimePoint since;
   };
-  using Connections = std::vector<Idle>;  // the one that was used last at the end
 
-  /// The idle connections of one process. A child never touches its parent's, the lock included,
-  /// which another thread may have held when the fork was made.
-  struct OfProcess {
-    OfProcess* inherited;
-    unsigned process = process_number();
-    std::mutex mutex = {};
-    Connections idle = {};
-  };
-
-  OfProcess& own();
+  /// As `take`, but the connection may not be quiet.
   std::unique_ptr<Connection> take_latest(const Route& route);
-  Connections take_stale(OfProcess& own, TimePoint now) const;
+  /// Closes those that have been idle for too long or came through a fork.
+  void close_stale(TimePoint now);
 
   const PoolOptions options_;
   const Duration max_idle_time_;
-  std::atomic<OfProcess*> own_;
+  std::vector<Idle> idle_;  // the one that was used last at the end
 };
 
 }  // namespace engines::http::net

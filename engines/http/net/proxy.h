@@ -2,7 +2,6 @@
 // Which proxy is used for an origin.
 #pragma once
 
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -11,15 +10,14 @@
 
 namespace engines::http::net {
 
-/// The proxy for requests to the origin; null: none. `option` is the URL of one for all origins,
-/// empty for none; without it the environment decides:
+/// The proxy for requests to the origin; none: there is none. `option` is the URL of one for all
+/// origins, empty for none; without it the environment decides:
 ///   http_proxy (in lower case alone: a CGI program gets HTTP_PROXY from its client), https_proxy
 ///   or HTTPS_PROXY; for both, all_proxy or ALL_PROXY; no_proxy or NO_PROXY: names whose hosts,
 ///   subdomains included, are connected to directly, addresses, and networks as 10.0.0.0/8;
 ///   separated by commas or spaces; "*": all.
 /// Throws `ValueError`, which names the option or the variable and quotes nothing of the URL.
-std::shared_ptr<const Url> proxy_for(const Origin& origin,
-                                     const std::optional<std::string>& option);
+std::optional<Url> proxy_for(const Origin& origin, const std::optional<std::string>& option);
 
 /// Whether a request to the origin is sent to the proxy itself, which forwards it. Otherwise the
 /// proxy is a tunnel, which passes on the bytes of a connection to the origin.
@@ -27,8 +25,5 @@ bool is_forwarding(const Url& proxy, const Origin& origin);
 
 /// Whether a list as in no_proxy covers the host, an IPv6 address being in brackets.
 bool is_excluded(std::string_view no_proxy, std::string_view host);
-
-/// "Basic " and the credentials as base64 (RFC 7617, section 2).
-std::string basic_authorization(const Credentials& credentials);
 
 }  // namespace engines::http::net

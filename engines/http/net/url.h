@@ -20,6 +20,8 @@ struct Origin {
 
   /// "host:port".
   std::string address() const { return host + ":" + port; }
+  /// As in a `Host` header: the port only where it is not the scheme's own.
+  std::string host_field() const;
 };
 
 struct Credentials {
@@ -34,6 +36,8 @@ struct Url {
   std::string target;  // path and query, as a request line has them (RFC 9112, section 3.2.1)
   Origin origin;
   std::optional<Credentials> credentials;  // the userinfo, percent-decoded; none: the URL has none
+
+  bool operator==(const Url&) const = default;
 };
 
 /// Takes an absolute http or https URL apart. Throws `ValueError`, which names the part that cannot
