@@ -96,6 +96,7 @@ class Decoder {
   template <class ReadItem>
   bool items(char closer, ReadItem read_item);
   bool member();
+  bool string();
   bool number();
   bool real(const char* start);
   bool text(std::string& out);
@@ -130,10 +131,8 @@ bool Decoder::value() {
       return array();
     case '{':
       return object();
-    case '"': {
-      std::string string;
-      return text(string) && push(std::move(string));
-    }
+    case '"':
+      return string();
     case 'n':
       return take("null") && push(nullptr);
     case 't':
@@ -200,6 +199,11 @@ bool Decoder::member() {
   if (!next_is('"') || !text(names_.emplace_back())) return false;
   skip_space();
   return take(':') && value();
+}
+
+bool Decoder::string() {
+  std::string read;
+  return text(read) && push(std::move(read));
 }
 
 /// `std::from_chars` accepts more than JSON does: leading zeros, words, and a point without digits
