@@ -33,8 +33,7 @@ std::string quoted(std::string_view text) {
   const char quote = has_single && !has_double ? '"' : '\'';
   std::string literal(1, quote);
   for (std::size_t position = 0; position < text.size();) {
-    const std::int32_t next = next_char(text, position);
-    const char32_t c = next < 0 ? REPLACEMENT : static_cast<char32_t>(next);
+    const char32_t c = next_char(text, position);
     if (c == U'\\' || c == static_cast<unsigned char>(quote)) {
       literal += {'\\', static_cast<char>(c)};
     } else if (c == U'\t') {
