@@ -131,11 +131,9 @@ concept StandardTemplate = Nullable<T> || is_a<T, std::pair> || is_a<T, std::tup
 template <class T, class Value>
 concept HasHookByTemplate = !StandardTemplate<T> && rival::LosesToHook<Value, T>;
 
-template <class T>
-concept UserDefined = std::is_class_v<T> || std::is_enum_v<T> || std::is_union_v<T>;
-
 template <class T, class Value>
-concept HasHook = UserDefined<T> &&(HasHookByName<T, Value> || HasHookByTemplate<T, Value>);
+concept HasHook = (std::is_class_v<T> || std::is_enum_v<T> ||
+                   std::is_union_v<T>)&&(HasHookByName<T, Value> || HasHookByTemplate<T, Value>);
 
 template <class T>
 concept NoValue = std::same_as<T, std::nullptr_t> || std::same_as<T, std::nullopt_t> ||
@@ -170,56 +168,6 @@ template <class T>
 void write(JsonWriter& out, const T& value);
 
 template <class T>
-void write_object(JsonWriter& out, const T& members);
-
-template <class T>
-void write_array(JsonWriter& out, const T& items);
-
-/// Any basic_json; a template, so that its definition is needed only where one is used.
-template <class Value>
-void write_tree(JsonWriter& out, const Value& value) {
-  using Kind = typename Value::value_t;
-  switch (value.type()) {
-    case Kind::null:
-      return out.null();
-    case Kind::boolean:
-      return out.boolean(value.template get<bool>());
-    case Kind::number_integer:
-      return out.integer(value.template get<std::int64_t>());
-    case Kind::number_unsigned:
-      return out.natural(value.template get<std::uint64_t>());
-    case Kind::number_float:
-      return out.number(
-          static_cast<double>(value.template get_ref<const typename Value::number_float_t&>()));
-    case Kind::string:
-      return out.text(value.template get_ref<const typename Value::string_t&>());
-    case Kind::binary: {
-      const auto& bytes = value.get_binary();
-      return out.text({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
-    }
-    case Kind::array:
-      return write_array(out, value.template get_ref<const typename Value::array_t&>());
-    case Kind::object:
-      return write_object(out, value.template get_ref<const typename Value::object_t&>());
-    case Kind::discarded:
-      break;
-  }
-  throw std::invalid_argument("a discarded value cannot be encoded as JSON");
-}
-
-template <class Value, class T>
-void write_by_hook(JsonWriter& out, const T& value) {
-  Value json;
-  if constexpr (HasHookByName<T, Value>) {
-    const StandIn<T> named{value};
-    to_json(json, named);  // so that none of nlohmann's own overloads fits better than a base's
-  } else {
-    to_json(json, value);
-  }
-  write_tree(out, json);
-}
-
-template <class T>
 void write_scalar(JsonWriter& out, const T& value) {
   if constexpr (Boolean<T>) {
     out.boolean(value);
@@ -243,7 +191,7 @@ void write_text(JsonWriter& out, const T& text) {
 /// Writes what stands behind the value.
 template <class T>
 void write_held(JsonWriter& out, const T& value) {
-  const JsonWriter::Link link(out);
+  out.enter();
   if constexpr (Nullable<T>) {
     value ? write(out, *value) : out.null();
   } else if constexpr (Variant<T>) {
@@ -251,6 +199,7 @@ void write_held(JsonWriter& out, const T& value) {
   } else {
     write(out, value.get());
   }
+  out.leave();
 }
 
 template <class Key>
@@ -294,6 +243,49 @@ void write_tuple(JsonWriter& out, const T& tuple) {
   out.open('[');
   std::apply([&out](const auto&... items) { ((out.item(), write(out, items)), ...); }, tuple);
   out.close(']');
+}
+
+/// Any basic_json; a template, so that its definition is needed only where one is used.
+template <class Value>
+void write_tree(JsonWriter& out, const Value& value) {
+  using Kind = typename Value::value_t;
+  switch (value.type()) {
+    case Kind::null:
+      return out.null();
+    case Kind::boolean:
+      return out.boolean(value.template get<bool>());
+    case Kind::number_integer:
+      return out.integer(value.template get<std::int64_t>());
+    case Kind::number_unsigned:
+      return out.natural(value.template get<std::uint64_t>());
+    case Kind::number_float:
+      return out.number(value.template get<double>());
+    case Kind::string:
+      return out.text(value.template get_ref<const typename Value::string_t&>());
+    case Kind::binary: {
+      const auto& bytes = value.get_binary();
+      return out.text({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+    }
+    case Kind::array:
+      return write_array(out, value.template get_ref<const typename Value::array_t&>());
+    case Kind::object:
+      return write_object(out, value.template get_ref<const typename Value::object_t&>());
+    case Kind::discarded:
+      break;
+  }
+  throw std::invalid_argument("a discarded value cannot be encoded as JSON");
+}
+
+template <class Value, class T>
+void write_by_hook(JsonWriter& out, const T& value) {
+  Value json;
+  if constexpr (HasHookByName<T, Value>) {
+    const StandIn<T> named{value};
+    to_json(json, named);  // so that none of nlohmann's own overloads fits better than a base's
+  } else {
+    to_json(json, value);
+  }
+  write_tree(out, json);
 }
 
 template <class T>

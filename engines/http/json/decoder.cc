@@ -69,8 +69,6 @@ class Decoder {
   explicit Decoder(std::string_view text) : at_(text.data()), end_(text.data() + text.size()) {
     values_.reserve(text.size() / 8 + 8);  // few texts hold more values than one in 8 characters
   }
-  Decoder(const Decoder&) = delete;
-  Decoder& operator=(const Decoder&) = delete;
   ~Decoder() { std::ranges::for_each(values_, clear); }
 
   std::optional<Json> decode();

@@ -14,13 +14,9 @@
 namespace engines::http::detail {
 
 /// The caller keeps the order: `item` before each item of an array, `name` and then one value for
-/// each member of an object.
+/// each member of an object. What has thrown is written to no further.
 class ENGINES_HTTP_EXPORT JsonWriter {
  public:
-  JsonWriter() noexcept = default;
-  JsonWriter(const JsonWriter&) = delete;
-  JsonWriter& operator=(const JsonWriter&) = delete;
-
   void null() { append("null"); }
   void boolean(bool value) { append(value ? "true" : "false"); }
   void integer(std::int64_t value);
@@ -49,19 +45,14 @@ class ENGINES_HTTP_EXPORT JsonWriter {
   }
   void name(std::string_view name);
 
-  /// While it lives, one step through a pointer or the like to a value. There may be 1,000 such
-  /// steps within each other: a value can contain itself through them alone.
-  class Link {
-   public:
-    explicit Link(JsonWriter& out) : out_(out) { check_depth(++out_.links_); }
-    Link(const Link&) = delete;
-    Link& operator=(const Link&) = delete;
-    ~Link() { --out_.links_; }
+  /// Around a value behind a pointer or the like. There may be 1,000 such steps within each other:
+  /// a value can contain itself through them alone. Throws `std::invalid_argument` beyond.
+  /// @{
+  void enter() { check_depth(++links_); }
+  void leave() { --links_; }
+  /// @}
 
-   private:
-    JsonWriter& out_;
-  };
-
+  /// The whole text. Nothing is written after it.
   std::string take();
 
  private:
