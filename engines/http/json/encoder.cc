@@ -49,7 +49,8 @@ void JsonWriter::text(std::string_view value) {
       const char escape[] = {'\\', ESCAPE_LETTERS[i]};
       append({escape, sizeof escape});
     } else {
-      const char escape[] = {'\\', 'u', '0', '0', HEX_DIGITS[c >> 4], HEX_DIGITS[c & 0xF]};
+      const auto code = static_cast<unsigned char>(c);
+      const char escape[] = {'\\', 'u', '0', '0', HEX_DIGITS[code >> 4], HEX_DIGITS[code & 0xF]};
       append({escape, sizeof escape});
     }
     at = plain_end + 1;
