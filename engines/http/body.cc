@@ -7,7 +7,7 @@
 namespace engines::http {
 namespace {
 
-/// Appends a text as the form serialiser writes it.
+/// Appends a text as the URL standard's form serialiser writes it.
 void append_form_text(std::string& out, std::string_view text) {
   constexpr std::string_view UNCHANGED =
       "*-._0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
