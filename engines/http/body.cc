@@ -1,17 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "engines/http/body.h"
 
-#include <locale>
-#include <ostream>
-#include <sstream>
-
 #include "engines/http/text/ascii.h"
 #include "engines/http/text/utf8.h"
 
 namespace engines::http {
 namespace {
 
-/// Appends a text as the form serialiser writes it.
+/// Appends a text as the URL standard's form serialiser writes it.
 void append_form_text(std::string& out, std::string_view text) {
   constexpr std::string_view UNCHANGED =
       "*-._0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
@@ -31,12 +27,11 @@ void append_form_text(std::string& out, std::string_view text) {
 
 }  // namespace
 
-Body::Body(Encoded value) {
-  if (value.json == "null") return;
-  *this = Body(Content{std::move(value.json), "application/json", true});
-}
-
 Body::Body(Content content) : content_(std::make_shared<const Content>(std::move(content))) {}
+
+Body Body::of_json(std::string json) {
+  return json == "null" ? Body() : Body(Content{std::move(json), "application/json", true});
+}
 
 std::optional<std::string> Body::data() const {
   return content_ ? std::optional(content_->bytes) : std::nullopt;
@@ -65,13 +60,6 @@ void detail::write_body(JsonWriter& out, const Body& body) {
     throw std::invalid_argument("a body that is not JSON cannot be a part of a JSON value");
   }
   out.json(body.content_->bytes);
-}
-
-std::string detail::printed(void (*print)(std::ostream&, const void*), const void* value) {
-  std::ostringstream stream;
-  stream.imbue(std::locale::classic());
-  print(stream, value);
-  return std::move(stream).str();
 }
 
 }  // namespace engines::http

@@ -36,7 +36,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <iosfwd>
 #include <memory>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
@@ -66,10 +65,6 @@ namespace detail {
 ENGINES_HTTP_EXPORT void write_json(JsonWriter& out, const Json& value);
 ENGINES_HTTP_EXPORT void write_body(JsonWriter& out, const Body& body);
 
-/// What `print` writes to a stream of the classic locale.
-ENGINES_HTTP_EXPORT std::string printed(void (*print)(std::ostream&, const void*),
-                                        const void* value);
-
 template <class T>
 inline constexpr bool is_basic_json = false;
 template <template <class, class, class...> class Object, template <class, class...> class Array,
@@ -96,22 +91,13 @@ struct StandIn {
   const T& value;
   operator const T&() const& { return value; }
   operator const T&() const&& = delete;
-};
 
-/// Converts to a `T`, but does not have its associated namespaces.
-template <const auto* TAG>
-struct Stranger {
-  using T = typename std::remove_pointer_t<decltype(TAG)>::Type;
-  operator const T&() const&;
-  operator const T&() const&& = delete;
+  /// Converts to a `T`, too, but as a nested class does not have its associated namespaces.
+  struct Stranger {
+    operator const T&() const&;
+    operator const T&() const&& = delete;
+  };
 };
-
-template <class T>
-struct Tag {
-  using Type = T;
-};
-template <class T>
-inline constexpr Tag<T> tag;
 
 template <class Value, class T>
 concept CanCallHook = requires(Value& json, const T& value) {
@@ -133,7 +119,8 @@ concept LosesToHook = requires(Value& json, const T& value) {
 
 /// There is a hook that names `T` or a base of it.
 template <class T, class Value>
-concept HasHookByName = CanCallHook<Value, StandIn<T>> && !CanCallHook<Value, Stranger<&tag<T>>>;
+concept HasHookByName =
+    CanCallHook<Value, StandIn<T>> && !CanCallHook<Value, typename StandIn<T>::Stranger>;
 
 /// nlohmann's overloads may name these templates, and then win over the rival.
 template <class T>
@@ -144,11 +131,9 @@ concept StandardTemplate = Nullable<T> || is_a<T, std::pair> || is_a<T, std::tup
 template <class T, class Value>
 concept HasHookByTemplate = !StandardTemplate<T> && rival::LosesToHook<Value, T>;
 
-template <class T>
-concept UserDefined = std::is_class_v<T> || std::is_enum_v<T> || std::is_union_v<T>;
-
 template <class T, class Value>
-concept HasHook = UserDefined<T> &&(HasHookByName<T, Value> || HasHookByTemplate<T, Value>);
+concept HasHook = (std::is_class_v<T> || std::is_enum_v<T> ||
+                   std::is_union_v<T>)&&(HasHookByName<T, Value> || HasHookByTemplate<T, Value>);
 
 template <class T>
 concept NoValue = std::same_as<T, std::nullptr_t> || std::same_as<T, std::nullopt_t> ||
@@ -180,104 +165,12 @@ concept Variant = requires(const T& value) {
 };
 
 template <class T>
-concept HasToString = requires(const T& value) {
-  { to_string(value) } -> std::convertible_to<std::string_view>;
-};
-
-template <class T>
-concept HasString = requires(const T& value) {
-  { value.string() } -> std::convertible_to<std::string_view>;
-};
-
-template <class T>
-concept HasWhat = requires(const T& value) {
-  { value.what() } -> std::convertible_to<std::string_view>;
-};
-
-/// Asked as a function call: the stream's own members would take whatever converts to a number.
-template <class T>
-concept Printable = requires(std::ostream& out, const T& value) {
-  operator<<(out, value);
-};
-
-template <class T>
 void write(JsonWriter& out, const T& value);
-
-template <class Value>
-void write_tree(JsonWriter& out, const Value& value);
-
-template <class Value>
-void write_tree_array(JsonWriter& out, const Value& value) {
-  const auto& items = value.template get_ref<const typename Value::array_t&>();
-  if (!items.empty() && items.front().is_number_float()) out.expect_numbers(items.size());
-  out.open('[');
-  for (const auto& item : items) {
-    out.item();
-    if (const auto* number = item.template get_ptr<const typename Value::number_float_t*>()) {
-      out.number(static_cast<double>(*number));  // embeddings are long rows of these
-    } else {
-      write_tree(out, item);
-    }
-  }
-  out.close(']');
-}
-
-/// Any basic_json; a template, so that its definition is needed only where one is used.
-template <class Value>
-void write_tree(JsonWriter& out, const Value& value) {
-  using Kind = typename Value::value_t;
-  switch (value.type()) {
-    case Kind::null:
-      return out.null();
-    case Kind::boolean:
-      return out.boolean(value.template get_ref<const typename Value::boolean_t&>());
-    case Kind::number_integer:
-      return out.integer(value.template get_ref<const typename Value::number_integer_t&>());
-    case Kind::number_unsigned:
-      return out.natural(value.template get_ref<const typename Value::number_unsigned_t&>());
-    case Kind::number_float:
-      return out.number(
-          static_cast<double>(value.template get_ref<const typename Value::number_float_t&>()));
-    case Kind::string:
-      return out.text(value.template get_ref<const typename Value::string_t&>());
-    case Kind::binary: {
-      const auto& bytes = value.get_binary();
-      return out.text({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
-    }
-    case Kind::array:
-      return write_tree_array(out, value);
-    case Kind::object:
-      out.open('{');
-      for (const auto& [name, member] : value.template get_ref<const typename Value::object_t&>()) {
-        out.name(name);
-        write_tree(out, member);
-      }
-      return out.close('}');
-    case Kind::discarded:
-      break;
-  }
-  throw std::invalid_argument("a discarded value cannot be encoded as JSON");
-}
-
-template <class Value, class T>
-void write_by_hook(JsonWriter& out, const T& value) {
-  Value json;
-  if constexpr (HasHookByName<T, Value>) {
-    const StandIn<T> named{value};
-    to_json(json, named);  // so that none of nlohmann's own overloads fits better than a base's
-  } else {
-    to_json(json, value);
-  }
-  write_tree(out, json);
-}
 
 template <class T>
 void write_scalar(JsonWriter& out, const T& value) {
   if constexpr (Boolean<T>) {
     out.boolean(value);
-  } else if constexpr (Character<T>) {
-    const char character = static_cast<char>(value);
-    out.text({&character, 1});
   } else if constexpr (std::floating_point<T>) {
     out.number(static_cast<double>(value));
   } else if constexpr (std::signed_integral<T>) {
@@ -298,7 +191,7 @@ void write_text(JsonWriter& out, const T& text) {
 /// Writes what stands behind the value.
 template <class T>
 void write_held(JsonWriter& out, const T& value) {
-  const JsonWriter::Link link(out);
+  out.enter();
   if constexpr (Nullable<T>) {
     value ? write(out, *value) : out.null();
   } else if constexpr (Variant<T>) {
@@ -306,20 +199,18 @@ void write_held(JsonWriter& out, const T& value) {
   } else {
     write(out, value.get());
   }
+  out.leave();
 }
 
 template <class Key>
 void write_name(JsonWriter& out, const Key& key) {
   static_assert(Text<Key> || Boolean<Key> || Character<Key> || Number<Key>,
                 "a member name is a text, an integer, a bool or a floating-point number");
-  if constexpr (Text<Key>) {
-    if constexpr (CString<Key>) {
-      if (key == nullptr) throw std::invalid_argument("a member name is a null pointer");
-    }
+  if constexpr (CString<Key>) {
+    if (key == nullptr) throw std::invalid_argument("a member name is a null pointer");
+  }
+  if constexpr (Text<Key> || Character<Key>) {
     out.name(view(key));
-  } else if constexpr (Character<Key>) {
-    const char character = static_cast<char>(key);
-    out.name({&character, 1});
   } else {
     JsonWriter form;
     write_scalar(form, key);
@@ -339,10 +230,6 @@ void write_object(JsonWriter& out, const T& members) {
 
 template <class T>
 void write_array(JsonWriter& out, const T& items) {
-  if constexpr (std::ranges::sized_range<const T> &&
-                std::floating_point<std::ranges::range_value_t<const T>>) {
-    out.expect_numbers(std::ranges::size(items));
-  }
   out.open('[');
   for (const auto& item : items) {
     out.item();
@@ -358,22 +245,64 @@ void write_tuple(JsonWriter& out, const T& tuple) {
   out.close(']');
 }
 
+/// Any basic_json; a template, so that its definition is needed only where one is used.
+template <class Value>
+void write_tree(JsonWriter& out, const Value& value) {
+  using Kind = typename Value::value_t;
+  switch (value.type()) {
+    case Kind::null:
+      return out.null();
+    case Kind::boolean:
+      return out.boolean(value.template get<bool>());
+    case Kind::number_integer:
+      return out.integer(value.template get<std::int64_t>());
+    case Kind::number_unsigned:
+      return out.natural(value.template get<std::uint64_t>());
+    case Kind::number_float:
+      return out.number(value.template get<double>());
+    case Kind::string:
+      return out.text(value.template get_ref<const typename Value::string_t&>());
+    case Kind::binary: {
+      const auto& bytes = value.get_binary();
+      return out.text({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+    }
+    case Kind::array:
+      return write_array(out, value.template get_ref<const typename Value::array_t&>());
+    case Kind::object:
+      return write_object(out, value.template get_ref<const typename Value::object_t&>());
+    case Kind::discarded:
+      break;
+  }
+  throw std::invalid_argument("a discarded value cannot be encoded as JSON");
+}
+
+template <class Value, class T>
+void write_by_hook(JsonWriter& out, const T& value) {
+  Value json;
+  if constexpr (HasHookByName<T, Value>) {
+    const StandIn<T> named{value};
+    to_json(json, named);  // so that none of nlohmann's own overloads fits better than a base's
+  } else {
+    to_json(json, value);
+  }
+  write_tree(out, json);
+}
+
 template <class T>
 void write_text_form(JsonWriter& out, const T& value) {
   static_assert(!std::is_pointer_v<T> && !std::is_function_v<T> && !WideCharacter<T>,
                 "raw pointers and wide characters have no JSON form");
-  if constexpr (HasToString<T>) {
+  if constexpr (requires { out.text(to_string(value)); }) {
     out.text(to_string(value));
-  } else if constexpr (HasString<T>) {
+  } else if constexpr (requires { out.text(value.string()); }) {
     out.text(value.string());
-  } else if constexpr (HasWhat<T>) {
+  } else if constexpr (requires { out.text(value.what()); }) {
     out.text(value.what());
   } else if constexpr (std::convertible_to<const T&, std::string>) {
     out.text(static_cast<std::string>(value));
-  } else if constexpr (Printable<T>) {
-    out.text(printed([](std::ostream& stream,
-                        const void* it) { operator<<(stream, *static_cast<const T*>(it)); },
-                     std::addressof(value)));
+  } else if constexpr (requires(std::ostream & stream) { operator<<(stream, value); }) {
+    // Not as an operator: the stream's own members would take whatever converts to a number.
+    out.text(printed([&value](std::ostream& stream) { operator<<(stream, value); }));
   } else if constexpr (std::is_enum_v<T>) {
     write_scalar(out, static_cast<std::underlying_type_t<T>>(value));
   } else {
@@ -397,9 +326,9 @@ void write(JsonWriter& out, const T& value) {
     write_by_hook<nlohmann::json>(out, value);
   } else if constexpr (NoValue<T>) {
     out.null();
-  } else if constexpr (Boolean<T> || Character<T> || Number<T>) {
+  } else if constexpr (Boolean<T> || Number<T>) {
     write_scalar(out, value);
-  } else if constexpr (Text<T>) {
+  } else if constexpr (Text<T> || Character<T>) {
     write_text(out, value);
   } else if constexpr (Nullable<T> || Variant<T> || is_a<T, std::reference_wrapper>) {
     write_held(out, value);
@@ -443,7 +372,7 @@ class ENGINES_HTTP_EXPORT Body final {
   /// The value as JSON; see the top of this file for which there are. A null value, in whatever
   /// form, is no body. Throws as `encode_json` does.
   template <class T>
-  requires(!std::same_as<T, Body>) Body(const T& value) : Body(Encoded{encode_json(value)}) {}
+  requires(!std::same_as<T, Body>) Body(const T& value) : Body(of_json(encode_json(value))) {}
 
   /// The bytes to send; none for no body. An empty text is a body.
   std::optional<std::string> data() const;
@@ -454,16 +383,13 @@ class ENGINES_HTTP_EXPORT Body final {
   friend Body raw_body(std::string bytes, std::string content_type);
   friend void detail::write_body(detail::JsonWriter& out, const Body& body);
 
-  struct Encoded {
-    std::string json;
-  };
   struct Content {
     std::string bytes;
     std::string content_type;
     bool is_json;
   };
-  explicit Body(Encoded value);
   explicit Body(Content content);
+  static Body of_json(std::string json);
 
   std::shared_ptr<const Content> content_;  // null: no body
 };

@@ -4,10 +4,8 @@
 // may be a pointer or an optional: empty stands for none.
 #pragma once
 
-#include <locale>
 #include <optional>
 #include <ostream>
-#include <sstream>
 #include <string>
 #include <utility>
 
@@ -37,13 +35,9 @@ std::string text_of(const T& value) {
   } else if constexpr (Handle<T>) {
     return value ? text_of(*value) : std::string();
   } else if constexpr (requires(std::ostream & out) { out << value; }) {
-    std::ostringstream out;
-    out.imbue(std::locale::classic());
-    out << value;
-    return std::move(out).str();
-  } else {
-    return {};
+    return printed([&value](std::ostream& out) { out << value; });
   }
+  return {};
 }
 
 template <class E>
@@ -52,9 +46,8 @@ std::optional<StatusCode> status_code_of(const E& error) {
     return as_status(error.status_code());
   } else if constexpr (requires { as_status(error.status_code); }) {
     return as_status(error.status_code);
-  } else {
-    return std::nullopt;
   }
+  return std::nullopt;
 }
 
 /// What a lookup finds; empty where there is none that can be called.
@@ -62,16 +55,13 @@ template <class H>
 std::string header_of(const H& headers, const char* name) {
   if constexpr (Handle<H>) {
     return headers ? header_of(*headers, name) : std::string();
-  } else {
+  } else if constexpr (requires { text_of(headers.get(name)); }) {
     if constexpr (requires { static_cast<bool>(headers.get); }) {
       if (!headers.get) return {};  // an empty function
     }
-    if constexpr (requires { text_of(headers.get(name)); }) {
-      return text_of(headers.get(name));
-    } else {
-      return {};
-    }
+    return text_of(headers.get(name));
   }
+  return {};
 }
 
 /// The value of a header of the object; empty when it has no headers or they have no lookup.
@@ -81,9 +71,8 @@ std::string header_in(const T& object, const char* name) {
     return header_of(object.headers(), name);
   } else if constexpr (requires { header_of(object.headers, name); }) {
     return header_of(object.headers, name);
-  } else {
-    return {};
   }
+  return {};
 }
 
 /// What an error says: its `what()`, else its text form.

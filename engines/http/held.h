@@ -7,7 +7,6 @@
 #include <memory>
 #include <stdexcept>
 #include <typeinfo>
-#include <utility>
 
 #include "engines/http/export.h"
 
@@ -34,33 +33,32 @@ std::exception_ptr handling(const E& error) noexcept {
   }
 }
 
-/// A copy of the error: by its `copy()` where it is of a type derived from `E`.
+/// The error itself when it is named through a base and is being handled, else a copy: by its
+/// `copy()` where it has one and is named through a base.
 template <class E>
-std::exception_ptr copied(const E& error) {
-  if constexpr (requires {
-                  { error.copy() } -> std::same_as<std::exception_ptr>;
-                }) {
-    if (typeid(error) != typeid(E)) return error.copy();
+std::exception_ptr to_hold(const E& error) {
+  if (typeid(error) != typeid(E)) {
+    if (std::exception_ptr itself = handling(error)) return itself;
+    if constexpr (requires {
+                    { error.copy() } -> std::same_as<std::exception_ptr>;
+                  }) {
+      return error.copy();
+    }
   }
   return std::make_exception_ptr(error);
 }
 
-/// Holds the error: itself when it is named through a base and is being handled, else a copy.
-/// Throws `std::logic_error` where a copy would be of another kind than the error.
+/// Holds the error or a copy. Throws `std::logic_error` where a copy would be of another kind than
+/// the error.
 template <class Base, class E>
 std::shared_ptr<const Held<Base>> hold(const E& error) {
-  const auto held = [](std::exception_ptr thrown, const E& within) {
-    return std::make_shared<const Held<Base>>(
-        Held<Base>{std::move(thrown), std::addressof(within)});
-  };
-  if (typeid(error) != typeid(E)) {
-    if (std::exception_ptr itself = handling(error)) return held(std::move(itself), error);
-  }
-  const std::exception_ptr copy = copied(error);
+  const std::exception_ptr thrown = to_hold(error);
   try {
-    std::rethrow_exception(copy);
+    std::rethrow_exception(thrown);
   } catch (const E& within) {
-    if (typeid(within) == typeid(error)) return held(copy, within);
+    if (typeid(within) == typeid(error)) {
+      return std::make_shared<const Held<Base>>(Held<Base>{thrown, std::addressof(within)});
+    }
   }
   throw std::logic_error(
       "an error that is named through a base can be kept only in its handler; "

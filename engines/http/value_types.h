@@ -2,12 +2,15 @@
 // Kinds of C++ types, as the encoder of bodies and the reader of foreign errors tell them apart.
 #pragma once
 
-#include <algorithm>
 #include <concepts>
-#include <cstddef>
 #include <cstdint>
+#include <iterator>
+#include <locale>
+#include <sstream>
+#include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 namespace engines::http::detail {
 
@@ -40,13 +43,13 @@ concept Text = CharacterArray<T> || std::convertible_to<const T&, std::string_vi
     std::convertible_to<const T&, std::u8string_view>;
 
 /// The characters of a text; of an array, those up to the first NUL. A C string is not null.
-template <Text T>
-std::string_view view(const T& text) {
-  if constexpr (CharacterArray<T>) {
-    const std::basic_string_view characters(std::data(text), std::size(text));
-    const std::size_t size =
-        std::min(characters.find(std::remove_extent_t<T>{}), characters.size());
-    return {reinterpret_cast<const char*>(characters.data()), size};
+template <class T>
+requires(Text<T> || Character<T>) std::string_view view(const T& text) {
+  if constexpr (Character<T>) {
+    return {reinterpret_cast<const char*>(&text), 1};
+  } else if constexpr (CharacterArray<T>) {
+    const std::string_view characters(reinterpret_cast<const char*>(text), std::size(text));
+    return characters.substr(0, characters.find('\0'));
   } else if constexpr (std::convertible_to<const T&, std::string_view>) {
     return text;
   } else {
@@ -62,5 +65,14 @@ concept Handle =
   static_cast<bool>(value);
   *value;
 };
+
+/// What `print` writes to a stream of the classic locale.
+template <class Print>
+std::string printed(const Print& print) {
+  std::ostringstream stream;
+  stream.imbue(std::locale::classic());
+  print(stream);
+  return std::move(stream).str();
+}
 
 }  // namespace engines::http::detail

@@ -3,11 +3,11 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
 #include <limits>
+#include <map>
 #include <span>
 #include <string>
 #include <system_error>
@@ -27,6 +27,8 @@ constexpr double NOT_A_NUMBER = std::numeric_limits<double>::quiet_NaN();
 constexpr double INFINITE = std::numeric_limits<double>::infinity();
 
 constexpr bool is_space(char c) noexcept { return c == ' ' || c == '\n' || c == '\r' || c == '\t'; }
+constexpr bool is_lead_surrogate(char32_t unit) noexcept { return (unit & 0xFC00) == 0xD800; }
+constexpr bool is_trail_surrogate(char32_t unit) noexcept { return (unit & 0xFC00) == 0xDC00; }
 
 /// Empties a value, the innermost first. The destructor of an array or object that is not empty
 /// allocates, and would end the process when memory is short.
@@ -40,81 +42,23 @@ void clear(Json& value) noexcept {
   }
 }
 
-/// Whether a number outside the range of a double is too large, rather than too small: by the place
-/// of its first digit other than zero, counted from the point, and the exponent.
-bool is_too_large(std::string_view number) {
-  const std::size_t exponent_at = std::min(number.find_first_of("eE"), number.size());
-  const std::string_view digits = number.substr(0, exponent_at);
-  const std::size_t point = std::min(digits.find('.'), digits.size());
-  const auto before_point = static_cast<std::int64_t>(point - digits.find_first_of("123456789"));
-  std::string_view exponent_text = number.substr(std::min(exponent_at + 1, number.size()));
-  if (exponent_text.starts_with('+')) exponent_text.remove_prefix(1);
-  std::int64_t exponent = 0;
-  const auto [end, error] =
-      std::from_chars(exponent_text.data(), exponent_text.data() + exponent_text.size(), exponent);
-  if (error == std::errc::result_out_of_range) return exponent_text.front() != '-';
-  return exponent > -before_point;
-}
-
-/// The names of an object's members and their values, in the order of the text.
-struct Members {
-  /// Makes `first` hold the value of `later`, which is marked as discarded.
-  void replace(std::size_t first, std::size_t later) const {
+/// Moves the value of each member whose name occurred before to the first member of that name, and
+/// marks its own value as discarded. Returns how many members remain.
+std::size_t merge_repeated_names(std::span<const std::string> names, std::span<Json> values) {
+  constexpr std::size_t FEW = 16;  // so many are compared faster than they are put into a map
+  std::map<std::string_view, std::size_t> first_of;
+  std::size_t remaining = names.size();
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    const std::size_t first =
+        names.size() > FEW
+            ? first_of.try_emplace(names[i], i).first->second
+            : static_cast<std::size_t>(std::ranges::find(names, names[i]) - names.begin());
+    if (first == i) continue;
     clear(values[first]);
-    values[first] = std::exchange(values[later], Json::value_t::discarded);
+    values[first] = std::exchange(values[i], Json::value_t::discarded);
+    --remaining;
   }
-
-  std::span<std::string> names;
-  std::span<Json> values;
-};
-
-void merge_few(const Members& members) {
-  for (std::size_t later = 1; later < members.names.size(); ++later) {
-    std::size_t first = 0;
-    while (members.names[first] != members.names[later]) ++first;
-    if (first != later) members.replace(first, later);
-  }
-}
-
-/// The first eight bytes of a text as a number; a shorter text is filled up with NULs.
-std::uint64_t start_of(std::string_view text) noexcept {
-  std::uint64_t start = 0;
-  text.copy(reinterpret_cast<char*>(&start), sizeof start);
-  return start;
-}
-
-/// Sorts the names instead of hashing them: no choice of names makes this slow.
-void merge_many(const Members& members) {
-  struct Position {
-    std::uint64_t name_start;  // decides most comparisons without access to the name
-    std::size_t index;
-  };
-  const auto name = [&](const Position& at) -> const std::string& {
-    return members.names[at.index];
-  };
-  std::vector<Position> order;
-  order.reserve(members.names.size());
-  for (const std::string& each : members.names) order.push_back({start_of(each), order.size()});
-  std::ranges::sort(order, [&](const Position& a, const Position& b) {
-    if (a.name_start != b.name_start) return a.name_start < b.name_start;
-    const int difference = name(a).compare(name(b));
-    return difference != 0 ? difference < 0 : a.index < b.index;
-  });
-  Position first = order.front();
-  for (const Position& next : std::span(order).subspan(1)) {
-    if (next.name_start == first.name_start && name(next) == name(first)) {
-      members.replace(first.index, next.index);
-    } else {
-      first = next;
-    }
-  }
-}
-
-/// Gives the first member of each name the value of the last one and discards the others.
-void merge_repeated_names(const Members& members) {
-  constexpr std::size_t FEW = 16;
-  if (members.names.size() <= FEW) return merge_few(members);
-  merge_many(members);
+  return remaining;
 }
 
 /// Reads one text. Values go onto a stack as they appear. At the end of an array or object its
@@ -125,22 +69,12 @@ class Decoder {
   explicit Decoder(std::string_view text) : at_(text.data()), end_(text.data() + text.size()) {
     values_.reserve(text.size() / 8 + 8);  // few texts hold more values than one in 8 characters
   }
-  Decoder(const Decoder&) = delete;
-  Decoder& operator=(const Decoder&) = delete;
   ~Decoder() { std::ranges::for_each(values_, clear); }
 
   std::optional<Json> decode();
 
  private:
-  /// An array or object that has begun: the bracket that ends it, and where its items begin.
-  struct Open {
-    char closer;
-    std::size_t first_value;
-    std::size_t first_name;
-  };
-
   bool next_is(char c) const noexcept { return at_ != end_ && *at_ == c; }
-  bool next_is_digit() const noexcept { return at_ != end_ && is_digit(*at_); }
   bool take(char c) noexcept { return next_is(c) && (++at_, true); }
   bool take(std::string_view word) noexcept;
   void skip_space() noexcept {
@@ -153,62 +87,32 @@ class Decoder {
     return true;
   }
 
-  bool scalar();
+  // Each of these reads what it is named after, or returns false when the text is not JSON.
+  bool value();
+  bool array();
+  bool object();
+  template <class ReadItem>
+  bool items(char closer, ReadItem read_item);
+  bool member();
+  bool string();
   bool number();
   bool real(const char* start);
-  bool text();
-  bool escape();
+  bool text(std::string& out);
+  bool escape(std::string& out);
   bool code_unit(char32_t& unit) noexcept;
-  char32_t low_surrogate() noexcept;
-  bool name();
-
-  void open(char closer) { open_.push_back({closer, values_.size(), names_.size()}); }
-  void close();
-  void close_array(std::span<Json> items);
-  void close_object(const Members& members);
 
   const char* at_;
   const char* end_;
+  int depth_ = 0;                   // of the arrays and objects that have begun
   std::vector<Json> values_;        // complete, not yet in the array or object around them
   std::vector<std::string> names_;  // of the members of objects that have begun
-  std::vector<Open> open_;
-  std::string_view text_;  // the latest text: in the input, or in unescaped_ if it held escapes
-  std::string unescaped_;
 };
 
 std::optional<Json> Decoder::decode() {
-  while (true) {
-    skip_space();
-    if (next_is('[') || next_is('{')) {
-      if (open_.size() == MAX_JSON_DEPTH) return std::nullopt;
-      open(*at_ == '[' ? ']' : '}');
-      ++at_;
-      skip_space();
-      if (!next_is(open_.back().closer)) {
-        if (open_.back().closer == '}' && !name()) return std::nullopt;
-        continue;
-      }
-    } else if (!scalar()) {
-      return std::nullopt;
-    }
-    // A value has ended, or the end of an empty array or object is next.
-    while (true) {
-      skip_space();
-      if (open_.empty()) {
-        if (at_ != end_) return std::nullopt;
-        return std::exchange(values_.front(), nullptr);
-      }
-      if (take(open_.back().closer)) {
-        close();
-      } else if (take(',')) {
-        skip_space();
-        if (open_.back().closer == '}' && !name()) return std::nullopt;
-        break;
-      } else {
-        return std::nullopt;
-      }
-    }
-  }
+  if (!value()) return std::nullopt;
+  skip_space();
+  if (at_ != end_) return std::nullopt;
+  return std::exchange(values_.front(), nullptr);
 }
 
 bool Decoder::take(std::string_view word) noexcept {
@@ -217,11 +121,16 @@ bool Decoder::take(std::string_view word) noexcept {
   return true;
 }
 
-bool Decoder::scalar() {
+bool Decoder::value() {
+  skip_space();
   if (at_ == end_) return false;
   switch (*at_) {
+    case '[':
+      return array();
+    case '{':
+      return object();
     case '"':
-      return text() && push(std::string(text_));
+      return string();
     case 'n':
       return take("null") && push(nullptr);
     case 't':
@@ -237,29 +146,82 @@ bool Decoder::scalar() {
   }
 }
 
+bool Decoder::array() {
+  const std::size_t first = values_.size();
+  if (!items(']', [this] { return value(); })) return false;
+  Json array(Json::value_t::array);
+  const auto read = std::span(values_).subspan(first);
+  array.get_ref<Json::array_t&>().assign(std::move_iterator(read.begin()),
+                                         std::move_iterator(read.end()));
+  values_.resize(first);
+  return push(std::move(array));
+}
+
+bool Decoder::object() {
+  const std::size_t first_name = names_.size();
+  const std::size_t first_value = values_.size();
+  if (!items('}', [this] { return member(); })) return false;
+  Json object(Json::value_t::object);
+  // Growing an ordered_map copies the members, deeply, and its own insertion looks through all.
+  auto& members = static_cast<Json::object_t::Container&>(object.get_ref<Json::object_t&>());
+  const auto names = std::span(names_).subspan(first_name);
+  const auto values = std::span(values_).subspan(first_value);
+  members.reserve(merge_repeated_names(names, values));
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    if (values[i].is_discarded()) continue;
+    members.emplace_back(std::move(names[i]), std::move(values[i]));
+  }
+  names_.resize(first_name);
+  values_.resize(first_value);
+  return push(std::move(object));
+}
+
+/// Reads the brackets of an array or object and what is between them.
+template <class ReadItem>
+bool Decoder::items(char closer, ReadItem read_item) {
+  if (++depth_ > MAX_JSON_DEPTH) return false;
+  ++at_;
+  skip_space();
+  if (!next_is(closer)) {
+    do {
+      if (!read_item()) return false;
+      skip_space();
+    } while (take(','));
+  }
+  --depth_;
+  return take(closer);
+}
+
+bool Decoder::member() {
+  skip_space();
+  if (!next_is('"') || !text(names_.emplace_back())) return false;
+  skip_space();
+  return take(':') && value();
+}
+
+bool Decoder::string() {
+  std::string read;
+  return text(read) && push(std::move(read));
+}
+
 /// `std::from_chars` accepts more than JSON does: leading zeros, words, and a point without digits
 /// around it. These are refused here. It ends before characters that belong to no number, which the
 /// caller refuses.
 bool Decoder::number() {
   const char* const start = at_;
-  if (take('-') && next_is('I')) return take("Infinity") && push(-INFINITE);
+  const bool negative = take('-');
+  if (negative && next_is('I')) return take("Infinity") && push(-INFINITE);
   const bool leading_zero = next_is('0');
-  if (!next_is_digit()) return false;
-
   std::uint64_t natural = 0;
   const auto [integer_end, error] = std::from_chars(at_, end_, natural);
-  if (leading_zero && integer_end != at_ + 1) return false;
+  if (integer_end == at_ || (leading_zero && integer_end != at_ + 1)) return false;
   at_ = integer_end;
-  if (take('.')) {
-    if (!next_is_digit()) return false;
-  } else if (!next_is('e') && !next_is('E') && error == std::errc()) {
-    std::int64_t integer = 0;
-    if (*start != '-') return push(natural);
-    if (natural != 0 && std::from_chars(start, at_, integer).ec == std::errc()) {
-      return push(integer);  // but not -0: only a double keeps its sign
-    }
-  }
-  return real(start);
+  if (take('.')) return at_ != end_ && is_digit(*at_) && real(start);
+  if (next_is('e') || next_is('E') || error != std::errc()) return real(start);
+  if (!negative) return push(natural);
+  constexpr std::uint64_t LARGEST = std::uint64_t{1} << 63;
+  if (natural == 0 || natural > LARGEST) return real(start);  // as a double, -0 keeps its sign
+  return push(static_cast<std::int64_t>(-natural));
 }
 
 /// Reads the number that begins at `start` as the nearest double.
@@ -268,130 +230,56 @@ bool Decoder::real(const char* start) {
   const auto [end, error] = std::from_chars(start, end_, value);
   at_ = end;
   if (error == std::errc::result_out_of_range) {
-    value = std::copysign(is_too_large({start, end}) ? INFINITE : 0.0, *start == '-' ? -1.0 : 1.0);
+    // nlohmann's parser refuses a number that is too large and reads one that is too small as 0.
+    const Json zero = Json::parse(start, end, nullptr, /*allow_exceptions=*/false);
+    value = zero.is_number() ? zero.get<double>() : *start == '-' ? -INFINITE : INFINITE;
   }
   return push(value);
 }
 
-/// Reads a string into `text_`.
-bool Decoder::text() {
-  const char* start = ++at_;
-  at_ = skip_plain(at_, end_);
-  if (next_is('\\')) {
-    unescaped_.clear();
-    while (true) {
-      unescaped_.append(start, at_);
-      if (!take('\\')) break;
-      if (!escape()) return false;
-      start = at_;
-      at_ = skip_plain(at_, end_);
-    }
-    text_ = unescaped_;
-  } else {
-    text_ = {start, at_};
+/// Reads a string and appends its characters.
+bool Decoder::text(std::string& out) {
+  ++at_;
+  while (true) {
+    const char* const plain = at_;
+    at_ = skip_plain(at_, end_);
+    out.append(plain, at_);
+    if (take('"')) return true;
+    if (!take('\\') || !escape(out)) return false;
   }
-  return take('"');
 }
 
-bool Decoder::escape() {
+bool Decoder::escape(std::string& out) {
   if (at_ == end_) return false;
-  const char c = *at_++;
-  switch (c) {
-    case '"':
-    case '\\':
-    case '/':
-      unescaped_ += c;
-      return true;
-    case 'b':
-      unescaped_ += '\b';
-      return true;
-    case 'f':
-      unescaped_ += '\f';
-      return true;
-    case 'n':
-      unescaped_ += '\n';
-      return true;
-    case 'r':
-      unescaped_ += '\r';
-      return true;
-    case 't':
-      unescaped_ += '\t';
-      return true;
-    default:
-      break;
+  const char letter = *at_++;
+  if (const auto i = ESCAPE_LETTERS.find(letter); i != ESCAPE_LETTERS.npos) {
+    out += ESCAPED[i];
+    return true;
   }
   char32_t unit = 0;
-  if (c != 'u' || !code_unit(unit)) return false;
-  if (unit >= 0xD800 && unit <= 0xDBFF) {
-    if (const char32_t low = low_surrogate(); low != 0) {
-      unit = 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00);
+  if (letter != 'u' || !code_unit(unit)) return false;
+  if (is_lead_surrogate(unit)) {
+    const char* const lead_end = at_;
+    char32_t trail = 0;
+    if (take("\\u") && code_unit(trail) && is_trail_surrogate(trail)) {
+      unit = 0x10000 + ((unit - 0xD800) << 10) + (trail - 0xDC00);
+    } else {
+      at_ = lead_end;
     }
   }
-  append_utf8(unescaped_, unit);
+  append_utf8(out, unit);
   return true;
 }
 
 /// Reads the four digits of a numbered escape.
 bool Decoder::code_unit(char32_t& unit) noexcept {
-  if (end_ - at_ < 4) return false;
-  unit = 0;
-  for (int i = 0; i < 4; ++i) {
-    const int digit = hex_value(*at_++);
-    if (digit < 0) return false;
-    unit = unit * 16 + static_cast<char32_t>(digit);
-  }
+  constexpr int DIGITS = 4;
+  if (end_ - at_ < DIGITS) return false;
+  std::uint16_t value = 0;
+  const char* const start = std::exchange(at_, at_ + DIGITS);
+  if (std::from_chars(start, at_, value, 16).ptr != at_) return false;
+  unit = value;
   return true;
-}
-
-/// Reads an escaped low surrogate if one is next, else reads nothing and returns 0.
-char32_t Decoder::low_surrogate() noexcept {
-  const char* const start = at_;
-  char32_t unit = 0;
-  if (take("\\u") && code_unit(unit) && unit >= 0xDC00 && unit <= 0xDFFF) return unit;
-  at_ = start;
-  return 0;
-}
-
-bool Decoder::name() {
-  if (!next_is('"') || !text()) return false;
-  names_.emplace_back(text_);
-  skip_space();
-  return take(':');
-}
-
-void Decoder::close() {
-  const Open ended = open_.back();
-  open_.pop_back();
-  const auto items = std::span(values_).subspan(ended.first_value);
-  if (ended.closer == ']') {
-    close_array(items);
-  } else {
-    close_object({std::span(names_).subspan(ended.first_name), items});
-  }
-}
-
-void Decoder::close_array(std::span<Json> items) {
-  Json array(Json::value_t::array);
-  array.get_ref<Json::array_t&>().assign(std::move_iterator(items.begin()),
-                                         std::move_iterator(items.end()));
-  values_.resize(values_.size() - items.size());
-  values_.push_back(std::move(array));
-}
-
-void Decoder::close_object(const Members& members) {
-  Json object(Json::value_t::object);
-  // Growing an ordered_map copies the members, deeply, and its own insertion looks through all.
-  auto& kept = static_cast<Json::object_t::Container&>(object.get_ref<Json::object_t&>());
-  merge_repeated_names(members);
-  const auto discarded = std::ranges::count_if(members.values, &Json::is_discarded);
-  kept.reserve(members.values.size() - static_cast<std::size_t>(discarded));
-  for (std::size_t i = 0; i < members.names.size(); ++i) {
-    if (members.values[i].is_discarded()) continue;
-    kept.emplace_back(std::move(members.names[i]), std::move(members.values[i]));
-  }
-  names_.resize(names_.size() - members.names.size());
-  values_.resize(values_.size() - members.values.size());
-  values_.push_back(std::move(object));
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 
 #include <fmt/compile.h>
 
-#include <charconv>
 #include <cmath>
 #include <stdexcept>
 #include <utility>
@@ -15,63 +14,23 @@
 namespace engines::http::detail {
 namespace {
 
-constexpr auto NUMBERED_ESCAPES = []() {
-  std::array<std::array<char, 6>, 0x20> escapes{};
-  for (std::size_t c = 0; c < escapes.size(); ++c) {
-    escapes[c] = {'\\', 'u', '0', '0', HEX_DIGITS[c / 16], HEX_DIGITS[c % 16]};
-  }
-  return escapes;
-}();
-
-/// What stands in a string for a character that is not plain.
-std::string_view escape_of(char c) noexcept {
-  switch (c) {
-    case '"':
-      return "\\\"";
-    case '\\':
-      return "\\\\";
-    case '\n':
-      return "\\n";
-    case '\r':
-      return "\\r";
-    case '\t':
-      return "\\t";
-    case '\b':
-      return "\\b";
-    case '\f':
-      return "\\f";
-    default:
-      const auto& escape = NUMBERED_ESCAPES[static_cast<unsigned char>(c)];
-      return {escape.data(), escape.size()};
-  }
-}
-
-/// Whether fmt writes a finite number without an exponent and without a point.
-bool is_written_as_integer(double value) noexcept {
-  constexpr double FIRST_WITH_EXPONENT = 1e16;
-  return std::fabs(value) < FIRST_WITH_EXPONENT &&
-         value == static_cast<double>(static_cast<std::int64_t>(value));
-}
+/// An integer's digits.
+std::string_view text_of(const fmt::format_int& digits) { return {digits.data(), digits.size()}; }
 
 }  // namespace
 
-template <class Integer>
-void JsonWriter::append_integer(Integer value) {
-  char* const to = room(MAX_NUMBER);
-  staged_ += static_cast<std::size_t>(std::to_chars(to, to + MAX_NUMBER, value).ptr - to);
-}
+void JsonWriter::integer(std::int64_t value) { append(text_of(fmt::format_int(value))); }
 
-void JsonWriter::integer(std::int64_t value) { append_integer(value); }
-
-void JsonWriter::natural(std::uint64_t value) { append_integer(value); }
+void JsonWriter::natural(std::uint64_t value) { append(text_of(fmt::format_int(value))); }
 
 void JsonWriter::number(double value) {
-  if (!std::isfinite(value)) {
-    return append(std::isnan(value) ? "NaN" : value < 0 ? "-Infinity" : "Infinity");
-  }
-  char* const to = room(MAX_NUMBER);
-  staged_ += static_cast<std::size_t>(fmt::format_to(to, FMT_COMPILE("{}"), value) - to);
-  if (is_written_as_integer(value)) append(".0");
+  if (std::isnan(value)) return append("NaN");
+  if (std::isinf(value)) return append(value < 0 ? "-Infinity" : "Infinity");
+  char digits[32];  // the longest is -2.2250738585072014e-308
+  append({digits, fmt::format_to(digits, FMT_COMPILE("{}"), value)});
+  // Below this fmt writes whole numbers without a point, from here on all with an exponent.
+  constexpr double FIRST_WITH_EXPONENT = 1e16;
+  if (std::fabs(value) < FIRST_WITH_EXPONENT && value == std::trunc(value)) append(".0");
 }
 
 void JsonWriter::text(std::string_view value) {
@@ -85,38 +44,45 @@ void JsonWriter::text(std::string_view value) {
     const char* const plain_end = skip_plain(at, end);
     append({at, plain_end});
     if (plain_end == end) break;
-    append(escape_of(*plain_end));
+    const char c = *plain_end;
+    if (const auto i = ESCAPED.find(c); i != ESCAPED.npos) {
+      const char escape[] = {'\\', ESCAPE_LETTERS[i]};
+      append({escape, sizeof escape});
+    } else {
+      const auto code = static_cast<unsigned char>(c);
+      const char escape[] = {'\\', 'u', '0', '0', HEX_DIGITS[code >> 4], HEX_DIGITS[code & 0xF]};
+      append({escape, sizeof escape});
+    }
     at = plain_end + 1;
   }
   append("\"");
+}
+
+void JsonWriter::open(char bracket) {
+  check_depth(++depth_);
+  first_ = true;
+  append({&bracket, 1});
+}
+
+void JsonWriter::name(std::string_view name) {
+  item();
+  text(name);
+  append(": ");
+}
+
+std::string JsonWriter::take() {
+  append_behind_stage({});
+  return std::move(out_);
+}
+
+void JsonWriter::append_behind_stage(std::string_view piece) {
+  out_.append(stage_.data(), std::exchange(staged_, 0)).append(piece);
 }
 
 void JsonWriter::check_depth(int depth) {
   if (depth <= MAX_JSON_DEPTH) return;
   throw std::invalid_argument(
       "a value that is nested more than 1000 deep, or contains itself, cannot be encoded as JSON");
-}
-
-void JsonWriter::open(char bracket) {
-  check_depth(++depth_);
-  first_ = true;
-  *room(1) = bracket;
-  ++staged_;
-}
-
-std::string JsonWriter::take() {
-  flush();
-  return std::move(out_);
-}
-
-void JsonWriter::append_long(std::string_view piece) {
-  flush();
-  out_ += piece;
-}
-
-void JsonWriter::flush() {
-  out_.append(stage_.data(), staged_);
-  staged_ = 0;
 }
 
 }  // namespace engines::http::detail

@@ -5,12 +5,18 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string_view>
 
 namespace engines::http::detail {
 
 /// How deeply arrays and objects may be nested. It bounds the stack of a recursive walk through a
 /// value, and ends the walk through a value that contains itself.
 inline constexpr int MAX_JSON_DEPTH = 1000;
+
+/// The characters that have an escape of one letter, and that letter of each. The slash, which is
+/// last, needs none.
+inline constexpr std::string_view ESCAPED = "\"\\\n\r\t\b\f/";
+inline constexpr std::string_view ESCAPE_LETTERS = "\"\\nrtbf/";
 
 /// Whether a character stands for itself in a JSON string.
 constexpr bool is_plain(char c) noexcept {

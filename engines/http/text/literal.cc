@@ -4,7 +4,6 @@
 #include <unicode/uchar.h>
 
 #include <cstddef>
-#include <cstdint>
 
 #include "engines/http/text/ascii.h"
 #include "engines/http/text/utf8.h"
@@ -13,10 +12,8 @@ namespace engines::http::detail {
 namespace {
 
 bool is_printable(char32_t c) noexcept {
-  constexpr std::uint32_t NOT_PRINTABLE = U_GC_CC_MASK | U_GC_CF_MASK | U_GC_CS_MASK |
-                                          U_GC_CO_MASK | U_GC_CN_MASK | U_GC_ZL_MASK |
-                                          U_GC_ZP_MASK | U_GC_ZS_MASK;
-  return c == ' ' || (U_GET_GC_MASK(static_cast<UChar32>(c)) & NOT_PRINTABLE) == 0;
+  constexpr auto OTHERS_AND_SEPARATORS = U_GC_C_MASK | U_GC_Z_MASK;
+  return c == ' ' || (U_GET_GC_MASK(static_cast<UChar32>(c)) & OTHERS_AND_SEPARATORS) == 0;
 }
 
 void append_numbered_escape(std::string& out, char32_t c) {
@@ -28,21 +25,18 @@ void append_numbered_escape(std::string& out, char32_t c) {
 }  // namespace
 
 std::string quoted(std::string_view text) {
+  constexpr std::u32string_view ESCAPED = U"\t\n\r";
+  constexpr std::string_view LETTERS = "tnr";
   const bool has_single = text.find('\'') != std::string_view::npos;
   const bool has_double = text.find('"') != std::string_view::npos;
   const char quote = has_single && !has_double ? '"' : '\'';
   std::string literal(1, quote);
   for (std::size_t position = 0; position < text.size();) {
-    const std::int32_t next = next_char(text, position);
-    const char32_t c = next < 0 ? REPLACEMENT : static_cast<char32_t>(next);
+    const char32_t c = next_char(text, position);
     if (c == U'\\' || c == static_cast<unsigned char>(quote)) {
       literal += {'\\', static_cast<char>(c)};
-    } else if (c == U'\t') {
-      literal += "\\t";
-    } else if (c == U'\n') {
-      literal += "\\n";
-    } else if (c == U'\r') {
-      literal += "\\r";
+    } else if (const auto i = ESCAPED.find(c); i != ESCAPED.npos) {
+      literal += {'\\', LETTERS[i]};
     } else if (is_printable(c)) {
       append_utf8(literal, c);
     } else {

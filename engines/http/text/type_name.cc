@@ -1,31 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "engines/http/text/type_name.h"
 
-#include <cxxabi.h>
-
-#include <cstdlib>
-#include <memory>
-#include <new>
+#include <boost/core/demangle.hpp>
+#include <cstddef>
 #include <string_view>
 
 namespace engines::http::detail {
-namespace {
-
-using Demangled = std::unique_ptr<char, decltype(&std::free)>;
-
-Demangled demangled(const char* name) {
-  constexpr int NO_MEMORY = -1;
-  int status = 0;
-  Demangled readable(abi::__cxa_demangle(name, nullptr, nullptr, &status), &std::free);
-  if (status == NO_MEMORY) throw std::bad_alloc();
-  return readable;
-}
-
-}  // namespace
-
 std::string type_name(const std::type_info& type) {
-  const Demangled readable = demangled(type.name());
-  const std::string_view name = readable ? readable.get() : type.name();
+  const std::string readable = boost::core::demangle(type.name());
+  const std::string_view name = readable;
 
   // The last component of the qualified name begins behind the last `::` outside brackets, and ends
   // at the first bracket: its template arguments or its ABI tag.

@@ -3,6 +3,7 @@
 
 #include <unicode/utf8.h>
 
+#include <cstdint>
 #include <cstring>
 
 namespace engines::http::detail {
@@ -19,33 +20,23 @@ std::size_t skip_ascii(std::string_view text, std::size_t position) noexcept {
   return position;
 }
 
-/// The position of the first ill-formed subsequence, or the text's size.
-std::size_t first_ill_formed(std::string_view text) noexcept {
+}  // namespace
+
+bool is_utf8(std::string_view text) noexcept {
   for (std::size_t position = 0;;) {
-    std::size_t start = position = skip_ascii(text, position);
-    do {  // a run of characters outside ASCII
-      if (start == text.size() || next_char(text, position) < 0) return start;
-      start = position;
-    } while (position < text.size() && !U8_IS_SINGLE(text[position]));
+    const std::size_t start = position = skip_ascii(text, position);
+    if (start == text.size()) return true;
+    if (next_char(text, position) != REPLACEMENT) continue;
+    if (text.substr(start, position - start) != "\ufffd") return false;
   }
 }
 
-}  // namespace
-
-bool is_utf8(std::string_view text) noexcept { return first_ill_formed(text) == text.size(); }
-
 std::string decode_utf8(std::string text) {
-  std::size_t position = first_ill_formed(text);
-  if (position == text.size()) return text;
-  const std::string_view bytes = text;
-  std::string decoded(bytes.substr(0, position));
-  while (position < bytes.size()) {
-    const std::size_t start = position;
-    if (next_char(bytes, position) < 0) {
-      append_utf8(decoded, REPLACEMENT);
-    } else {
-      decoded += bytes.substr(start, position - start);
-    }
+  if (is_utf8(text)) return text;
+  std::string decoded;
+  decoded.reserve(text.size());
+  for (std::size_t position = 0; position < text.size();) {
+    append_utf8(decoded, next_char(text, position));
   }
   return decoded;
 }
@@ -61,10 +52,10 @@ void append_utf8(std::string& out, char32_t code_point) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wconversion"  // ICU's macro narrows
 
-std::int32_t next_char(std::string_view text, std::size_t& position) noexcept {
+char32_t next_char(std::string_view text, std::size_t& position) noexcept {
   UChar32 c = 0;
-  U8_NEXT(text.data(), position, text.size(), c);
-  return c;
+  U8_NEXT_OR_FFFD(text.data(), position, text.size(), c);
+  return static_cast<char32_t>(c);
 }
 
 #pragma GCC diagnostic pop

@@ -6,7 +6,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -22,9 +21,9 @@ std::string decode_utf8(std::string text);
 /// Appends the UTF-8 form of a code point; a surrogate or a value beyond U+10FFFF as U+FFFD.
 void append_utf8(std::string& out, char32_t code_point);
 
-/// The code point of the character at `position`, negative for an ill-formed one. Moves `position`
+/// The code point of the character at `position`, U+FFFD for an ill-formed one. Moves `position`
 /// behind it.
-std::int32_t next_char(std::string_view text, std::size_t& position) noexcept;
+char32_t next_char(std::string_view text, std::size_t& position) noexcept;
 
 /// How many characters the text has.
 std::size_t length(std::string_view text) noexcept;
