@@ -5,7 +5,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <set>
@@ -54,9 +53,7 @@ std::string called(const Transport& transport, const Request& request,
   }
 }
 
-std::string opened(const std::string& url, const TransportOptions& options = {.timeout = 0.5}) {
-  return called(urlopen_transport, Request(url), options);
-}
+std::string opened(const std::string& url) { return called(urlopen_transport, Request(url)); }
 
 bool begins(const std::string& text, const std::string& start) { return text.starts_with(start); }
 bool holds(const std::string& text, const std::string& part) { return text.find(part) < text.npos; }
@@ -119,9 +116,6 @@ INSTANTIATE_TEST_SUITE_P(Transport, OverSockets, ::testing::Bool(),
 
 TEST_P(OverSockets, EveryFaultHasItsKindAndOneRequest) {
   const std::string slow = "A: " + std::string(30, 'b');
-  const Play says_goodbye = [this](Peer& peer) {
-    if (tls) peer.say_goodbye();
-  };
   for (const auto& [play, how] : std::vector<std::pair<Play, std::string>>{
            {answer(""), "DroppedConnection: "},
            {answer("", resets), "ConnectionError: "},
@@ -130,7 +124,7 @@ TEST_P(OverSockets, EveryFaultHasItsKindAndOneRequest) {
            {answer(TEN + "abc", stalls), "[abc] TimeoutError: "},
            {answer(TEN, drips("abcdefghij", 100)), "200 [abcdefghij]"},
            {answer(CHUNKED + "5;", drips(slow, 40)), "TimeoutError: "},
-           {answer("HTTP/1.0 200 OK\r\n\r\nhi", says_goodbye), "200 [hi]"},
+           {answer("HTTP/1.0 200 OK\r\n\r\nhi", &Peer::say_goodbye), "200 [hi]"},
            // Over TLS, anyone in between can end a connection.
            {answer(OK + "\r\nhi"), tls ? "[hi] IncompleteRead: " : "200 [hi]"},
            {answer(whole("503 S", "busy"), stalls), "503! [busy]"}}) {
@@ -141,9 +135,6 @@ TEST_P(OverSockets, EveryFaultHasItsKindAndOneRequest) {
 }
 
 TEST_P(OverSockets, WhatHappensBeforeTheRequestIsSentIsAURLError) {
-  const auto early = [](const std::string& reply) {
-    return [=](Peer& peer) { peer.receive(1000), peer.send(reply), peer.stall(); };
-  };
   const Play takes_slowly = [](Peer& peer) {  // but never waits for as long as the timeout
     std::size_t got = 0;
     for (std::size_t part = 1; part <= 10; ++part) {
@@ -157,8 +148,7 @@ TEST_P(OverSockets, WhatHappensBeforeTheRequestIsSentIsAURLError) {
            {stalls, "URLError(TimeoutError): "},
            {[](Peer& peer) { peer.receive(1000), peer.reset(); }, "URLError(ConnectionError): "},
            {[](Peer& peer) { peer.receive(1000); }, "URLError(ConnectionError): "},
-           {early(whole("413 T", "long")), "413! [long]"},
-           {early(HI), "200 [hi]"},
+           {[](Peer& peer) { peer.receive(1000), peer.send(HI), peer.stall(); }, "200 [hi]"},
            {takes_slowly, "200 [hi]"}}) {
     FaultServer server(play, identity(tls));
     const Request request(server.url(), {.data = long_body, .method = "POST"});
@@ -215,29 +205,23 @@ TEST(Redirects, AreFollowedUpToALimit) {
 // ---- Reading ------------------------------------------------------------------------------------
 
 TEST(Reading, ReadFillsAndRead1TakesWhatHasCome) {
-  FaultServer server([](Peer& peer) {
-    peer.request(), peer.send(LENGTH + "8\r\n\r\nab"), peer.stall(100);
-    peer.send("cdef"), peer.stall(100), peer.send("gh");
-  });
-  const auto read = urlopen_transport(Request(server.url()), PATIENT);
-  for (const char* expected : {"abcde", "fgh", ""}) EXPECT_EQ(read->read(5), expected);
-  const auto read1 = urlopen_transport(Request(server.url()), PATIENT);
-  EXPECT_EQ(read1->read1(1), "a");
-  for (const char* expected : {"b", "cdef", "gh", ""}) EXPECT_EQ(read1->read1(9), expected);
+  FaultServer server(answer(TEN + "ab", [](Peer& peer) {
+    for (const char* piece : {"cdef", "ghij"}) peer.stall(100), peer.send(piece);
+  }));
+  const auto reply = urlopen_transport(Request(server.url()), PATIENT);
+  EXPECT_EQ(reply->read1(1), "a");
+  EXPECT_EQ(reply->read1(9), "b");
+  EXPECT_EQ(reply->read(5), "cdefg");
+  EXPECT_EQ(reply->read1(9), "hij");
 }
 
-TEST(Reading, ASlowReaderNeitherTimesOutNorBuffers) {
-  std::atomic<std::size_t> sent = 0;
-  FaultServer server(answer(OK + "\r\n", [&sent](Peer& peer) {
-    for (const std::string piece(65536, 'x'); sent < 200'000'000 && peer.send(piece);)
-      sent += 65536;
-  }));
+TEST(Reading, ASlowReaderDoesNotTimeOut) {
+  FaultServer server(answer(OK + "\r\n", drips(std::string(9, 'x'), 200)));
   const auto reply = urlopen_transport(Request(server.url()), {.timeout = 0.4});
   for (int i = 0; i < 3; ++i) {
     std::this_thread::sleep_for(500ms);
-    EXPECT_EQ(reply->read(10).size(), 10U);
+    EXPECT_EQ(reply->read(3).size(), 3U);
   }
-  EXPECT_LT(sent, 20'000'000U) << "what the sockets hold, and no more";
 }
 
 TEST(Reading, ACodingThatWasNotAskedForFailsWithItsName) {

@@ -88,10 +88,7 @@ bool Peer::renew_key() {
 }
 
 void Peer::say_goodbye() {
-  SSL* const tls = tls_of(io_);
-  SSL_set_quiet_shutdown(tls, 0);
-  SSL_shutdown(tls);
-  SSL_set_quiet_shutdown(tls, 1);
+  if (SSL* const tls = tls_of(io_)) SSL_set_quiet_shutdown(tls, 0);
 }
 
 // ---- FaultServer --------------------------------------------------------------------------------

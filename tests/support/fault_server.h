@@ -39,7 +39,7 @@ class Peer {
   void reset();
   /// Over TLS 1.3, sends with a new key from here on. False once the client has gone.
   bool renew_key();
-  /// Ends the TLS session as it should be ended; without it the play's end is a cut.
+  /// Has the play's end end the TLS session as it should be ended; without this it is a cut.
   void say_goodbye();
 
  private:
