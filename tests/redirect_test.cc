@@ -32,6 +32,7 @@ TEST(Redirect, KeepsOrChangesTheRequestByTheUsualRules) {
     EXPECT_EQ(*next->headers, keeps_body ? headers : Headers({{"Cookie", "c=d"}}));
     EXPECT_EQ(next->credentials->password, "p");
   }
+  EXPECT_FALSE(next_hop(first_hop(Request("http://h/")), 302, std::nullopt)) << "leads nowhere";
 }
 
 TEST(Redirect, TakesOnlyHarmlessHeadersToAnotherOrigin) {
