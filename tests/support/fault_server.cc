@@ -15,12 +15,6 @@ namespace {
 
 int fd_of(BIO* io) { return static_cast<int>(BIO_get_fd(io, nullptr)); }
 
-SSL* tls_of(BIO* io) {
-  SSL* tls = nullptr;
-  BIO_get_ssl(io, &tls);
-  return tls;
-}
-
 int port_of(BIO* listener) { return std::atoi(BIO_get_accept_port(listener)); }
 
 BIO* listen_on_loopback() {
@@ -51,7 +45,7 @@ std::string Peer::request() {
     size = head_end + 4 + (length < head_end ? std::stoul(text.substr(length + 16)) : 0);
   }
   const std::lock_guard lock(server_.mutex_);
-  if (!text.empty()) server_.requests_.push_back(text);
+  if (!text.empty() && server_.requests_.size() < 1000) server_.requests_.push_back(text);
   return text;
 }
 
@@ -65,13 +59,6 @@ bool Peer::send(std::string_view bytes) {
   return true;
 }
 
-void Peer::drip(std::string_view bytes, int pause_ms) {
-  for (const char& byte : bytes) {
-    if (!send({&byte, 1})) return;
-    stall(pause_ms);
-  }
-}
-
 void Peer::stall(int ms) {
   pollfd gone{fd_of(io_), POLLRDHUP, 0};
   poll(&gone, 1, ms);
@@ -82,13 +69,10 @@ void Peer::reset() {
   setsockopt(fd_of(io_), SOL_SOCKET, SO_LINGER, &now, sizeof now);
 }
 
-bool Peer::renew_key() {
-  SSL* const tls = tls_of(io_);
-  return SSL_key_update(tls, SSL_KEY_UPDATE_NOT_REQUESTED) == 1 && SSL_do_handshake(tls) == 1;
-}
-
-void Peer::say_goodbye() {
-  if (SSL* const tls = tls_of(io_)) SSL_set_quiet_shutdown(tls, 0);
+SSL* Peer::tls() {
+  SSL* session = nullptr;
+  BIO_get_ssl(io_, &session);
+  return session;
 }
 
 // ---- FaultServer --------------------------------------------------------------------------------

@@ -31,16 +31,12 @@ class Peer {
   std::string receive(std::size_t amt);
   /// False once the client has gone.
   bool send(std::string_view bytes);
-  /// Sends byte after byte with a pause between them.
-  void drip(std::string_view bytes, int pause_ms);
   /// Does nothing for so long, or until the client has gone.
   void stall(int ms = -1);
   /// Makes the end of the connection a reset.
   void reset();
-  /// Over TLS 1.3, sends with a new key from here on. False once the client has gone.
-  bool renew_key();
-  /// Has the play's end end the TLS session as it should be ended; without this it is a cut.
-  void say_goodbye();
+  /// The TLS session, which the play's end cuts unless it is told otherwise; null without TLS.
+  SSL* tls();
 
  private:
   BIO* io_;
@@ -58,7 +54,7 @@ class FaultServer {
   int port() const noexcept { return port_; }
   std::string url(std::string_view path = "/") const;
   int connections() const noexcept { return connections_; }
-  /// Every request that `Peer::request` has read, whole or not.
+  /// The requests that `Peer::request` has read, whole or not: the first thousand.
   std::vector<std::string> requests() const;
 
  private:
