@@ -75,6 +75,10 @@ TEST(Gzip, ThatIsCutOrMalformedIsAFailureAfterWhatCameBefore) {
   for (const std::string& malformed : {std::string("hello"), coded + "hello", wrong_sum}) {
     EXPECT_THROW(decoded(malformed, 65536, 9, false), HTTPException);
   }
+  GzipDecoder decoder(source(coded + "hello", 65536));
+  std::string body;
+  EXPECT_EQ(decoder.read(body, 99, true), 19U);
+  EXPECT_THROW(decoder.read(body, 99, true), HTTPException);
 }
 
 }  // namespace
