@@ -4,9 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <sstream>
-#include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "tests/support/outcome.h"
 
 namespace engines::http::net {
 namespace {
@@ -31,18 +32,18 @@ TEST(Redirect, KeepsOrChangesTheRequestByTheUsualRules) {
     EXPECT_EQ(*next->headers, keeps_body ? headers : Headers({{"Cookie", "c=d"}}));
     EXPECT_EQ(next->credentials->password, "p");
   }
+  EXPECT_FALSE(next_hop(first_hop(Request("http://h/")), 302, std::nullopt)) << "leads nowhere";
 }
 
 TEST(Redirect, TakesOnlyHarmlessHeadersToAnotherOrigin) {
-  Headers harmless;
-  for (const char* name :
-       {"ACCEPT", "Accept-Language", "Content-Type", "Content-Language", "User-Agent"}) {
-    harmless.add(name, "a");
-  }
+  const Headers harmless{{"ACCEPT", "a"},
+                         {"Accept-Language", "a"},
+                         {"Content-Type", "a"},
+                         {"Content-Language", "a"},
+                         {"User-Agent", "a"}};
   Headers all = harmless;
   for (const char* name :
-       {"authorization", "Proxy-Authorization", "X-API-Key", "Cookie", "api-key", "x-goog-api-key",
-        "X-Auth-Token", "Ocp-Apim-Subscription-Key", "X-Other", "Accept-Encoding"}) {
+       {"authorization", "Proxy-Authorization", "X-API-Key", "Cookie", "Accept-Encoding"}) {
     all.add(name, "s3cret");
   }
   all.add("Host", "h");
@@ -78,13 +79,9 @@ TEST(Redirect, ARequestThatCannotBeSentIsRefusedWithoutBeingQuoted) {
            {by(""), "method"},
            {by("GET /s3cret"), "method"},
            {by("CONNECT"), "method"}}) {
-    try {
-      first_hop(request);
-      ADD_FAILURE() << part;
-    } catch (const std::invalid_argument& error) {
-      const std::string text = error.what();
-      EXPECT_TRUE(text.find(part) != text.npos && text.find("s3cret") == text.npos) << text;
-    }
+    const std::string how = test::outcome([&given = request] { return first_hop(given).method; });
+    EXPECT_TRUE(how.starts_with("invalid_argument: ")) << how;
+    EXPECT_TRUE(how.find(part) < how.npos && how.find("s3cret") == how.npos) << how;
   }
   for (const Request& sound : {with("A", ""), with("A", "\t x\xc3\xa9"),
                                with("content-length", "2"), with("Host", "H:81"), by("PURGE")}) {

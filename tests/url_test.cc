@@ -3,9 +3,10 @@
 
 #include <gtest/gtest.h>
 
-#include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "tests/support/outcome.h"
 
 namespace engines::http::net {
 namespace {
@@ -48,21 +49,17 @@ TEST(Url, OfAProxyHasItsOwnSchemesAndPorts) {
 
 TEST(Url, ThatCannotBeSentIsRefusedWithoutBeingQuoted) {
   for (const std::string row :  // a URL, and a part of the refusal
-       {"s3cret -> URL has no scheme", "://s3cret -> URL has no scheme",
-        "ftp://s3cret/ -> scheme other than http and https", "http:///s3cret -> URL has no host",
-        "http://s3cret:s3cret@/ -> URL has no host", "http://s3cret:0/ -> port",
+       {"s3cret -> no scheme", "://s3cret -> no scheme",
+        "ftp://s3cret/ -> scheme other than http and https", "http:///s3cret -> no host",
+        "http://s3cret:s3cret@/ -> no host", "http://s3cret:0/ -> port",
         "http://s3cret:65536/ -> port", "http://s3cret:x/ -> port", "http://a@s3cret@b/ -> host",
         "http://[s3cret]/ -> host", "http://h/s3cret 1 -> space", "http://h/s3cret\t -> control",
         "http://h/s3cret\xc3\xa9 -> ASCII", "http://s3cret%00@h/ -> userinfo"}) {
     const std::size_t arrow = row.find(" -> ");
-    try {
-      parse_url(row.substr(0, arrow));
-      ADD_FAILURE() << row;
-    } catch (const std::invalid_argument& error) {
-      const std::string text = error.what();
-      EXPECT_TRUE(text.find(row.substr(arrow + 4)) != text.npos) << text;
-      EXPECT_TRUE(text.find("s3cret") == text.npos) << text;
-    }
+    const std::string how = test::outcome([&] { return parse_url(row.substr(0, arrow))->text; });
+    EXPECT_TRUE(how.starts_with("invalid_argument: the URL ")) << how;
+    EXPECT_TRUE(how.find(row.substr(arrow + 4)) < how.npos && how.find("s3cret") == how.npos)
+        << how;
   }
 }
 

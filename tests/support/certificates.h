@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// A certificate authority of the test's own, in a directory that is gone with it.
+// A certificate authority of the test's own, in a directory that is removed with it.
 #pragma once
 
-#include <filesystem>
 #include <string>
 
 namespace engines::http::test {
@@ -12,12 +11,11 @@ class TemporaryDirectory {
  public:
   TemporaryDirectory();
   ~TemporaryDirectory();
-  TemporaryDirectory(const TemporaryDirectory&) = delete;
-  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-  std::string file(const std::string& name) const { return (path_ / name).string(); }
+  TemporaryDirectory(TemporaryDirectory&&) = delete;
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
 
  private:
-  std::filesystem::path path_;
+  std::string path_;
 };
 
 /// A certificate and its key, in PEM files.
@@ -34,19 +32,11 @@ class CertificateAuthority {
   std::string file() const { return directory_.file("ca.pem"); }
   /// A directory that holds it under the hash of its subject, as OpenSSL looks for it.
   std::string directory() const { return directory_.file("hashed"); }
-  /// A certificate for the host name, valid now; or one that expired long ago.
-  /// @{
-  Identity issue(const std::string& host) const { return issue(host, "30000101000000Z"); }
-  Identity issue_expired(const std::string& host) const { return issue(host, "20200101000000Z"); }
-  /// @}
+  /// A certificate for the host name, valid from now on. With 0 days it has expired.
+  Identity issue(const std::string& host, int days = 2) const;
 
  private:
-  Identity issue(const std::string& host, const std::string& until) const;
-
   TemporaryDirectory directory_;
 };
-
-/// Runs a shell command; throws `std::runtime_error`, which quotes it, when it fails.
-void run(const std::string& command);
 
 }  // namespace engines::http::test

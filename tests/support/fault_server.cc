@@ -17,16 +17,6 @@ int fd_of(BIO* io) { return static_cast<int>(BIO_get_fd(io, nullptr)); }
 
 int port_of(BIO* listener) { return std::atoi(BIO_get_accept_port(listener)); }
 
-std::shared_ptr<SSL_CTX> tls_context(const Identity& identity) {
-  std::shared_ptr<SSL_CTX> context(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
-  if (SSL_CTX_use_certificate_chain_file(context.get(), identity.certificate.c_str()) != 1 ||
-      SSL_CTX_use_PrivateKey_file(context.get(), identity.key.c_str(), SSL_FILETYPE_PEM) != 1) {
-    throw std::runtime_error("no certificate for the fault server");
-  }
-  SSL_CTX_set_quiet_shutdown(context.get(), 1);  // the end of a play is a cut
-  return context;
-}
-
 BIO* listen_on_loopback() {
   BIO* const listener = BIO_new_accept("127.0.0.1:0");
   if (BIO_do_accept(listener) != 1) throw std::runtime_error("no loopback port");
@@ -36,10 +26,6 @@ BIO* listen_on_loopback() {
 }  // namespace
 
 // ---- Peer ---------------------------------------------------------------------------------------
-
-Peer::Peer(BIO* io, FaultServer& server) : io_(io), fd_(fd_of(io)), server_(server) {
-  BIO_get_ssl(io_, &tls_);
-}
 
 std::string Peer::receive(std::size_t amt) {
   std::string bytes(amt, '\0');
@@ -54,16 +40,12 @@ std::string Peer::request() {
     const std::string piece = receive(65536);
     if (piece.empty()) break;
     text += piece;
-    const std::size_t head_end = text.find("\r\n\r\n");
+    const std::size_t head_end = text.find("\r\n\r\n"), length = text.find("Content-Length: ");
     if (head_end == std::string::npos) continue;
-    const std::size_t length = text.find("Content-Length: ");
-    size = head_end + 4;
-    if (length < head_end) size += std::stoul(text.substr(length + 16));
+    size = head_end + 4 + (length < head_end ? std::stoul(text.substr(length + 16)) : 0);
   }
-  if (!text.empty()) {
-    const std::lock_guard lock(server_.mutex_);
-    server_.requests_.push_back(text);
-  }
+  const std::lock_guard lock(server_.mutex_);
+  if (!text.empty() && server_.requests_.size() < 1000) server_.requests_.push_back(text);
   return text;
 }
 
@@ -77,55 +59,42 @@ bool Peer::send(std::string_view bytes) {
   return true;
 }
 
-void Peer::drip(std::string_view bytes, int pause_ms) {
-  for (const char& byte : bytes) {
-    if (!send({&byte, 1})) return;
-    sleep(pause_ms);
-  }
-}
-
-void Peer::sleep(int ms) {
-  std::unique_lock lock(server_.mutex_);
-  server_.stopped_.wait_for(lock, std::chrono::milliseconds(ms), [this] { return server_.stop_; });
-}
-
-void Peer::stall() {
-  pollfd gone{fd_, POLLRDHUP, 0};
-  poll(&gone, 1, -1);
+void Peer::stall(int ms) {
+  pollfd gone{fd_of(io_), POLLRDHUP, 0};
+  poll(&gone, 1, ms);
 }
 
 void Peer::reset() {
   const linger now{1, 0};
-  setsockopt(fd_, SOL_SOCKET, SO_LINGER, &now, sizeof now);
+  setsockopt(fd_of(io_), SOL_SOCKET, SO_LINGER, &now, sizeof now);
 }
 
-bool Peer::renew_key() {
-  return SSL_key_update(tls_, SSL_KEY_UPDATE_NOT_REQUESTED) == 1 && SSL_do_handshake(tls_) == 1;
-}
-
-void Peer::say_goodbye() {
-  SSL_set_quiet_shutdown(tls_, 0);
-  SSL_shutdown(tls_);
-  SSL_set_quiet_shutdown(tls_, 1);
+SSL* Peer::tls() {
+  SSL* session = nullptr;
+  BIO_get_ssl(io_, &session);
+  return session;
 }
 
 // ---- FaultServer --------------------------------------------------------------------------------
 
 FaultServer::FaultServer(Play play, const Identity* identity)
     : play_(std::move(play)), listener_(listen_on_loopback()), port_(port_of(listener_)) {
-  if (identity != nullptr) tls_context_ = tls_context(*identity);
+  if (identity != nullptr) {
+    tls_context_.reset(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
+    SSL_CTX_use_certificate_chain_file(tls_context_.get(), identity->certificate.c_str());
+    SSL_CTX_use_PrivateKey_file(tls_context_.get(), identity->key.c_str(), SSL_FILETYPE_PEM);
+    SSL_CTX_set_quiet_shutdown(tls_context_.get(), 1);  // the end of a play is a cut
+  }
   acceptor_ = std::thread([this] { accept_all(); });
 }
 
 FaultServer::~FaultServer() {
-  {
-    const std::lock_guard lock(mutex_);
-    stop_ = true;
-    for (const int fd : open_) shutdown(fd, SHUT_RDWR);
-  }
-  stopped_.notify_all();
   shutdown(fd_of(listener_), SHUT_RDWR);
   acceptor_.join();
+  {
+    const std::lock_guard lock(mutex_);
+    for (const int fd : open_) shutdown(fd, SHUT_RDWR);
+  }
   plays_.clear();
   BIO_free_all(listener_);
 }
@@ -141,27 +110,25 @@ std::vector<std::string> FaultServer::requests() const {
 }
 
 void FaultServer::accept_all() {
+  sigset_t broken_pipe;  // OpenSSL's writes raise it; the library under test must not
+  sigemptyset(&broken_pipe);
+  sigaddset(&broken_pipe, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &broken_pipe, nullptr);  // on the plays' threads, too
   while (BIO_do_accept(listener_) == 1) {
     ++connections_;
+    BIO* const io = BIO_pop(listener_);
+    BIO_set_tcp_ndelay(fd_of(io), 1);
+    const std::lock_guard lock(mutex_);
+    open_.insert(fd_of(io));
     std::erase_if(plays_, [](const auto& play) {
       return play.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
     });
-    plays_.push_back(std::async(std::launch::async, &FaultServer::serve, this, BIO_pop(listener_)));
+    plays_.push_back(std::async(std::launch::async, &FaultServer::serve, this, io));
   }
 }
 
 void FaultServer::serve(BIO* io) {
-  sigset_t broken_pipe;  // OpenSSL's writes raise it; the library under test must not
-  sigemptyset(&broken_pipe);
-  sigaddset(&broken_pipe, SIGPIPE);
-  pthread_sigmask(SIG_BLOCK, &broken_pipe, nullptr);
   const int fd = fd_of(io);
-  BIO_set_tcp_ndelay(fd, 1);
-  {
-    const std::lock_guard lock(mutex_);
-    open_.insert(fd);
-    if (stop_) shutdown(fd, SHUT_RDWR);
-  }
   if (tls_context_) io = BIO_push(BIO_new_ssl(tls_context_.get(), 0), io);
   Peer peer(io, *this);
   if (!tls_context_ || BIO_do_handshake(io) == 1) play_(peer);

@@ -6,7 +6,6 @@
 #include <openssl/bio.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <functional>
 #include <future>
 #include <memory>
@@ -24,31 +23,23 @@ namespace engines::http::test {
 /// One accepted connection, as the play sees it. Every wait ends when the server is destroyed.
 class Peer {
  public:
+  Peer(BIO* io, class FaultServer& server) : io_(io), server_(server) {}
+
   /// Reads one request: its head, and as much body as its Content-Length says. Empty: none came.
   std::string request();
   /// Reads up to `amt` bytes of what comes, body or not.
   std::string receive(std::size_t amt);
   /// False once the client has gone.
   bool send(std::string_view bytes);
-  /// Sends byte after byte with a pause between them.
-  void drip(std::string_view bytes, int pause_ms);
-  void sleep(int ms);
-  /// Waits until the client has gone or the server ends.
-  void stall();
-  /// Makes the end of the connection a reset; over TLS, what follows `close` is not announced.
+  /// Does nothing for so long, or until the client has gone.
+  void stall(int ms = -1);
+  /// Makes the end of the connection a reset.
   void reset();
-  /// Over TLS 1.3, sends with a new key from here on. False once the client has gone.
-  bool renew_key();
-  /// Ends the TLS session as it should be ended; without it the play's end is a cut.
-  void say_goodbye();
+  /// The TLS session, which the play's end cuts unless it is told otherwise; null without TLS.
+  SSL* tls();
 
  private:
-  friend class FaultServer;
-  Peer(BIO* io, class FaultServer& server);
-
   BIO* io_;
-  SSL* tls_ = nullptr;
-  int fd_;
   class FaultServer& server_;
 };
 
@@ -59,13 +50,11 @@ class FaultServer {
   /// Over TLS when an identity is given.
   explicit FaultServer(Play play, const Identity* identity = nullptr);
   ~FaultServer();
-  FaultServer(const FaultServer&) = delete;
-  FaultServer& operator=(const FaultServer&) = delete;
 
   int port() const noexcept { return port_; }
   std::string url(std::string_view path = "/") const;
   int connections() const noexcept { return connections_; }
-  /// Every request that `Peer::request` has read, whole or not.
+  /// The requests that `Peer::request` has read, whole or not: the first thousand.
   std::vector<std::string> requests() const;
 
  private:
@@ -79,8 +68,6 @@ class FaultServer {
   int port_;
   std::atomic<int> connections_ = 0;
   mutable std::mutex mutex_;
-  std::condition_variable stopped_;
-  bool stop_ = false;
   std::set<int> open_;  // the connections' sockets
   std::vector<std::string> requests_;
   std::vector<std::future<void>> plays_;  // those that run, and some that have ended

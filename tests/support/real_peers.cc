@@ -48,12 +48,4 @@ RealPeer::~RealPeer() {
   waitpid(process_, nullptr, 0);
 }
 
-std::string RealPeer::url(const std::string& path) const {
-  return "http://127.0.0.1:" + std::to_string(port_) + path;
-}
-
-std::string RealPeer::tls_url(const std::string& path) const {
-  return "https://localhost:" + std::to_string(tls_port_) + path;
-}
-
 }  // namespace engines::http::test

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Servers that others wrote, started by the script `real_peers` on free loopback ports with files
-// in a directory that is gone with them.
+// in a directory that is removed with them.
 #pragma once
 
 #include <sys/types.h>
@@ -27,11 +27,13 @@ class RealPeer {
   /// does not come up within 10 s.
   RealPeer(const std::string& name, const std::string& arguments);
   ~RealPeer();
-  RealPeer(const RealPeer&) = delete;
-  RealPeer& operator=(const RealPeer&) = delete;
 
-  std::string url(const std::string& path = "") const;
-  std::string tls_url(const std::string& path) const;
+  std::string url(const std::string& path = "") const {
+    return "http://127.0.0.1:" + std::to_string(port_) + path;
+  }
+  std::string tls_url(const std::string& path) const {
+    return "https://localhost:" + std::to_string(tls_port_) + path;
+  }
 
  private:
   TemporaryDirectory directory_;

@@ -14,9 +14,6 @@
 
 namespace engines::http::test {
 
-using net::Io;
-using net::IoResult;
-
 /// How the peer goes on after its bytes.
 enum class Then { ends, cuts, resets, stalls };
 
@@ -26,19 +23,19 @@ class ScriptedStream final : public net::Stream {
   ScriptedStream(std::string bytes, Then then, std::size_t piece)
       : bytes_(std::move(bytes)), then_(then), piece_(piece) {}
 
-  IoResult send(std::string_view bytes) override {
-    if (sent.size() >= takes) return {Io::blocked};
+  net::IoResult send(std::string_view bytes) override {
+    if (sent.size() >= takes) return {net::Io::blocked};
     sent += bytes;
-    return {Io::moved, bytes.size()};
+    return {net::Io::moved, bytes.size()};
   }
-  IoResult receive(char* to, std::size_t room) override {
+  net::IoResult receive(char* to, std::size_t room) override {
     if (received_ < arrived_) {
       const std::size_t size = bytes_.copy(to, std::min(room, arrived_ - received_), received_);
       received_ += size;
-      return {Io::moved, size};
+      return {net::Io::moved, size};
     }
-    if (arrived_ < bytes_.size() || then_ == Then::stalls) return {Io::blocked};
-    return {then_ == Then::resets ? Io::broken : Io::ended};
+    if (arrived_ < bytes_.size() || then_ == Then::stalls) return {net::Io::blocked};
+    return {then_ == Then::resets ? net::Io::broken : net::Io::ended};
   }
   void wait(bool, net::Duration at_most) override {
     if (arrived_ == bytes_.size()) std::this_thread::sleep_for(at_most);

@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: Apache-2.0
+// What a peer answers, in bytes.
+#pragma once
+
+#include <string>
+
+namespace engines::http::test {
+
+/// A whole reply: "200 OK" and the like, the body, and further headers.
+inline std::string whole(const std::string& status, const std::string& body,
+                         const std::string& headers = "") {
+  return "HTTP/1.1 " + status + "\r\n" + headers +
+         "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+// Replies that are to be continued.
+inline const std::string OK = "HTTP/1.1 200 OK\r\n",
+                         LENGTH = OK + "Content-Length: ", TEN = LENGTH + "10\r\n\r\n",
+                         CHUNKED = OK + "Transfer-Encoding: chunked\r\n\r\n";
+
+inline std::string times(int count, const std::string& text) {
+  std::string all;
+  while (count-- > 0) all += text;
+  return all;
+}
+
+}  // namespace engines::http::test
