@@ -54,7 +54,7 @@ TEST(SecretsOf, CollectsValuesAndTheCredentialsInThem) {
 TEST(SecretsOfUrl, ThePasswordAndWhatIsSentOfIt) {
   const std::pair<std::string, std::string> table[] = {
       {"a:%fB%Ff%aA", "<%fB%Ff%aA><\xfb\xff\xaa><YTr7/6o=>"},
-      {"us:p%40%gg%4g@s%4", "<p%40%gg%4g@s%4><p@%gg%4g@s%4><dXM6cEAlZ2clNGdAcyU0>"},
+      {"us:p%40%g4%4g@s%4", "<p%40%g4%4g@s%4><p@%g4%4g@s%4><dXM6cEAlZzQlNGdAcyU0>"},
       {"us%65r:p%0A%39:", "<p%0A%39:><p\n9:><dXNlcjpwCjk6>"}};
   for (const auto& [userinfo, expected] : table) {
     for (const char* rest : {"/x@y", "?@", "#@", ""}) {
@@ -68,10 +68,10 @@ TEST(SecretsOfCall, WhatHeadersNamesSayIsACredential) {
   const std::pair<Headers, std::string> table[] = {
       {{{"X-Api-Key", " k-1 "}, {"api-key", "k-2"}, {"Authorization", "Bearer t"}},
        "< k-1 ><Bearer t><t><k-1><k-2><Bearer t><t>"},
-      {{{"x-goog-api-key", "g"}, {"Ocp-Apim-Subscription-Key", "o"}, {"X-AUTH-TOKEN", "JWT j"}},
-       "<g><o><JWT j><j>"},
-      {{{"Cookie", "a=1; b==2;c"}, {"Accept", "a/b"}, {"X-Request-Id", "r"}, {"Keep-Alive", "1"}},
-       "<a=1; b==2;c><b==2;c><1><=2>"}};
+      {{{"x-goog-api-key", "g"}, {"Ocp-Apim-Subscription-Key", "o"}, {"X-AUTH-TOKEN", "JWT j=k"}},
+       "<g><o><JWT j=k><j=k>"},
+      {{{"Cookie", "a= 1 ; b==2;c"}, {"Accept", "a/b"}, {"X-Request-Id", "r"}, {"Keep-Alive", "1"}},
+       "<a= 1 ; b==2;c><1 ; b==2;c><1><=2>"}};
   for (const auto& [headers, expected] : table) {
     EXPECT_EQ(items(_secrets_of_call({"mine"}, headers, "http://h")), "<mine>" + expected);
   }
