@@ -4,9 +4,7 @@
 #include <fuzzer/FuzzedDataProvider.h>
 #include <unicode/unistr.h>
 
-#include <algorithm>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "engines/http/redaction.h"
@@ -20,16 +18,13 @@ namespace {
 
 constexpr std::int32_t MIN_CHARS = 8;
 
+UnicodeString decoded(const std::string& text) { return UnicodeString::fromUTF8(text); }
+
 /// Whether a secret and the mark in place of removed ones can share characters: then a mark can
 /// complete the secret.
 bool can_join_mark(const UnicodeString& secret) {
-  const UnicodeString mark = UnicodeString::fromUTF8(std::string(http::REDACTED));
-  if (mark.indexOf(secret) >= 0 || secret.indexOf(mark) >= 0) return true;
-  for (std::int32_t size = 1; size <= mark.length(); ++size) {
-    if (secret.startsWith(mark, mark.length() - size, size)) return true;
-    if (secret.endsWith(mark, 0, size)) return true;
-  }
-  return false;
+  return secret.indexOf('[') >= 0 || secret.indexOf(']') >= 0 ||
+         decoded(std::string(http::REDACTED)).indexOf(secret) >= 0;
 }
 
 /// Whether a text has none of the words that mark an echoed credential.
@@ -38,12 +33,8 @@ bool has_no_echo(UnicodeString text) {
   return text.indexOf("authorization") < 0 && text.indexOf("bearer") < 0;
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  FuzzedDataProvider input(data, size);
-  std::vector<std::string> secrets(input.ConsumeIntegralInRange<std::size_t>(0, 4));
-  for (std::string& secret : secrets) secret = input.ConsumeRandomLengthString(30);
+/// Secrets, whole and cut, between other text.
+std::string text_with(const std::vector<std::string>& secrets, FuzzedDataProvider& input) {
   std::string text;
   while (input.remaining_bytes() > 0) {
     if (secrets.empty() || input.ConsumeBool()) {
@@ -53,40 +44,46 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       text += secret.substr(0, input.ConsumeIntegralInRange<std::size_t>(0, secret.size()));
     }
   }
-  const std::size_t limit = text.empty() ? 0 : static_cast<unsigned char>(text[0]);
+  return text;
+}
 
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  FuzzedDataProvider input(data, size);
+  std::vector<std::string> secrets(input.ConsumeIntegralInRange<std::size_t>(0, 4));
+  for (std::string& secret : secrets) secret = input.ConsumeRandomLengthString(30);
+  const std::string text = text_with(secrets, input);
+  const UnicodeString given = decoded(text);
+  const std::int32_t limit = text.empty() ? 0 : static_cast<unsigned char>(text[0]);
   const std::string redacted = http::redact(text, secrets);
-  const std::string excerpt = http::excerpt(text, secrets, limit);
-  const UnicodeString left = UnicodeString::fromUTF8(redacted);
-  const UnicodeString quoted = UnicodeString::fromUTF8(excerpt);
-  const UnicodeString given = UnicodeString::fromUTF8(text);
-  expect(static_cast<std::size_t>(quoted.countChar32()) <= limit, "an excerpt is bounded");
+  const std::string excerpt = http::excerpt(text, secrets, static_cast<std::size_t>(limit));
+  const UnicodeString left = decoded(redacted);
+  const UnicodeString quoted = decoded(excerpt);
 
   bool in_text = false;
   for (const std::string& each : secrets) {
-    const UnicodeString secret = UnicodeString::fromUTF8(each);
+    const UnicodeString secret = decoded(each);
     const std::int32_t chars = secret.countChar32();
     if (chars < MIN_CHARS) continue;
-    in_text |= given.indexOf(secret, 0, secret.moveIndex32(0, MIN_CHARS), 0, given.length()) >= 0;
+    in_text |= given.indexOf(secret.tempSubString(0, secret.moveIndex32(0, MIN_CHARS))) >= 0;
     in_text |= text.find(each.substr(0, MIN_CHARS)) != text.npos;  // ill formed: within a character
     if (can_join_mark(secret)) continue;
-    expect(left.indexOf(secret) < 0, "no secret is left");
-    expect(quoted.indexOf(secret) < 0, "nor in an excerpt");
+    expect(left.indexOf(secret) < 0 && quoted.indexOf(secret) < 0, "no secret is left");
     for (std::int32_t count = MIN_CHARS; count < chars; ++count) {
       expect(!left.endsWith(secret, 0, secret.moveIndex32(0, count)), "no start of one at the end");
     }
   }
-  std::string well_formed;
-  given.toUTF8String(well_formed);
-  if (!in_text && has_no_echo(given)) expect(redacted == well_formed, "nothing else is lost");
-  if (static_cast<std::size_t>(given.countChar32()) <= limit) {
+  if (!in_text && has_no_echo(given)) expect(left == given, "nothing else is lost");
+  expect(quoted.countChar32() <= limit, "an excerpt is bounded");
+  if (given.countChar32() <= limit) {
     expect(redacted.starts_with(excerpt), "an excerpt of a short text is its redacted start");
   }
-
   if (text.find("0123456789") == text.npos && has_no_echo(given)) {
-    text += input.ConsumeBool() ? " Authorization: " : "\nbEARER ";
-    const std::string echoed = http::redact(text + "x0123456789");
-    expect(echoed.find("0123456789") == echoed.npos, "an echoed credential is removed");
+    for (const char* word : {" Authorization: ", "\nbEARER "}) {
+      const std::string echoed = http::redact(text + word + "x0123456789");
+      expect(echoed.find("0123456789") == echoed.npos, "an echoed credential is removed");
+    }
   }
   return 0;
 }

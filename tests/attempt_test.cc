@@ -25,46 +25,35 @@ using testing::ScriptedTransport;
 using Texts = std::vector<std::string>;
 
 const std::string URL = "http://service.test/v1";
-const auto unread = [](Response&) {};
 
-/// One attempt by this transport.
-template <class Read>
-decltype(auto) attempt(const Transport& transport, const Read& read,
-                       const RetryPolicy& policy = {}) {
-  using Result = std::invoke_result_t<Read, Response&>;
-  return send<Result>(URL, {.policy = policy, .timeout = 1, .read = read, .transport = transport});
+/// How an attempt ends: what its reader returns, as JSON, or what is thrown.
+std::string ended(const Transport& transport, const Reader<Json>& read,
+                  const RetryPolicy& policy = {}, const Headers& headers = {},
+                  const Secrets& secrets = {}, const Inspect& inspect = nullptr) {
+  const SendOptions<Json> options{policy, 1, read, "GET", {}, headers, secrets, transport, inspect};
+  return outcome([&] { return send<Json>(URL, options).dump(); });
 }
 
-// ---- Request and Response -----------------------------------------------------------------------
+// ---- Response -----------------------------------------------------------------------------------
 
 TEST(Response, IsARangeOfLinesThatLosesNothing) {
   static_assert(std::ranges::input_range<Response>);
   const auto reply = reply_of({"a", "b\nsecond\r\n", "\n", "rest, then ", "more\n", "last"});
-  Texts lines;
-  const auto take = [&](std::size_t until) {
-    for (const std::string& line : *reply) {
-      lines.push_back(line);
-      if (lines.size() == until) break;
-    }
-  };
-  take(2);
-  take(3);
-  EXPECT_EQ(reply->read1(4), "rest");
-  take(0);
-  EXPECT_EQ(lines, (Texts{"ab\n", "second\r\n", "\n", ", then more\n", "last"}));
+  const auto line = [&] { return *reply->begin(); };
+  EXPECT_EQ((Texts{line(), line(), line(), reply->read1(4), line(), line()}),
+            (Texts{"ab\n", "second\r\n", "\n", "rest", ", then more\n", "last"}));
   const std::size_t reads = reply->reads().size();
-  for (const std::string& line : *reply) ADD_FAILURE() << line;
+  for (const std::string& more : *reply) ADD_FAILURE() << more;
   EXPECT_EQ(reply->reads().size(), reads) << "the end is met once";
   reply->close();
   EXPECT_THROW(reply->read1(1), ValueError);
-  EXPECT_THROW(*reply->begin(), ValueError);
+  EXPECT_THROW(line(), ValueError);
 }
 
 TEST(Response, ReadsNoLineThatIsNotTaken) {
   const auto reply = reply_of({"1\n", "2\n", TimeoutError("no third line yet")});
   int lines = 0;
   for (auto line = reply->begin(); lines < 2; ++line, ++lines) EXPECT_EQ(line->size(), 2U);
-  EXPECT_EQ(reply->reads().size(), 2U);
   std::vector<Piece> endless(17 * 16, Piece([] { return std::string(65536, 'x'); }));
   EXPECT_THROW(*reply_of(std::move(endless))->begin(), HTTPException);
 }
@@ -72,7 +61,9 @@ TEST(Response, ReadsNoLineThatIsNotTaken) {
 TEST(Response, AnErrorsCopiesShareItsBody) {
   const HTTPError error(404, {}, reply_of({"a\nb\nrest"}));
   HTTPError first = error, second = error;
-  EXPECT_EQ(*first.begin() + *second.begin() + first.read(9), "a\nb\nrest");
+  EXPECT_EQ(*first.begin(), "a\n");
+  EXPECT_EQ(*second.begin(), "b\n");
+  EXPECT_EQ(first.read(9), "rest");
   second.close();
   EXPECT_THROW(first.read(1), ValueError);
 }
@@ -81,50 +72,40 @@ TEST(Response, AnErrorsCopiesShareItsBody) {
 
 TEST(Send, BuildsTheRequest) {
   const std::map<std::string, std::string> caller{{"A", "1"}, {"Content-Type", "json; v=1"}};
-  const Headers repeated{{"A", "1"}, {"B", "2"}, {"a", "3"}, {"A", "4"}};
-  const Headers first{{"Content-Type", "json; v=1"}, {"A", "1"}};
-  const std::tuple<Body, Headers, std::optional<std::string>, Headers> table[] = {
-      {{}, caller, std::nullopt, {{"A", "1"}, {"Content-Type", "json; v=1"}}},
-      {{}, repeated, std::nullopt, {{"A", "4"}, {"B", "2"}}},
+  const std::tuple<Body, Headers, std::string, Headers> table[] = {
+      {{}, caller, "none", {{"A", "1"}, {"Content-Type", "json; v=1"}}},
+      {{}, {{"A", "1"}, {"B", "2"}, {"a", "3"}, {"A", "4"}}, "none", {{"A", "4"}, {"B", "2"}}},
       {Json::object(), {}, "{}", {{"Content-Type", "application/json"}}},
-      {Json{{"t", "é"}, {"n", 1.5}}, caller, R"({"t": "é", "n": 1.5})", first},
+      {Json{{"t", "é"}}, caller, R"({"t": "é"})", {{"Content-Type", "json; v=1"}, {"A", "1"}}},
       {1, {{"A", "1"}, {"content-type", "x"}}, "1", {{"content-type", "x"}, {"A", "1"}}},
       {1, {{"content-type", "x"}, {"Content-Type", "y"}}, "1", {{"content-type", "x"}}},
-      {raw_body("", "text/plain"), {}, "", {{"Content-Type", "text/plain"}}},
-      {form_body({{"a", "b c"}}), caller, "a=b+c", first}};
+      {raw_body("", "text/plain"), {}, "", {{"Content-Type", "text/plain"}}}};
   ScriptedTransport transport;
   for (const auto& [body, headers, data, sent_headers] : table) {
     transport.reply("ok");
-    send<void>(URL, {{}, 2.5, unread, "PUT", body, headers, {}, transport});
-    const testing::Sent& sent = transport.sent().back();
-    EXPECT_EQ(sent.request.url + " " + sent.request.method, URL + " PUT");
-    EXPECT_EQ(sent.request.data, data);
-    EXPECT_EQ(sent.request.headers, sent_headers);
-    EXPECT_EQ(sent.timeout, 2.5);
+    send<void>(URL, {{}, 2.5, [](Response&) {}, "PUT", body, headers, {}, transport});
+    const auto& [request, timeout, time_left] = transport.sent().back();
+    EXPECT_EQ(request.method + " " + request.url, "PUT " + URL);
+    EXPECT_EQ(request.data.value_or("none"), data);
+    EXPECT_EQ(request.headers, sent_headers);
+    EXPECT_EQ(timeout, 2.5);
   }
-  attempt(transport.reply("ok"), unread);
-  EXPECT_EQ(transport.sent().back().request.method, "POST");
 }
 
 TEST(Send, HandsTheReplyToTheReaderAndClosesItOnce) {
-  class Odd : public BadReply {
-    using BadReply::BadReply;
-  };
-  const std::pair<std::function<int(Response&)>, std::string> table[] = {
+  const std::pair<Reader<Json>, std::string> table[] = {
       {[](Response&) { return 7; }, "7"},
       {[](Response&) -> int { throw IncompleteRead("cut"); },
        "Retryable: network error: cut | cut"},
       {[](Response&) -> int { throw OSError("no"); }, "HttpFailure: network error: no | no"},
-      {[](Response&) -> int { throw Odd("odd"); }, "Odd: odd"},
+      {[](Response&) -> int { throw BadReply("odd"); }, "BadReply: odd"},
       {[](Response&) -> int { throw std::out_of_range("bug"); }, "out_of_range: bug"}};
   for (const auto& [read, expected] : table) {
     for (const bool close_fails : {false, true}) {
       const auto close = [=] { return close_fails ? throw TimeoutError("close") : void(); };
       const auto reply = reply_of({"x"}, {.on_close = close});
-      const auto call = [&, &reads = read] {
-        return std::to_string(attempt(ScriptedTransport().reply(reply), reads));
-      };
-      EXPECT_EQ(outcome(call), close_fails ? "TimeoutError: close" : expected);
+      EXPECT_EQ(ended(ScriptedTransport().reply(reply), read),
+                close_fails ? "TimeoutError: close" : expected);
       EXPECT_EQ(reply->closes(), 1) << expected;
     }
   }
@@ -132,13 +113,11 @@ TEST(Send, HandsTheReplyToTheReaderAndClosesItOnce) {
 
 TEST(Send, ReturnsReferencesAndWhatCanOnlyBeMoved) {
   int value = 7;
-  const auto refer = [&](Response&) -> int& { return value; };
-  EXPECT_EQ(&attempt(ScriptedTransport().reply("a"), refer), &value);
-  const auto move = [](Response&) { return std::make_unique<int>(8); };
-  EXPECT_EQ(*attempt(ScriptedTransport().reply("b", 299), move), 8);
-  for (const StatusCode status : {199, 300}) {
-    EXPECT_THROW(attempt(ScriptedTransport().reply("c", status), move), HttpFailure) << status;
-  }
+  const Reader<int&> refer = [&](Response&) -> int& { return value; };
+  const Reader<std::unique_ptr<int>> make = [](Response&) { return std::make_unique<int>(8); };
+  const Transport transport = ScriptedTransport().reply("a").reply("b", 299);
+  EXPECT_EQ(&send<int&>(URL, {{}, 1, refer, "GET", {}, {}, {}, transport}), &value);
+  EXPECT_EQ(*send<std::unique_ptr<int>>(URL, {{}, 1, make, "GET", {}, {}, {}, transport}), 8);
 }
 
 TEST(Send, ClassifiesBeforeItClosesAndThrowsOutsideEveryHandler) {
@@ -146,63 +125,48 @@ TEST(Send, ClassifiesBeforeItClosesAndThrowsOutsideEveryHandler) {
   const auto close = [&] {
     events.push_back(std::current_exception() ? "closed while handling" : "closed");
   };
-  const auto reply = reply_of({TimeoutError("t")}, {.on_close = close});
-  const auto read = [](Response& r) { r.read(1); };
-  EXPECT_THROW(attempt(ScriptedTransport().reply(reply), read), Retryable);
   const auto rule = [&](auto...) -> std::optional<std::string> {
     events.push_back("classified");
     throw std::out_of_range("rule");
   };
-  const auto refuse = [](Response&) { throw HTTPError(500, {}, nullptr); };
-  EXPECT_THROW(attempt(ScriptedTransport().reply(reply), refuse, {.refusal_reason = rule}),
-               std::out_of_range);
+  const auto refuse = [](Response&) -> int { throw HTTPError(500, {}, nullptr); };
+  const auto reply = reply_of({TimeoutError("t")}, {.on_close = close});
+  ended(ScriptedTransport().reply(reply), read_body);
+  EXPECT_EQ(ended(ScriptedTransport().reply(reply), refuse, {.refusal_reason = rule}),
+            "out_of_range: rule");
   EXPECT_EQ(events, (Texts{"closed", "classified", "closed while handling"}));
 }
 
 TEST(Send, SortsWhatTheTransportThrows) {
-  const RetryPolicy policy{.error_replies = {400}};
-  const Reader<int> uncalled = [](Response&) -> int { throw std::logic_error("called"); };
-  const auto sent = [&](const auto& error) {
-    const Headers headers{{"Authorization", "Bearer tok-12345678"}};
-    const Transport transport = ScriptedTransport().fail(error);
-    const SendOptions<int> options{policy, 1,       uncalled,        "GET",
-                                   {},     headers, {"callers-own"}, transport};
-    return outcome([&] { return std::to_string(send<int>(URL, options)); });
+  const auto sent = [](const auto& error) {
+    return ended(ScriptedTransport().fail(error), read_json, {},
+                 {{"Authorization", "Bearer tok-12345678"}}, {"callers-own"});
   };
-  EXPECT_EQ(sent(HTTPError(404, {}, reply_of({"tok-12345678 and callers-own"}))),
-            "HttpFailure: HTTP 404: [redacted] and [redacted] | 404 | [redacted] and [redacted]");
+  EXPECT_EQ(sent(HTTPError(300, {}, reply_of({"tok-12345678 and callers-own"}))),
+            "HttpFailure: HTTP 300: [redacted] and [redacted] | 300 | [redacted] and [redacted]");
   EXPECT_EQ(sent(URLError(gaierror("no host"))), "Retryable: network error: no host | no host");
   EXPECT_EQ(sent(HTTPException("Bearer tok-12345678")),
             "HttpFailure: network error: [redacted] | [redacted]");
   EXPECT_EQ(sent(std::logic_error("bug")), "logic_error: bug");
-  const auto body = reply_of({"{\"error\": ", "\"pending\"}"}, {.status = 400});
-  const auto read = [&](Response& reply) { return read_json(reply, policy); };
-  EXPECT_EQ(attempt(ScriptedTransport().reply(body), read, policy)["error"], "pending");
-  EXPECT_EQ(body->closes(), 1);
   const auto none = [](auto...) { return std::shared_ptr<Response>(); };
-  EXPECT_EQ(outcome([&] { return attempt(none, read).dump(); }),
-            "invalid_argument: the transport returned no reply");
+  EXPECT_EQ(ended(none, read_json), "invalid_argument: the transport returned no reply");
 }
 
 TEST(Send, GivesTheReaderWhatItTakes) {
-  const auto sent = [](const auto& read) {
+  const auto sent = [](const Reader<Json>& read) {
     const Transport transport = ScriptedTransport().reply("no: key-0123456789 one-more");
-    const Headers headers{{"api-key", "key-0123456789"}};
-    const SendOptions<Json> options{{.max_body_bytes = 31},    1,        read, "GET", {}, headers,
-                                    {{"another", "one-more"}}, transport};
-    return outcome([&] { return send<Json>(URL, options).dump(); });
+    return ended(transport, read, {.max_body_bytes = 31}, {{"api-key", "key-0123456789"}},
+                 {"one-more"});
   };
   // The shortest spelling quotes no credential that the server echoes.
-  EXPECT_EQ(sent(read_json),
-            "BadReply: reply not JSON: 'no: [redacted] [redacted]' | 200 | "
-            "no: [redacted] [redacted]");
-  EXPECT_EQ(sent(read_body), "\"no: key-0123456789 one-more\"");
+  const std::string shown = "no: [redacted] [redacted]";
+  EXPECT_EQ(sent(read_json), "BadReply: reply not JSON: '" + shown + "' | 200 | " + shown);
   EXPECT_EQ(sent([](Response& reply) { return reply.read(2); }), "\"no\"");
-  EXPECT_EQ(sent([](Response&, const Secrets& hidden) { return hidden.size(); }), "3");
-  const auto both = [](Response&, const RetryPolicy& policy, const Secrets& hidden) {
+  EXPECT_EQ(sent([](Response&, const Secrets& hidden) { return hidden.size(); }), "2");
+  const auto all = [](Response&, const RetryPolicy& policy, const Secrets& hidden) {
     return policy.max_body_bytes + hidden.size();
   };
-  EXPECT_EQ(sent(both), "34");
+  EXPECT_EQ(sent(all), "33");
 }
 
 TEST(Send, ShowsEachReplyBeforeItsBodyIsRead) {
@@ -211,39 +175,35 @@ TEST(Send, ShowsEachReplyBeforeItsBodyIsRead) {
   for (const auto& [status, expected] : table) {
     for (const bool fails : {false, true}) {
       const auto reply = reply_of({"1"}, {.status = status, .headers = {{"Retry-After", "7"}}});
-      Texts seen;
+      std::string seen;
       const auto inspect = [&](const Response& shown) {
-        seen = {std::to_string(shown.status().value()), *shown.headers()->get("retry-after")};
+        seen = std::to_string(*shown.status()) + " " + *shown.headers()->get("retry-after");
         EXPECT_TRUE(reply->reads().empty());
         if (fails) throw TimeoutError("of inspect");
       };
-      const Transport transport = ScriptedTransport().reply(reply);
-      const SendOptions<Json> options{
-          {.error_replies = {400}}, 1, read_json, "GET", {}, {}, {}, transport, inspect};
-      EXPECT_EQ(outcome([&] { return send<Json>(URL, options).dump(); }),
+      EXPECT_EQ(ended(ScriptedTransport().reply(reply), read_json, {.error_replies = {400}}, {}, {},
+                      inspect),
                 fails ? "TimeoutError: of inspect" : expected);
-      EXPECT_EQ(seen, (Texts{std::to_string(status), "7"}));
+      EXPECT_EQ(seen, std::to_string(status) + " 7");
       EXPECT_EQ(reply->closes(), 1);
     }
   }
 }
 
 TEST(Send, LetsTheTransportKnowWhatEndsTheCall) {
-  TransportOptions given{.timeout = 0};
-  const auto note = [&](const Request&, TransportOptions options) {
-    given = std::move(options);
-    return reply_of({});
+  const auto given = [](const RetryPolicy& policy) {
+    TransportOptions noted{.timeout = 0};
+    const auto note = [&](const Request&, TransportOptions options) {
+      return noted = std::move(options), reply_of({});
+    };
+    ended(note, read_body, policy);
+    return noted;
   };
-  const auto options_of = [&](const RetryPolicy& policy) {
-    return attempt(note, unread, policy), given;
-  };
-  const auto never_asked = []() -> double { throw std::logic_error("asked"); };
-  EXPECT_EQ(options_of({}).time_left, std::nullopt);
-  EXPECT_FALSE(given.should_stop());
-  EXPECT_EQ(options_of({.deadline = 1, .clock = never_asked}).time_left, std::nullopt);
-  EXPECT_NEAR(options_of({.deadline = monotonic() + 100}).time_left.value_or(0), 100, 5);
-  EXPECT_THROW(options_of({.should_stop = [&] { return never_asked() > 0; }}).should_stop(),
-               std::logic_error);
+  const auto asked = []() -> double { throw std::logic_error("asked"); };
+  EXPECT_EQ(given({}).time_left, std::nullopt);
+  EXPECT_EQ(given({.deadline = 1, .clock = asked}).time_left, std::nullopt);
+  EXPECT_NEAR(given({.deadline = monotonic() + 100}).time_left.value_or(0), 100, 5);
+  EXPECT_THROW(given({.should_stop = [=] { return asked() > 0; }}).should_stop(), std::logic_error);
 }
 
 // ---- read_body and read_json --------------------------------------------------------------------
@@ -260,10 +220,12 @@ TEST(ReadBody, ReadsArrivalsInFixedSizesThroughRead1) {
 
 TEST(ReadBody, KeepsTheDeadlineBetweenReads) {
   // The clock moves by one with each read; a body of two pieces takes three reads.
-  const std::string arriving = "DeadlineExceeded: the reply was still arriving at the deadline";
-  const std::string complete = "DeadlineExceeded: the reply was complete only after the deadline";
+  const std::string late = "DeadlineExceeded: the reply was ";
   const std::tuple<double, std::string, std::size_t> table[] = {
-      {0, arriving, 0}, {1, arriving, 1}, {2, arriving, 2}, {3, complete, 3}, {3.5, "xx", 3}};
+      {0, late + "still arriving at the deadline", 0},
+      {2, late + "still arriving at the deadline", 2},
+      {3, late + "complete only after the deadline", 3},
+      {3.5, "xx", 3}};
   for (const auto& [deadline, expected, reads] : table) {
     ManualTime time;
     const auto reply = reply_of({time.after(1, "x"), time.after(1, "x"), time.after(1, "")});
@@ -279,7 +241,6 @@ TEST(ReadBody, IsBounded) {
       {10, {"12345", "67890"}, "1234567890", 3},
       {10, {"12345", "678901", "never read"}, longer + "10 bytes | 201", 2},
       {0, {}, "", 1},
-      {0, {"1"}, longer + "0 bytes | 201", 1},
       {100'000, {full}, full, 3},
       {100'000, {full + "x"}, longer + "100000 bytes | 201", 2}};
   for (const auto& [most, pieces, expected, reads] : table) {
@@ -303,16 +264,14 @@ TEST(ReadJson, ParsesOrSaysWhyNot) {
   const RetryPolicy pages{.refusal_reason = html_page, .detail_chars = 20};
   const std::string not_json = "BadReply: reply not JSON: ";
   const std::pair<std::string, std::string> table[] = {
-      {"null", "null"},
       {" [1, NaN]\r\n", "[1,null]"},
       {"\"a\xff b\"", "\"a\uFFFD b\""},
       {"", not_json + "'' | 204"},
       {"\uFEFF{}", not_json + "'\\ufeff{}' | 204 | \uFEFF{}"},
-      {" <!DOCTYPE html><p>hi",
-       "Refused: an HTML page instead of a JSON reply | 204 |  <!DOCTYPE html><p>h"},
+      {" <!DOCTYPE html><p>s3cr3t-k3y",
+       "Refused: an HTML page instead of a JSON reply | 204 |  <!DOCTYPE html><p>["},
       {"it's \"s3cr3t-k3y\" and on",
-       not_json + R"('it\'s "[redacted]" an' | 204 | it's "[redacted]" an)"},
-      {"\xff\u00e9 ", not_json + "'\uFFFDé ' | 204 | \uFFFDé "}};
+       not_json + R"('it\'s "[redacted]" an' | 204 | it's "[redacted]" an)"}};
   for (const auto& [body, expected] : table) {
     const auto reply =
         reply_of({body}, {.status = 204, .headers = {{"Content-Type", "text/html"}}});

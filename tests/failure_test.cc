@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
-#include <vector>
 
 #include "engines/http/transport.h"
 #include "tests/support/outcome.h"
@@ -34,31 +33,25 @@ static_assert(catches_all<HttpFailure, Retryable, Refused, BadReply, Ended>);
 static_assert(catches_all<Ended, DeadlineExceeded, Stopped, Exhausted>);
 static_assert(catches_all<OSError, TimeoutError, ConnectionError, gaierror, URLError>);
 static_assert(catches_all<URLError, HTTPError> && catches_all<Response, HTTPError>);
-static_assert(catches_all<HTTPException, IncompleteRead, BadStatusLine>);
+static_assert(catches_all<HTTPException, IncompleteRead, BadStatusLine, DroppedConnection>);
 static_assert(catches_all<ConnectionError, DroppedConnection>);
-static_assert(catches_all<BadStatusLine, DroppedConnection>);
-static_assert(catches_none<HttpFailure, OSError, HTTPError, HTTPException, DroppedConnection>);
-static_assert(catches_none<OSError, HttpFailure, HTTPException, IncompleteRead, BadStatusLine>);
-static_assert(catches_none<HTTPException, OSError, HTTPError, TimeoutError, ConnectionError>);
-static_assert(catches_none<Retryable, HttpFailure, Refused, BadReply, Exhausted, Stopped>);
+static_assert(catches_none<HttpFailure, OSError, HTTPError, HTTPException>);
+static_assert(catches_none<OSError, HttpFailure, HTTPException, BadStatusLine>);
+static_assert(catches_none<HTTPException, OSError, HTTPError, ConnectionError>);
+static_assert(catches_none<Retryable, HttpFailure, Refused, BadReply, Ended>);
 static_assert(catches_none<Ended, HttpFailure, Retryable, Refused, BadReply>);
+// As the language needs it of what is thrown.
+static_assert(std::is_nothrow_copy_constructible_v<Exhausted>);
+static_assert(std::is_nothrow_copy_constructible_v<HTTPError>);
+static_assert(std::is_nothrow_copy_constructible_v<DroppedConnection>);
 
 TEST(Failure, HasItsMessageStatusAndDetailOrThoseOfItsLast) {
   const Retryable busy("busy", {.status = 503, .detail = "later"});
   const Exhausted end("gave up", {.attempts = 3, .last = busy});
-  EXPECT_EQ(test::described(busy), "Retryable: busy | 503 | later");
   EXPECT_EQ(test::described(end), "Exhausted: gave up | 503 | later");
   EXPECT_EQ(test::described(*end.last()), "Retryable: busy | 503 | later");
   EXPECT_EQ(end.attempts(), 3);
-  for (const detail::Ended& none : std::vector<detail::Ended>{
-           DeadlineExceeded("m"), Stopped("m"), Exhausted("m", {.attempts = 1, .last = nullptr})}) {
-    EXPECT_EQ(test::described(none), "Ended: m");
-  }
-  static_assert(std::is_nothrow_copy_constructible_v<Exhausted> &&
-                !std::is_copy_assignable_v<Exhausted> &&
-                std::is_nothrow_copy_constructible_v<HTTPError> &&
-                std::is_nothrow_copy_constructible_v<URLError> &&
-                std::is_nothrow_copy_constructible_v<DroppedConnection>);
+  EXPECT_EQ(test::described(Exhausted("m", {.attempts = 1, .last = nullptr})), "Exhausted: m");
 }
 
 /// What the failure is after it was kept through a reference to `Named`.
@@ -69,18 +62,15 @@ std::string kept(const Named& failure) {
 }
 
 TEST(FailurePtr, KeepsTheKindOfAFailureNamedThroughABase) {
-  const Exhausted exhausted("e", {.attempts = 7, .last = Refused("r")});
   EXPECT_EQ(kept<HttpFailure>(HttpFailure("h")), "HttpFailure: h");
-  EXPECT_EQ(kept<HttpFailure>(Retryable("r")), "Retryable: r");
   EXPECT_EQ(kept<HttpFailure>(Refused("r")), "Refused: r");
   EXPECT_EQ(kept<HttpFailure>(BadReply("b")), "BadReply: b");
-  EXPECT_EQ(kept<detail::Ended>(DeadlineExceeded("d")), "DeadlineExceeded: d");
-  EXPECT_EQ(kept<HttpFailure>(Stopped("s", {.last = Retryable("r")})), "Stopped: s");
-  EXPECT_EQ(kept<detail::Ended>(exhausted), "Exhausted: e");
+  EXPECT_EQ(kept<Ended>(DeadlineExceeded("d")), "DeadlineExceeded: d");
+  EXPECT_EQ(kept<HttpFailure>(Stopped("s", {.last = Retryable("r", {.status = 1})})),
+            "Stopped: s | 1");
+  EXPECT_EQ(kept<Ended>(Exhausted("e", {.attempts = 7, .last = nullptr})), "Exhausted: e");
   EXPECT_EQ(kept<HttpFailure>(Cooperative("c", {.status = 429})), "Cooperative: c | 429");
   EXPECT_EQ(kept(Throttled("t")), "Throttled: t");
-  const FailurePtr held = static_cast<const HttpFailure&>(exhausted);
-  EXPECT_EQ(dynamic_cast<const Exhausted&>(*held).attempts(), 7);
   try {  // while another error is handled
     throw std::runtime_error("unrelated");
   } catch (const std::runtime_error&) {
@@ -119,13 +109,10 @@ TEST(Transport, AUrlErrorHoldsAndNamesItsReason) {
   EXPECT_STREQ(error.what(), "no such host");
   EXPECT_NE(dynamic_cast<const gaierror*>(error.reason()), nullptr);
   EXPECT_EQ(URLError("odd").reason(), nullptr);
-  const TimeoutError slow("too slow");
-  EXPECT_THROW(URLError(static_cast<const std::exception&>(slow)), std::logic_error);
   try {
-    throw slow;
+    throw TimeoutError("slow");
   } catch (const std::exception& caught) {  // named by a base alone
-    const URLError wrapped(caught);
-    EXPECT_NE(dynamic_cast<const TimeoutError*>(wrapped.reason()), nullptr);
+    EXPECT_NE(dynamic_cast<const TimeoutError*>(URLError(caught).reason()), nullptr);
   }
 }
 

@@ -37,6 +37,7 @@ struct Intrusive {
   int a = 1;
   NLOHMANN_DEFINE_TYPE_INTRUSIVE(Intrusive, a)
 };
+// A hook comes before the range that the type also is.
 struct Letters : std::vector<char> {
   using vector::vector;
   friend void to_json(Json& json, const Letters& letters) { json = letters.front(); }
@@ -98,15 +99,13 @@ void expect_decoded(const std::string& words) {
 }
 
 TEST(DecodeJson, TakesWhatIsJson) {
-  for (const char* same : {"true", "false", "[]", "[NaN, Infinity, -Infinity]", "\"\x7f\"",
-                           R"({"b": 1, "a": {"c": [null]}})", "\"a\ufeff\""}) {
-    EXPECT_EQ(decoded(same), same);
-  }
   EXPECT_EQ(decoded(" \t\r\n [ 1 ,[ ] , { } , \"\" ] \t\r\n "), "[1, [], {}, \"\"]");
   EXPECT_EQ(decoded(R"({"a": 1, "b": 2, "a": [3], "b": {}, "a": 4})"), R"({"a": 4, "b": {}})");
   EXPECT_EQ(decoded(R"({"a": [1], "\u0061": 2, "": 3})"), R"({"a": 2, "": 3})");
+  EXPECT_EQ(decoded("\"\x7f\ufeff\""), "\"\x7f\ufeff\"");
   // At the end: a surrogate without its other half.
   expect_decoded(R"(
+      true true  false false  null null  [] []  Infinity Infinity
       "\"\\\/\b\f\n\r\t\u0000\u001F" "\"\\/\b\f\n\r\t\u0000\u001f"
       "\u00e9\u20AC\ud83d\ude00é€😀" "é€😀é€😀"  "\ud800" "�"  "\udc00\ud800" "��"
       "\ud800\u0041" "�A"  "\ud800\ud83d\ude00" "�😀"  "\ud800\n" "�\n")");
@@ -148,7 +147,7 @@ TEST(DecodeJson, ReadsNumbersExactlyOrAsTheNearestDouble) {
       0.000000000000000000000000000001234567890123456789 1.2345678901234568e-30
       0.0000000000000000000000000000000000000000 0.0  1e22 1e+22  1e23 1e+23  8.5e-23 8.5e-23
       1.7976931348623157e308 1.7976931348623157e+308  1.7976931348623159e308 Infinity
-      4.9e-324 5e-324  2e-324 0.0  -1e-999 -0.0  1e999 Infinity  -1e999 -Infinity
+      4.9e-324 5e-324  2e-324 0.0  -1E-999 -0.0  0.01e+999 Infinity  -1e999 -Infinity
       0e999999999999999999999 0.0  1e999999999999999999999 Infinity  1e-999999999999999999999 0.0)");
   std::istringstream laid_out(R"(
       0.0001 0.00012345678901234567 9.999999999999999e-05 1e-05 -1.25e-07 123456.789 10000000000.5
@@ -181,23 +180,20 @@ TEST(DecodeJson, HostileTextsEndSoon) {
   EXPECT_EQ(*decode_json(std::string(HOSTILE_SIZE, '9')), INFINITE);
   EXPECT_EQ(*decode_json("0." + std::string(HOSTILE_SIZE, '0') + "1"), 0.0);
   EXPECT_EQ(decode_json("\"" + repeat("\\n", HOSTILE_SIZE / 2)), std::nullopt);
-  EXPECT_EQ(*decode_json("{" + repeat("\"a\":1,", HOSTILE_SIZE / 6) + "\"a\":[7]}"),
-            Json({{"a", {7}}}));
+  EXPECT_EQ(decoded("{" + repeat("\"a\":1,", HOSTILE_SIZE / 6) + "\"a\":[7]}"), "{\"a\": [7]}");
   EXPECT_EQ(decode_json("[" + repeat("[],", 500'000) + "{}]")->size(), 500'001U);
 
-  std::string members = "{";
-  for (int i = 0; members.size() < HOSTILE_SIZE; ++i) {
-    members += "\"" + std::to_string(i % 200'000) + "\":" + std::to_string(i) + ",";
+  // Many names, each repeated; a member holds a deep array while the object around it goes on
+  // growing.
+  std::string members = "{\"deep\":" + repeat("[", 900) + repeat("]", 900);
+  for (int i = 0; i < 400'000; ++i) {
+    members += ",\"the name " + std::to_string(i % 200'000) + "\":" + std::to_string(i);
   }
-  const Json many = *decode_json(members + "\"last\":0}");
+  const Json many = *decode_json(members + "}");
   ASSERT_EQ(many.size(), 200'001U);
-  EXPECT_EQ(many.begin().key() + "=" + many.begin()->dump(), "0=200000");
-  EXPECT_EQ(std::prev(many.end()).key(), "last");
-
-  // A member holds a deep array while the object around it goes on growing.
-  std::string growing = "{\"deep\":" + repeat("[", 900) + repeat("]", 900);
-  for (int i = 0; i < 100'000; ++i) growing += ",\"" + std::to_string(i) + "\":[]";
-  EXPECT_EQ(encode_json(*decode_json(growing + "}")).substr(0, 12), "{\"deep\": [[[");
+  EXPECT_EQ(many.begin().key(), "deep");
+  EXPECT_EQ(std::prev(many.end()).key() + "=" + std::prev(many.end())->dump(),
+            "the name 199999=399999");
 }
 
 TEST(EncodeJson, TakesValuesOfManyTypes) {

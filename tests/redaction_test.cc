@@ -26,9 +26,12 @@ void expect_redacted(const Secrets& secrets, std::initializer_list<std::string_v
     bool inside = false;
     for (const char c : marked) {
       if (c == '<') expected += REDACTED;
-      if (c == '<' || c == '>') inside = c == '<';
-      if (c != '<' && c != '>') text += c;
-      if (c != '<' && c != '>' && !inside) expected += c;
+      if (c == '<' || c == '>') {
+        inside = c == '<';
+      } else {
+        text += c;
+        if (!inside) expected += c;
+      }
     }
     EXPECT_EQ(redact(text, secrets), expected) << marked;
   }
@@ -38,12 +41,10 @@ TEST(SecretsOf, CollectsValuesAndTheCredentialsInThem) {
   const std::pair<Headers, std::string> table[] = {
       {{{"Authorization", "Bearer abc"}, {"X-Api-Key", "k"}, {"Accept", "a"}},
        "<Bearer abc><abc><k>"},
-      {{{"authorization", "token  zq8x"}}, "<token  zq8x><zq8x>"},
-      {{{"Authorization", "Basic"}}, "<Basic>"},
+      {{{"authorization", "token  zq8x"}, {" authorization", "no"}}, "<token  zq8x><zq8x>"},
       {{{"Authorization", ""}}, ""},
       {{{"Authorization", "Basic\tx"}}, "<Basic\tx>"},  // only a space parts scheme and token
       {{{"Proxy-Authorization", " Bearer x y "}}, "< Bearer x y ><x y>"},
-      {{{"X-API-KEY", "k"}, {" authorization", "no"}}, "<k>"},
       {{{"X-Api-\u212Aey", "kelvin"}}, "<kelvin>"},  // the Kelvin sign is a k in lower case
       {{{"Authorization", "\u00A0Bearer \u2003tok\u3000"}}, "<\u00A0Bearer \u2003tok\u3000><tok>"},
       {{{"Authorization", "\xff \xfe"}}, "<\xff \xfe><\xfe>"}};
@@ -53,7 +54,7 @@ TEST(SecretsOf, CollectsValuesAndTheCredentialsInThem) {
 TEST(SecretsOfUrl, ThePasswordAndWhatIsSentOfIt) {
   const std::pair<std::string, std::string> table[] = {
       {"a:%fB%Ff%aA", "<%fB%Ff%aA><\xfb\xff\xaa><YTr7/6o=>"},
-      {"us:p%40%gg%4g@s%4", "<p%40%gg%4g@s%4><p@%gg%4g@s%4><dXM6cEAlZ2clNGdAcyU0>"},
+      {"us:p%40%g4%4g@s%4", "<p%40%g4%4g@s%4><p@%g4%4g@s%4><dXM6cEAlZzQlNGdAcyU0>"},
       {"us%65r:p%0A%39:", "<p%0A%39:><p\n9:><dXNlcjpwCjk6>"}};
   for (const auto& [userinfo, expected] : table) {
     for (const char* rest : {"/x@y", "?@", "#@", ""}) {
@@ -67,10 +68,10 @@ TEST(SecretsOfCall, WhatHeadersNamesSayIsACredential) {
   const std::pair<Headers, std::string> table[] = {
       {{{"X-Api-Key", " k-1 "}, {"api-key", "k-2"}, {"Authorization", "Bearer t"}},
        "< k-1 ><Bearer t><t><k-1><k-2><Bearer t><t>"},
-      {{{"x-goog-api-key", "g"}, {"Ocp-Apim-Subscription-Key", "o"}, {"X-AUTH-TOKEN", "JWT j"}},
-       "<g><o><JWT j><j>"},
-      {{{"Cookie", "a=1; b==2;c"}, {"Accept", "a/b"}, {"X-Request-Id", "r"}, {"Keep-Alive", "1"}},
-       "<a=1; b==2;c><b==2;c><1><=2>"}};
+      {{{"x-goog-api-key", "g"}, {"Ocp-Apim-Subscription-Key", "o"}, {"X-AUTH-TOKEN", "JWT j=k"}},
+       "<g><o><JWT j=k><j=k>"},
+      {{{"Cookie", "a= 1 ; b==2;c"}, {"Accept", "a/b"}, {"X-Request-Id", "r"}, {"Keep-Alive", "1"}},
+       "<a= 1 ; b==2;c><1 ; b==2;c><1><=2>"}};
   for (const auto& [headers, expected] : table) {
     EXPECT_EQ(items(_secrets_of_call({"mine"}, headers, "http://h")), "<mine>" + expected);
   }
@@ -85,7 +86,6 @@ TEST(Secrets, AnyRangeIsReadOnce) {
   EXPECT_EQ(items(OnePass{std::istringstream("first second")}), "<first><second>");
   const char* const array[] = {"a", "b"};
   const std::string named = "ab";
-  EXPECT_EQ(Secrets(array)[Secrets(array).size() - 1], "b");
   EXPECT_EQ(items({{"a", "b"}}), "<a><b>") << "not a pair of iterators";
   EXPECT_EQ(items({named, "b"}) + items({{named}}), "<ab><b><ab>");
   EXPECT_EQ(items(Secrets().followed_by(Secrets(array)).followed_by({"c"})), "<a><b><c>");
@@ -144,14 +144,10 @@ TEST(Excerpt, IsRedactedBeforeItIsCut) {
   // 64 characters and the longest secret beyond the limit are looked at, and no more.
   const std::string token = "bearer " + a.substr(0, 20 + 64 - 7);
   const std::tuple<std::string, Secrets, std::size_t, std::string> table[] = {
-      {"", {secret}, 300, ""},
-      {a, {}, 300, a.substr(0, 300)},
-      {a, {}, 0, ""},
       {a, {}, SIZE_MAX, a},
       {held, {secret}, 300, a290 + "[redacted]"},
       {held, {}, 300, cut},
       {a290 + " bearer abcdefghijklmnop", {}, 301, a290 + " bearer [re"},
-      {"abc x", {"", "abc"}, 300, "abc x"},
       {token + ";", {}, 20, "bearer [redacted]"},
       {token + a.substr(0, 20) + ";", {secret}, 20, "bearer [redacted]"},
       {token.substr(0, 83) + " 01234567", {"01234567"}, 20, "bearer [redacted] [r"},

