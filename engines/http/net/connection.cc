@@ -112,6 +112,9 @@ curl_tlssessioninfo tls_session(CURL* easy) {
 }  // namespace
 
 void check_certificates(const PoolOptions& options) {
+  const std::string &file = options.ca_file, &directory = options.ca_directory,
+                    &certificate = options.client_certificate, &key = key_file(options);
+  if ((file + directory + certificate + key).empty()) return;
   const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(SSL_CTX_new(TLS_client_method()),
                                                                   &SSL_CTX_free);
   if (!context) throw std::bad_alloc();
@@ -121,8 +124,6 @@ void check_certificates(const PoolOptions& options) {
     ERR_clear_error();
     if (!is_usable) refuse(std::string("PoolOptions::") + option + " cannot be read or used");
   };
-  const std::string &file = options.ca_file, &directory = options.ca_directory,
-                    &certificate = options.client_certificate, &key = key_file(options);
   require(file.empty() || SSL_CTX_load_verify_locations(tls, file.c_str(), nullptr) == 1,
           "ca_file");
   require(directory.empty() || access((directory + "/.").c_str(), R_OK) == 0, "ca_directory");
