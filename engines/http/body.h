@@ -20,11 +20,11 @@
 //   what it is   Json, every other nlohmann::basic_json, the value of an optional, smart pointer,
 //                reference_wrapper, variant or Body
 //
-// A type says its own form with nlohmann's hook, `to_json(Json&, const T&)` or, where there is only
-// that, `to_json(nlohmann::json&, const T&)`, found in the namespace of the type, of a base or of a
-// template argument; the hook comes before all of the above. Hooks that nlohmann's macros define
-// may take `nlohmann::json` alone: such a type is a body, but only a part of `nlohmann::json{...}`,
-// not of `Json{...}`.
+// A type defines its own form with nlohmann's hook, `to_json(Json&, const T&)` or, where there is
+// only that, `to_json(nlohmann::json&, const T&)`, found in the namespace of the type, of a base or
+// of a template argument; the hook comes before all of the above. Hooks that nlohmann's macros
+// define may take `nlohmann::json` alone: such a type is a body, but only a part of
+// `nlohmann::json{...}`, not of `Json{...}`.
 //
 // Whatever is left is a string that holds its text form: `to_string(t)` by argument-dependent
 // lookup, `t.string()`, `t.what()`, a conversion to std::string, or `stream << t`. An enumeration
@@ -74,14 +74,14 @@ template <template <class, class, class...> class Object, template <class, class
 inline constexpr bool is_basic_json<nlohmann::basic_json<
     Object, Array, String, Boolean, Integer, Natural, Float, Allocator, Serializer, Binary>> = true;
 
-/// May be empty, else stands for what it points to.
+/// May be empty; else it is written as what it points to.
 template <class T>
 concept Nullable = is_a<T, std::optional> || is_a<T, std::unique_ptr> || is_a<T, std::shared_ptr>;
 
 // Whether a type has a hook of its own. `to_json(json, value)` also considers the functions of
 // nlohmann's namespaces, which from version 3.11.3 on include overloads for every built-in type.
 // They are templates that deduce the type of the value. So they cannot be called with a stand-in
-// that only converts to the value, and beside a rival template that deduces it, too, the call is
+// that only converts to the value; and where a rival template deduces the type, too, the call is
 // ambiguous.
 
 /// Converts to a `T`, and has the same associated namespaces: the functions that name `T` or a base
@@ -188,7 +188,7 @@ void write_text(JsonWriter& out, const T& text) {
   out.text(view(text));
 }
 
-/// Writes what stands behind the value.
+/// Writes the value that this one holds or refers to.
 template <class T>
 void write_held(JsonWriter& out, const T& value) {
   out.enter();
@@ -311,7 +311,7 @@ void write_text_form(JsonWriter& out, const T& value) {
   }
 }
 
-/// The one place that says which type becomes which JSON.
+/// The one place that decides which type becomes which JSON.
 template <class T>
 void write(JsonWriter& out, const T& value) {
   if constexpr (std::same_as<T, Body>) {
@@ -362,14 +362,13 @@ std::string encode_json(const T& value) {
 /// What a request sends: the bytes and their content type, or no body at all.
 ///
 /// It converts from any value, which is encoded at once: a Body refers to nothing, may be stored,
-/// and does not change. Copies share the bytes, and threads may share a Body that none of them
-/// assigns to.
+/// and does not change. Copies share the bytes.
 class ENGINES_HTTP_EXPORT Body final {
  public:
   /// No body.
   Body() noexcept = default;
 
-  /// The value as JSON; see the top of this file for which there are. A null value, in whatever
+  /// The value as JSON; the top of this file lists which there are. A null value, in whatever
   /// form, is no body. Throws as `encode_json` does.
   template <class T>
   requires(!std::same_as<T, Body>) Body(const T& value) : Body(of_json(encode_json(value))) {}

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What can be read from an object of a type that the library has never seen: its text, an integer
 // `status_code`, a value among its `headers`. A const member or accessor will do, and what it holds
-// may be a pointer or an optional: empty stands for none.
+// may be a pointer or an optional: an empty one means none.
 #pragma once
 
 #include <optional>
@@ -75,7 +75,7 @@ std::string header_in(const T& object, const char* name) {
   return {};
 }
 
-/// What an error says: its `what()`, else its text form.
+/// The text of an error: its `what()`, else its text form.
 template <class E>
 std::string message_of(const E& error) {
   if constexpr (requires { text_of(error.what()); }) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Keeps an error beyond its handler, as the kind that it is.
+// Keeps an exception, with its dynamic type, after its handler has ended.
 #pragma once
 
 #include <concepts>

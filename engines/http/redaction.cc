@@ -151,7 +151,7 @@ void add_cookies(std::vector<std::string>& found, std::string_view pairs) {
   }
 }
 
-/// The values of the headers whose names say that they hold a credential, as a server reads them:
+/// The values of the headers that hold a credential by their names, as a server reads them:
 /// without the white space around them.
 std::vector<std::string> by_name(const Headers& headers) {
   std::vector<std::string> found;

@@ -45,7 +45,7 @@ using CallOptions = CallFields<>;
 
 /// POSTs `body` as JSON and returns the parsed reply. A body in braces needs its type:
 /// `Json{{...}}`, or `Json::object()` for an empty one; `{}` is no body. Throws an `HttpFailure` of
-/// the kind that says how the call failed, or `ValueError` for a request that cannot be sent.
+/// the kind that describes the failure, or `ValueError` for a request that cannot be sent.
 ENGINES_HTTP_EXPORT Json post_json(std::string_view url, const Body& body,
                                    const CallOptions& options);
 

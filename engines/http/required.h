@@ -1,18 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
-// A field of a parameter struct that must be given: leaving it out of the designated initialisers
-// does not compile, and the compiler says that a field is missing. There are two ways to declare
-// one:
+// Required fields of parameter structs: a braced list that leaves one out does not compile, and the
+// compiler's message says that a field is missing. There are two ways to declare one:
 //
 //   required<std::string> label;
 //   RetryPolicy policy = detail::missing<RetryPolicy, Given>();
 //
 // The second is for a value that may be in braces itself, `.policy = {.attempts = 1}`. `Given` is a
-// template parameter of the struct, without which the default would be compiled in any case. A
-// struct of this kind needs a field of the first kind beside it.
+// template parameter of the struct; without one, the default would be instantiated in every case.
+// Such a struct also has a field of the first kind, so that it has no default constructor.
 #pragma once
 
 #include <concepts>
 #include <initializer_list>
+#include <type_traits>
 #include <utility>
 
 #include "engines/http/export.h"
@@ -27,19 +27,17 @@ T missing() {
   static_assert(!std::same_as<Given, Given>, "a field that must be given is missing");
 }
 
-/// Stands for a field that is left out.
+/// Element of the empty list from which a field that is left out is initialised.
 struct LeftOut {};
 
 }  // namespace detail
 
-/// A `T` without a default. It reads as the `T` that was given; threads may share one as they may
-/// share the `T`.
+/// A `T` without a default. It reads as the `T` that was given.
 template <class T>
 class ENGINES_HTTP_EXPORT required {
  public:
-  /// Does not compile: what a field that is left out is initialised from. There is no default
-  /// constructor, so that a struct with such a field has none either, and says so where it is
-  /// asked.
+  /// Chosen for a field that is left out, which is initialised from `{}`; does not compile. It
+  /// takes the place of a default constructor, so that a struct with such a field has none either.
   template <class Given = void>
   required(std::initializer_list<detail::LeftOut>) : value_(detail::missing<T, Given>()) {}
 

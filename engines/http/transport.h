@@ -310,7 +310,7 @@ class ENGINES_HTTP_EXPORT URLError : public OSError {
 /// A final status outside 200 to 299: both an error and a reply. Copies share the reply.
 class ENGINES_HTTP_EXPORT HTTPError : public URLError, public Response {
  public:
-  /// `body` is the open reply whose status it is; null stands for an empty body.
+  /// `body` is the open reply whose status it is; null means an empty body.
   HTTPError(StatusCode code, Headers headers, std::shared_ptr<Response> body);
   HTTPError(const HTTPError&) noexcept = default;
   HTTPError& operator=(const HTTPError&) = default;

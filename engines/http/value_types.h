@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Kinds of C++ types, as the encoder of bodies and the reader of foreign errors tell them apart.
+// Concepts of C++ types, shared by the encoder of bodies and the reader of foreign errors.
 #pragma once
 
 #include <concepts>

@@ -102,7 +102,7 @@ const std::string& key_file(const PoolOptions& options) {
   return options.client_key.empty() ? options.client_certificate : options.client_key;
 }
 
-/// libcurl's TLS session on this handle; its backend says whose object `internals` is.
+/// libcurl's TLS session on this handle; `internals` is an object of its backend.
 curl_tlssessioninfo tls_session(CURL* easy) {
   curl_tlssessioninfo* session = nullptr;
   curl_easy_getinfo(easy, CURLINFO_TLS_SSL_PTR, &session);
@@ -259,7 +259,7 @@ std::size_t Connection::on_proxy_line(char* text, std::size_t, std::size_t size,
   return connection.is_over() ? 0 : size;
 }
 
-/// Whether connecting must end; `failure_` says why.
+/// Whether connecting must end; `failure_` is the reason.
 bool Connection::is_over() noexcept {
   if (failure_) return true;
   try {
@@ -367,7 +367,7 @@ StreamError Connection::error() const {
   return error;
 }
 
-/// What the system and libcurl say of an operation that ended with this code.
+/// The system's and libcurl's report of an operation that ended with this code.
 StreamError Connection::error_of(CURLcode code) const {
   long os_error = 0;
   curl_easy_getinfo(easy_.get(), CURLINFO_OS_ERRNO, &os_error);

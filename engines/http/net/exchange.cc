@@ -27,7 +27,7 @@ constexpr std::size_t DRAINED_BYTES = 65536;
 constexpr int DRAINING_READS = 4;
 /// Bodies up to this size leave in one piece with the head.
 constexpr std::size_t COPIED_BODY_BYTES = 61440;
-/// The most that `max_header_bytes` can say.
+/// The largest `max_header_bytes` that counts.
 constexpr std::size_t MAX_HEADER_BYTES = 307200;
 /// More header lines than most replies have.
 constexpr std::size_t USUAL_HEADERS = 16;

@@ -83,7 +83,7 @@ class Exchange {
 
   StatusCode status_ = 0;  // of the final head; 0: it has not come
   Headers headers_;
-  bool is_reusable_ = false;         // as far as the head says
+  bool is_reusable_ = false;         // as far as is known from the head
   Framing framing_ = Framing::none;  // of what is left of the body
   std::uint64_t bytes_left_ = 0;     // of a body that is not chunked
   std::exception_ptr failure_;       // of a read

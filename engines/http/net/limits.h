@@ -40,8 +40,8 @@ class Limits {
   /// its own, so of those only the end is counted.
   void spend(Phase phase, Duration waited);
 
-  /// Throws `Stopped` once the stop signal says so, and a timeout once the call's time is over or
-  /// `until` has come. Otherwise returns how long to wait before asking again.
+  /// Throws `Stopped` once the stop signal returns true, and a timeout once the call's time is over
+  /// or `until` has come. Otherwise returns how long to wait before asking again.
   Duration check(Phase phase, TimePoint until = TimePoint::max()) const;
 
   /// Throws the timeout of this phase.

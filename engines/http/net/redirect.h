@@ -42,7 +42,7 @@ Hop first_hop(const Request& request);
 /// What follows a reply with this status and `Location`; none where the reply is final
 /// (RFC 9110, section 15.4). 307 and 308 repeat the request. 303, and after a POST 301 and 302,
 /// turn it into a GET without a body. Another origin gets neither credentials nor any header but
-/// those that say what the body is and what the client reads; and the peer does not choose which
+/// those that describe the body and what the client reads; and the peer does not choose which
 /// userinfo is sent.
 std::optional<Hop> next_hop(const Hop& hop, StatusCode status,
                             const std::optional<std::string>& location);

@@ -15,7 +15,7 @@ enum class Io {
   moved,    ///< some bytes moved
   blocked,  ///< none can move now
   ended,    ///< the peer has ended the connection; of receiving only
-  broken,   ///< the connection broke: `Stream::error` says how
+  broken,   ///< the connection broke: see `Stream::error`
 };
 
 struct IoResult {
@@ -32,7 +32,7 @@ struct StreamError {
 /// "situation (the system's text): quote".
 std::string described(std::string_view situation, const StreamError& error);
 
-/// Throws a `URLError` of the kind that the system's error says: nothing, or not all of a request,
+/// Throws a `URLError` of the kind of the system's error: nothing, or not all of a request,
 /// was sent.
 [[noreturn]] void throw_unsent(std::string_view situation, const StreamError& error);
 
@@ -52,7 +52,7 @@ class Stream {
   virtual void wait(bool to_send, Duration at_most) = 0;
 
   /// After `ended`: whether the peer said that it has sent all. A TLS connection can be cut by
-  /// anyone in between (RFC 9112, section 9.8); a plain one cannot tell.
+  /// anyone in between (RFC 9112, section 9.8); of a plain one this is not known.
   virtual bool ended_properly() const = 0;
   /// After `broken`; after `ended`, there may be a text.
   virtual StreamError error() const = 0;
