@@ -11,8 +11,8 @@
 namespace engines::http {
 namespace {
 
-/// The headers of a request with a body. Content-Type comes first, with the caller's value where the
-/// caller spells the name the same; names that differ in case are left to `Request`.
+/// The headers of a request with a body. Content-Type comes first, with the caller's value where
+/// the caller spells the name the same; names that differ in case are left to `Request`.
 Headers with_content_type(const Headers& given, std::string content_type) {
   constexpr std::string_view CONTENT_TYPE = "Content-Type";
   Headers headers;
