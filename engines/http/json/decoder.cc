@@ -252,7 +252,7 @@ bool Decoder::text(std::string& out) {
 bool Decoder::escape(std::string& out) {
   if (at_ == end_) return false;
   const char letter = *at_++;
-  if (const auto i = ESCAPE_LETTERS.find(letter); i != ESCAPE_LETTERS.npos) {
+  if (const auto i = ESCAPE_LETTERS.find(letter); i != std::string_view::npos) {
     out += ESCAPED[i];
     return true;
   }

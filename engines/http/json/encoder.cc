@@ -45,7 +45,7 @@ void JsonWriter::text(std::string_view value) {
     append({at, plain_end});
     if (plain_end == end) break;
     const char c = *plain_end;
-    if (const auto i = ESCAPED.find(c); i != ESCAPED.npos) {
+    if (const auto i = ESCAPED.find(c); i != std::string_view::npos) {
       const char escape[] = {'\\', ESCAPE_LETTERS[i]};
       append({escape, sizeof escape});
     } else {

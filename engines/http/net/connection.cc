@@ -112,8 +112,10 @@ curl_tlssessioninfo tls_session(CURL* easy) {
 }  // namespace
 
 void check_certificates(const PoolOptions& options) {
-  const std::string &file = options.ca_file, &directory = options.ca_directory,
-                    &certificate = options.client_certificate, &key = key_file(options);
+  const std::string& file = options.ca_file;
+  const std::string& directory = options.ca_directory;
+  const std::string& certificate = options.client_certificate;
+  const std::string& key = key_file(options);
   if ((file + directory + certificate + key).empty()) return;
   const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(SSL_CTX_new(TLS_client_method()),
                                                                   &SSL_CTX_free);

@@ -69,7 +69,7 @@ std::string decoded(std::string_view text) {
   const std::unique_ptr<char, decltype(&curl_free)> bytes(
       curl_easy_unescape(nullptr, text.data(), static_cast<int>(text.size()), &size), curl_free);
   if (!bytes) throw std::bad_alloc();
-  const std::string plain(bytes.get(), static_cast<std::size_t>(size));
+  std::string plain(bytes.get(), static_cast<std::size_t>(size));
   if (std::ranges::any_of(plain, is_control)) {
     refuse("has userinfo that holds a control character");
   }

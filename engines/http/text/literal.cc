@@ -35,7 +35,7 @@ std::string quoted(std::string_view text) {
     const char32_t c = next_char(text, position);
     if (c == U'\\' || c == static_cast<unsigned char>(quote)) {
       literal += {'\\', static_cast<char>(c)};
-    } else if (const auto i = ESCAPED.find(c); i != ESCAPED.npos) {
+    } else if (const auto i = ESCAPED.find(c); i != std::u32string_view::npos) {
       literal += {'\\', LETTERS[i]};
     } else if (is_printable(c)) {
       append_utf8(literal, c);
