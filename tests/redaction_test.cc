@@ -6,7 +6,6 @@
 #include <iterator>
 #include <sstream>
 #include <string>
-#include <vector>
 
 #include "tests/support/table.h"
 
@@ -20,18 +19,10 @@ std::string items(const Secrets& secrets) {
   return text;
 }
 
-/// What stands between commas.
-std::vector<std::string> parts(const std::string& list) {
-  std::istringstream stream(list);
-  std::vector<std::string> all;
-  for (std::string part; std::getline(stream, part, ',');) all.push_back(part);
-  return all;
-}
-
 TEST(Secrets, AreTheCredentialsInHeadersAndUrls) {
   for (const test::Row& row : test::table("credentials", 3)) {
     Headers headers;
-    for (const std::string& part : parts(row[1])) {
+    for (const std::string& part : test::parts(row[1])) {
       const std::size_t colon = part.find(':');
       headers.add(part.substr(0, colon), part.substr(colon + 1));
     }
@@ -59,7 +50,7 @@ TEST(Secrets, AnyRangeIsReadOnce) {
 
 TEST(Redact, RemovesSecretsTheirCutStartsAndEchoedCredentials) {
   for (const test::Row& row : test::table("redaction", 4)) {
-    const std::vector<std::string> secrets = parts(row[0]);
+    const test::Row secrets = test::parts(row[0]);
     EXPECT_EQ(
         row[3].empty() ? redact(row[1], secrets) : excerpt(row[1], secrets, std::stoul(row[3])),
         row[2].empty() ? row[1] : row[2]);

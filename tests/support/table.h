@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -56,6 +57,14 @@ inline std::vector<Row> table(const std::string& name, std::size_t columns) {
     row.resize(columns);
   }
   return rows;
+}
+
+/// What is between the commas of a column.
+inline Row parts(const std::string& column) {
+  std::istringstream stream(column);
+  Row all;
+  for (std::string part; std::getline(stream, part, ',');) all.push_back(part);
+  return all;
 }
 
 }  // namespace engines::http::test
