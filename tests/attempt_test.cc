@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
 #include <ranges>
 #include <stdexcept>
 #include <tuple>
@@ -72,23 +71,15 @@ TEST(Response, AnErrorsCopiesShareItsBody) {
 // ---- send ---------------------------------------------------------------------------------------
 
 TEST(Send, BuildsTheRequest) {
-  const std::map<std::string, std::string> caller{{"A", "1"}, {"Content-Type", "json; v=1"}};
-  const std::tuple<Body, Headers, std::string, Headers> table[] = {
-      {{}, caller, "none", {{"A", "1"}, {"Content-Type", "json; v=1"}}},
-      {{}, {{"A", "1"}, {"B", "2"}, {"a", "3"}, {"A", "4"}}, "none", {{"A", "4"}, {"B", "2"}}},
-      {Json::object(), {}, "{}", {{"Content-Type", "application/json"}}},
-      {Json{{"t", "é"}}, caller, R"({"t": "é"})", {{"Content-Type", "json; v=1"}, {"A", "1"}}},
-      {1, {{"A", "1"}, {"content-type", "x"}}, "1", {{"content-type", "x"}, {"A", "1"}}},
-      {1, {{"content-type", "x"}, {"Content-Type", "y"}}, "1", {{"content-type", "x"}}},
-      {raw_body("", "text/plain"), {}, "", {{"Content-Type", "text/plain"}}}};
   ScriptedTransport transport;
-  for (const auto& [body, headers, data, sent_headers] : table) {
+  for (const test::Row& row : test::table("requests", 4)) {
+    const Body body = row[0].empty() ? raw_body("", "text/plain") : Body(decode_json(row[0]));
     transport.reply("ok");
-    send<void>(URL, {{}, 2.5, [](Response&) {}, "PUT", body, headers, {}, transport});
+    send<void>(URL, {{}, 2.5, [](Response&) {}, "PUT", body, test::headers(row[1]), {}, transport});
     const auto& [request, timeout, time_left] = transport.sent().back();
     EXPECT_EQ(request.method + " " + request.url, "PUT " + URL);
-    EXPECT_EQ(request.data.value_or("none"), data);
-    EXPECT_EQ(request.headers, sent_headers);
+    EXPECT_EQ(request.data.value_or("none"), row[2]);
+    EXPECT_EQ(request.headers, Headers(test::headers(row[3])));
     EXPECT_EQ(timeout, 2.5);
   }
 }

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tests/support/outcome.h"
+#include "tests/support/table.h"
 
 namespace engines::http {
 namespace {
@@ -137,29 +138,19 @@ TEST(Policy, BackoffDoubles) {
 }
 
 TEST(WaitUnlessStopped, SleepsInStepsAndAsksBetween) {
-  struct Case {
-    double seconds, poll_s;
-    int asks;  // the last of them says stop where the wait is stopped
-    bool stopped;
-    std::size_t sleeps;
-  };
-  // Ten steps and the remainder of ten subtractions; no wait; stopped from the start, or only at
-  // the last ask; one step is enough.
-  const Case table[] = {{1.0, 0.1, 12, false, 11}, {0.0, 0.1, 1, false, 0},
-                        {-1.0, 0.1, 1, true, 0},   {1.0, 0.1, 1, true, 0},
-                        {0.25, 0.1, 4, true, 3},   {0.5, 2.0, 2, false, 1}};
-  for (const Case& c : table) {
-    std::vector<double> sleeps;
-    int asks = 0;
-    const StopSignal stop = [&] { return ++asks == c.asks && c.stopped; };
-    const auto sleep = [&](double step) { sleeps.push_back(step); };
-    EXPECT_EQ(wait_unless_stopped(c.seconds, stop, {.sleep = sleep, .poll_s = c.poll_s}),
-              c.stopped);
-    EXPECT_EQ(sleeps.size(), c.sleeps) << c.seconds;
-    EXPECT_EQ(asks, c.asks) << c.seconds;
-    for (const double step : sleeps) EXPECT_LE(step, c.poll_s);
-    const double in_all = std::accumulate(sleeps.begin(), sleeps.end(), 0.0);
-    EXPECT_NEAR(in_all, c.sleeps > 0 ? c.seconds : 0, 1e-9);
+  for (const test::Row& row : test::table("waits", 5)) {
+    const double seconds = std::stod(row[0]), poll_s = std::stod(row[1]);
+    int asks = 0, sleeps = 0;
+    double slept = 0;
+    const StopSignal stop = [&] { return std::to_string(++asks) == row[2]; };
+    const auto sleep = [&](double step) {
+      ++sleeps, slept += step;
+      EXPECT_LE(step, poll_s);
+    };
+    EXPECT_EQ(wait_unless_stopped(seconds, stop, {.sleep = sleep, .poll_s = poll_s}),
+              !row[2].empty());
+    EXPECT_EQ(std::to_string(asks) + " " + std::to_string(sleeps), row[3] + " " + row[4]);
+    EXPECT_NEAR(slept, sleeps > 0 ? seconds : 0, 1e-9);
   }
 }
 

@@ -21,11 +21,7 @@ std::string items(const Secrets& secrets) {
 
 TEST(Secrets, AreTheCredentialsInHeadersAndUrls) {
   for (const test::Row& row : test::table("credentials", 3)) {
-    Headers headers;
-    for (const std::string& part : test::parts(row[1])) {
-      const std::size_t colon = part.find(':');
-      headers.add(part.substr(0, colon), part.substr(colon + 1));
-    }
+    const Headers headers(test::headers(row[1]));
     EXPECT_EQ(items(row[0] == "url"    ? secrets_of_url(row[1])
                     : row[0] == "call" ? _secrets_of_call({"mine"}, headers, "http://h")
                                        : secrets_of(headers)),
