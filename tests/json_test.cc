@@ -164,11 +164,8 @@ TEST(EncodeJson, TakesValuesOfManyTypes) {
 
 template <class... Values>
 void expect_refused(const Values&... values) {
-  const std::string messages[] = {
-      test::outcome([&] { return "encoded: " + encode_json(values); })...};
-  for (const std::string& message : messages) {
-    EXPECT_TRUE(message.starts_with("invalid_argument: ")) << message;
-    EXPECT_EQ(message.find("secret"), message.npos) << message;
+  for (const std::string& end : {test::outcome([&] { return encode_json(values); })...}) {
+    EXPECT_TRUE(end.starts_with("invalid_argument: ") && end.find("secret") == end.npos) << end;
   }
 }
 
@@ -228,8 +225,6 @@ TEST(Body, IsKeptWithoutTheValueThatItWasMadeOf) {
 }
 
 TEST(Body, OfBytesOrOfAForm) {
-  EXPECT_EQ(raw_body("", "text/plain").data(), "");
-  EXPECT_EQ(raw_body("", "text/plain").content_type(), "text/plain");
   EXPECT_EQ(raw_body("null", "application/json").data(), "null");
   const Body form = form_body({{"grant_type", "a b*-._~\n+&=%é\x7f"}, {"", ""}, {"é", "1"}});
   EXPECT_EQ(form.data(), "grant_type=a+b*-._%7E%0A%2B%26%3D%25%C3%A9%7F&=&%C3%A9=1");

@@ -56,14 +56,5 @@ TEST(Redact, RemovesSecretsTheirCutStartsAndEchoedCredentials) {
   EXPECT_EQ(_without_cut_secret("k=012345678", "0123456789"), "k=[redacted]");
 }
 
-TEST(Redact, LongHostileTextIsLinear) {
-  const std::string blanks(1 << 20, ' ');
-  EXPECT_EQ(redact("authorization" + blanks).size(), 13 + blanks.size());
-  std::string words;
-  for (int i = 0; i < 100000; ++i) words += "bearer \n;authorization \n";
-  EXPECT_EQ(redact(words), words);
-  EXPECT_EQ(redact(std::string(1 << 20, '\xff')).size(), 3U << 20);
-}
-
 }  // namespace
 }  // namespace engines::http
