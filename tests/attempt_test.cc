@@ -5,7 +5,6 @@
 
 #include <ranges>
 #include <stdexcept>
-#include <tuple>
 #include <vector>
 
 #include "engines/http/classification.h"

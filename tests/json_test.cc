@@ -84,12 +84,7 @@ TEST(DecodeJson, TakesWhatIsJsonAndRefusesTheRest) {
   for (const test::Row& row : test::table("json", 2)) {
     EXPECT_EQ(decoded(row[0]), row[1].empty() ? row[0] : row[1]) << row[0].substr(0, 100);
   }
-}
-
-TEST(DecodeJson, KeepsTheKindsOfNumbersApart) {
   EXPECT_TRUE(decode_json("1")->is_number_unsigned());
-  EXPECT_EQ(decode_json("-1")->type(), Json::value_t::number_integer);
-  EXPECT_TRUE(decode_json("1e0")->is_number_float());
 }
 
 TEST(DecodeJson, TakesManyNamesEachRepeated) {
@@ -137,8 +132,6 @@ TEST(EncodeJson, TakesValuesOfManyTypes) {
                                std::list<std::deque<float>>{{1}, {}}}),
             R"([[1, "a"], [1, null, "c", -5, 65], [true, false], [[1, 2], [3, 4]], ["a"], )"
             R"([1, [2]], [[1.0], []]])");
-  EXPECT_EQ(encode_json(std::vector<double>(3000, 0.25)).size(),
-            3000 * std::string("0.25, ").size());
   EXPECT_EQ(encode_json(Bodies{std::map<std::string, std::vector<int>>{{"b", {1}}, {"a", {}}},
                                std::multimap<int, bool>{{-1, true}, {2, false}},
                                std::map<bool, int>{{false, 0}, {true, 1}},
@@ -204,21 +197,20 @@ TEST(Body, ANullValueIsNoBody) {
 }
 
 TEST(Body, IsKeptWithoutTheValueThatItWasMadeOf) {
-  std::vector<Body> kept;
-  const auto returned = [](std::size_t size) -> Body {
-    const std::vector<std::string> local(size, std::string(100, 'x'));
+  const auto returned = []() -> Body {
+    const std::vector<std::string> local(2, std::string(100, 'x'));
     return std::span(local);
   };
-  for (std::size_t i = 0; i < 3; ++i) {
-    std::string named(i, 'x');
+  std::vector<Body> kept{returned()};
+  {
+    std::string named(2, 'x');
     kept.emplace_back(named);
     kept.push_back(std::cref(named));
-    kept.push_back(returned(i));
   }
-  EXPECT_EQ(kept[6].data(), "\"xx\"");
-  EXPECT_EQ(kept[7].data(), "\"xx\"");
-  EXPECT_EQ(kept[8].data()->size(), 208U);
-  Body copy = kept[6];  // from a Body that is not const
+  EXPECT_EQ(kept[0].data()->size(), 208U);
+  EXPECT_EQ(kept[1].data(), "\"xx\"");
+  EXPECT_EQ(kept[2].data(), "\"xx\"");
+  Body copy = kept[1];  // from a Body that is not const
   kept.clear();
   EXPECT_EQ(encode_json(std::vector{copy, Body(std::move(copy)), Body()}),
             "[\"xx\", \"xx\", null]");

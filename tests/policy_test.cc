@@ -119,13 +119,6 @@ TEST(Policy, AnEmptyFunctionStandsForTheDefault) {
   EXPECT_FALSE(wait_unless_stopped(0.001, nullptr, {.sleep = nullptr}));
 }
 
-TEST(Policy, KnowsWhenItsDeadlineHasCome) {
-  const RetryPolicy policy{.deadline = 5.0, .clock = [] { return 5.0; }};
-  EXPECT_TRUE(policy.is_past_deadline());
-  EXPECT_FALSE(policy.with({.deadline = 5.001}).is_past_deadline());
-  EXPECT_FALSE(policy.with({.deadline = std::nullopt}).is_past_deadline());
-}
-
 TEST(Policy, BackoffDoubles) {
   const std::tuple<double, int, double> table[] = {
       {1.0, 1, 1.0}, {0.5, 3, 2.0}, {1.0, 0, 0.5}, {0.0, 9999, 0.0}, {1.0, 101, 0x1p100}};

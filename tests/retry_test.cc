@@ -91,14 +91,9 @@ TEST(Retry, EveryWayOut) {
     const RetryPolicy policy =
         row[1].empty() ? timeless : timeless.with({.deadline = std::stod(row[1])});
     Attempts attempts;
-    for (const std::string& name : test::parts(row[4])) {
-      attempts.failures.push_back(failures.at(name));
-    }
-    EXPECT_EQ(test::outcome([&] {
-                return std::to_string(
-                    retry(policy, attempts, {.label = "call", .secrets = {"s3cr3t-k3y"}}));
-              }),
-              row[5]);
+    for (const auto& name : test::parts(row[4])) attempts.failures.push_back(failures.at(name));
+    const RetryOptions call{.label = "call", .secrets = {"s3cr3t-k3y"}};
+    EXPECT_EQ(test::outcome([&] { return std::to_string(retry(policy, attempts, call)); }), row[5]);
     EXPECT_EQ(attempts.made, attempts.failures.size()) << row[5];
   }
 }
