@@ -3,16 +3,15 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
 #include <ranges>
 #include <stdexcept>
-#include <tuple>
 #include <vector>
 
 #include "engines/http/classification.h"
 #include "engines/http/reply.h"
 #include "engines/http/testing.h"
 #include "tests/support/outcome.h"
+#include "tests/support/table.h"
 
 namespace engines::http {
 namespace {
@@ -71,23 +70,15 @@ TEST(Response, AnErrorsCopiesShareItsBody) {
 // ---- send ---------------------------------------------------------------------------------------
 
 TEST(Send, BuildsTheRequest) {
-  const std::map<std::string, std::string> caller{{"A", "1"}, {"Content-Type", "json; v=1"}};
-  const std::tuple<Body, Headers, std::string, Headers> table[] = {
-      {{}, caller, "none", {{"A", "1"}, {"Content-Type", "json; v=1"}}},
-      {{}, {{"A", "1"}, {"B", "2"}, {"a", "3"}, {"A", "4"}}, "none", {{"A", "4"}, {"B", "2"}}},
-      {Json::object(), {}, "{}", {{"Content-Type", "application/json"}}},
-      {Json{{"t", "é"}}, caller, R"({"t": "é"})", {{"Content-Type", "json; v=1"}, {"A", "1"}}},
-      {1, {{"A", "1"}, {"content-type", "x"}}, "1", {{"content-type", "x"}, {"A", "1"}}},
-      {1, {{"content-type", "x"}, {"Content-Type", "y"}}, "1", {{"content-type", "x"}}},
-      {raw_body("", "text/plain"), {}, "", {{"Content-Type", "text/plain"}}}};
   ScriptedTransport transport;
-  for (const auto& [body, headers, data, sent_headers] : table) {
+  for (const test::Row& row : test::table("requests", 4)) {
+    const Body body = row[0].empty() ? raw_body("", "text/plain") : Body(decode_json(row[0]));
     transport.reply("ok");
-    send<void>(URL, {{}, 2.5, [](Response&) {}, "PUT", body, headers, {}, transport});
+    send<void>(URL, {{}, 2.5, [](Response&) {}, "PUT", body, test::headers(row[1]), {}, transport});
     const auto& [request, timeout, time_left] = transport.sent().back();
     EXPECT_EQ(request.method + " " + request.url, "PUT " + URL);
-    EXPECT_EQ(request.data.value_or("none"), data);
-    EXPECT_EQ(request.headers, sent_headers);
+    EXPECT_EQ(request.data.value_or("none"), row[2]);
+    EXPECT_EQ(request.headers, Headers(test::headers(row[3])));
     EXPECT_EQ(timeout, 2.5);
   }
 }
@@ -218,64 +209,33 @@ TEST(ReadBody, ReadsArrivalsInFixedSizesThroughRead1) {
   }
 }
 
-TEST(ReadBody, KeepsTheDeadlineBetweenReads) {
-  // The clock moves by one with each read; a body of two pieces takes three reads.
-  const std::string late = "DeadlineExceeded: the reply was ";
-  const std::tuple<double, std::string, std::size_t> table[] = {
-      {0, late + "still arriving at the deadline", 0},
-      {2, late + "still arriving at the deadline", 2},
-      {3, late + "complete only after the deadline", 3},
-      {3.5, "xx", 3}};
-  for (const auto& [deadline, expected, reads] : table) {
+TEST(ReadBody, KeepsTheDeadlineBetweenReadsAndIsBounded) {
+  for (const test::Row& row : test::table("read_body", 5)) {
     ManualTime time;
-    const auto reply = reply_of({time.after(1, "x"), time.after(1, "x"), time.after(1, "")});
-    const RetryPolicy policy = time.policy({.deadline = deadline});
-    EXPECT_EQ(outcome([&] { return read_body(*reply, policy); }), expected);
-    EXPECT_EQ(reply->reads().size(), reads);
+    std::vector<Piece> pieces;
+    for (const std::string& part : test::parts(row[2])) pieces.push_back(time.after(1, part));
+    const auto reply = reply_of(pieces, {.status = 201});
+    const RetryPolicy policy =
+        time.policy({.deadline = std::stod(row[1]), .max_body_bytes = std::stoul(row[0])});
+    EXPECT_EQ(outcome([&] { return read_body(*reply, policy); }), row[3]);
+    EXPECT_EQ(std::to_string(reply->reads().size()), row[4]);
   }
 }
 
-TEST(ReadBody, IsBounded) {
-  const std::string full(100'000, 'x'), longer = "BadReply: reply longer than ";
-  const std::tuple<std::size_t, std::vector<Piece>, std::string, std::size_t> table[] = {
-      {10, {"12345", "67890"}, "1234567890", 3},
-      {10, {"12345", "678901", "never read"}, longer + "10 bytes | 201", 2},
-      {0, {}, "", 1},
-      {100'000, {full}, full, 3},
-      {100'000, {full + "x"}, longer + "100000 bytes | 201", 2}};
-  for (const auto& [most, pieces, expected, reads] : table) {
-    const auto reply = reply_of(pieces, {.status = 201});
-    const RetryPolicy policy{.max_body_bytes = most};
-    EXPECT_EQ(outcome([&] { return read_body(*reply, policy); }), expected);
-    EXPECT_EQ(reply->reads().size(), reads);
-  }
-  // However much is announced, no room is made beyond what would be read.
-  const std::tuple<std::string, std::size_t, std::size_t> announced[] = {
-      {"200000", 1 << 20, 200'000},
-      {"99999999999", 300'000, 300'000},
-      {"99999999999", SIZE_MAX, 1 << 26}};
-  for (const auto& [length, most, room] : announced) {
-    const auto reply = reply_of({"x"}, {.headers = {{"Content-Length", length}}});
-    EXPECT_EQ(read_body(*reply, {.max_body_bytes = most}).capacity(), room);
+TEST(ReadBody, MakesNoRoomBeyondWhatWouldBeRead) {
+  for (const test::Row& row : test::table("room", 3)) {
+    const auto reply = reply_of({"x"}, {.headers = {{"Content-Length", row[0]}}});
+    const std::string body = read_body(*reply, {.max_body_bytes = std::stoul(row[1])});
+    EXPECT_EQ(std::to_string(body.capacity()), row[2]);
   }
 }
 
 TEST(ReadJson, ParsesOrSaysWhyNot) {
   const RetryPolicy pages{.refusal_reason = html_page, .detail_chars = 20};
-  const std::string not_json = "BadReply: reply not JSON: ";
-  const std::pair<std::string, std::string> table[] = {
-      {" [1, NaN]\r\n", "[1,null]"},
-      {"\"a\xff b\"", "\"a\uFFFD b\""},
-      {"", not_json + "'' | 204"},
-      {"\uFEFF{}", not_json + "'\\ufeff{}' | 204 | \uFEFF{}"},
-      {" <!DOCTYPE html><p>s3cr3t-k3y",
-       "Refused: an HTML page instead of a JSON reply | 204 |  <!DOCTYPE html><p>["},
-      {"it's \"s3cr3t-k3y\" and on",
-       not_json + R"('it\'s "[redacted]" an' | 204 | it's "[redacted]" an)"}};
-  for (const auto& [body, expected] : table) {
+  for (const test::Row& row : test::table("read_json", 2)) {
     const auto reply =
-        reply_of({body}, {.status = 204, .headers = {{"Content-Type", "text/html"}}});
-    EXPECT_EQ(outcome([&] { return read_json(*reply, pages, {"s3cr3t-k3y"}).dump(); }), expected);
+        reply_of({row[0]}, {.status = 204, .headers = {{"Content-Type", "text/html"}}});
+    EXPECT_EQ(outcome([&] { return read_json(*reply, pages, {"s3cr3t-k3y"}).dump(); }), row[1]);
     EXPECT_EQ(reply->closes(), 0);
   }
   const auto says_its_kind = [](auto, auto kind) { return std::optional(std::string(kind)); };

@@ -8,6 +8,7 @@
 
 #include "engines/http/testing.h"
 #include "tests/support/outcome.h"
+#include "tests/support/table.h"
 
 // Errors of libraries that this one has never seen.
 namespace service {
@@ -169,15 +170,9 @@ TEST(Classify, ReadsAnErrorBodyOnceAndAlwaysClosesIt) {
 }
 
 TEST(HtmlPage, BySubtypeOrByTheStartOfTheText) {
-  EXPECT_EQ(html_page("{}", "TEXT/HTML"), "an HTML page");
-  EXPECT_EQ(html_page("{}", "application/json"), std::nullopt);
-  for (const char* page :
-       {" \t\r\n\u00a0\u3000\x1c\x1f<!DOCTYPE HTML>", "<html lang=en>", "<HTML"}) {
-    EXPECT_EQ(html_page(page, ""), "an HTML page") << page;
-  }
-  for (const char* other : {"<!doctype  html>", "\uFEFF<html>", "\u180e<html>",
-                            "{\"a\": \"<html>\"}", "", "\xff<html>"}) {
-    EXPECT_EQ(html_page(other, ""), std::nullopt) << other;
+  for (const test::Row& row : test::table("html_page", 3)) {
+    EXPECT_EQ(html_page(row[1], row[2]).value_or("no"), row[0] == "no" ? "no" : "an HTML page")
+        << row[1];
   }
 }
 

@@ -5,12 +5,12 @@
 
 #include <chrono>
 #include <climits>
-#include <numeric>
 #include <stop_token>
 #include <tuple>
 #include <vector>
 
 #include "tests/support/outcome.h"
+#include "tests/support/table.h"
 
 namespace engines::http {
 namespace {
@@ -43,12 +43,10 @@ TEST(Policy, Defaults) {
 }
 
 TEST(Policy, StatusSetsAreBuiltFromWhateverHoldsStatuses) {
-  std::vector<StatusCode> expected(102);
-  std::iota(expected.begin(), expected.end(), 498);
-  expected[0] = 429;
-  expected[1] = 408;
-  EXPECT_EQ(TRANSIENT_STATUSES, StatusSet(expected));
-  EXPECT_TRUE(TRANSIENT_STATUSES.contains(599) && !TRANSIENT_STATUSES.contains(600));
+  for (StatusCode status = -1; status < 1000; ++status) {
+    EXPECT_EQ(TRANSIENT_STATUSES.contains(status),
+              status == 408 || status == 429 || (status >= 500 && status < 600));
+  }
   EXPECT_EQ(StatusSet(std::vector<int>{503, 401, 503}), (StatusSet{401, 503}));
   StatusSet moved_from{7};
   const bool moved = StatusSet(std::move(moved_from)).contains(7);
@@ -121,13 +119,6 @@ TEST(Policy, AnEmptyFunctionStandsForTheDefault) {
   EXPECT_FALSE(wait_unless_stopped(0.001, nullptr, {.sleep = nullptr}));
 }
 
-TEST(Policy, KnowsWhenItsDeadlineHasCome) {
-  const RetryPolicy policy{.deadline = 5.0, .clock = [] { return 5.0; }};
-  EXPECT_TRUE(policy.is_past_deadline());
-  EXPECT_FALSE(policy.with({.deadline = 5.001}).is_past_deadline());
-  EXPECT_FALSE(policy.with({.deadline = std::nullopt}).is_past_deadline());
-}
-
 TEST(Policy, BackoffDoubles) {
   const std::tuple<double, int, double> table[] = {
       {1.0, 1, 1.0}, {0.5, 3, 2.0}, {1.0, 0, 0.5}, {0.0, 9999, 0.0}, {1.0, 101, 0x1p100}};
@@ -137,29 +128,19 @@ TEST(Policy, BackoffDoubles) {
 }
 
 TEST(WaitUnlessStopped, SleepsInStepsAndAsksBetween) {
-  struct Case {
-    double seconds, poll_s;
-    int asks;  // the last of them says stop where the wait is stopped
-    bool stopped;
-    std::size_t sleeps;
-  };
-  // Ten steps and the remainder of ten subtractions; no wait; stopped from the start, or only at
-  // the last ask; one step is enough.
-  const Case table[] = {{1.0, 0.1, 12, false, 11}, {0.0, 0.1, 1, false, 0},
-                        {-1.0, 0.1, 1, true, 0},   {1.0, 0.1, 1, true, 0},
-                        {0.25, 0.1, 4, true, 3},   {0.5, 2.0, 2, false, 1}};
-  for (const Case& c : table) {
-    std::vector<double> sleeps;
-    int asks = 0;
-    const StopSignal stop = [&] { return ++asks == c.asks && c.stopped; };
-    const auto sleep = [&](double step) { sleeps.push_back(step); };
-    EXPECT_EQ(wait_unless_stopped(c.seconds, stop, {.sleep = sleep, .poll_s = c.poll_s}),
-              c.stopped);
-    EXPECT_EQ(sleeps.size(), c.sleeps) << c.seconds;
-    EXPECT_EQ(asks, c.asks) << c.seconds;
-    for (const double step : sleeps) EXPECT_LE(step, c.poll_s);
-    const double in_all = std::accumulate(sleeps.begin(), sleeps.end(), 0.0);
-    EXPECT_NEAR(in_all, c.sleeps > 0 ? c.seconds : 0, 1e-9);
+  for (const test::Row& row : test::table("waits", 5)) {
+    const double seconds = std::stod(row[0]), poll_s = std::stod(row[1]);
+    int asks = 0, sleeps = 0;
+    double slept = 0;
+    const StopSignal stop = [&] { return std::to_string(++asks) == row[2]; };
+    const auto sleep = [&](double step) {
+      ++sleeps, slept += step;
+      EXPECT_LE(step, poll_s);
+    };
+    EXPECT_EQ(wait_unless_stopped(seconds, stop, {.sleep = sleep, .poll_s = poll_s}),
+              !row[2].empty());
+    EXPECT_EQ(std::to_string(asks) + " " + std::to_string(sleeps), row[3] + " " + row[4]);
+    EXPECT_NEAR(slept, sleeps > 0 ? seconds : 0, 1e-9);
   }
 }
 

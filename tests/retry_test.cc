@@ -6,6 +6,7 @@
 #include <spdlog/spdlog.h>
 
 #include <cstdlib>
+#include <map>
 #include <sstream>
 #include <tuple>
 #include <utility>
@@ -14,6 +15,7 @@
 #include "engines/http/requests.h"
 #include "engines/http/testing.h"
 #include "tests/support/outcome.h"
+#include "tests/support/table.h"
 
 namespace engines::http {
 namespace {
@@ -75,41 +77,24 @@ TEST(Retry, CutsTheTimeoutToTheDeadline) {
 
 TEST(Retry, EveryWayOut) {
   const Log log;
-  const auto stop_at = [](int ask) -> StopSignal {
-    return [ask, asked = std::make_shared<int>(0)] { return ++*asked == ask; };
-  };
-  // Successive readings of the clock.
-  const auto read = [](std::vector<double> readings) -> Clock {
-    return [readings, next = std::make_shared<std::size_t>(0)] { return readings.at((*next)++); };
-  };
-  const Wait skip = [](auto...) { return false; };
-  const std::string stopped = "Stopped: call was asked to stop", of_last = " | 503 | later";
-  const std::string late = "DeadlineExceeded: call had no time left ";
-  const std::string another = late + "for another attempt",
-                    failed = "Exhausted: call failed after ";
-  const std::tuple<RetryPolicy, std::vector<FailurePtr>, std::string> table[] = {
-      {{.clock = read({}), .should_stop = stop_at(1)}, {}, stopped},
-      {{.clock = read({}), .should_stop = stop_at(2)}, {busy}, stopped + of_last},
-      {{.should_stop = stop_at(3), .wait = skip}, {busy}, stopped + of_last},
-      {{.deadline = 10, .clock = read({10})}, {}, another},
-      {{.deadline = 10, .clock = read({0, 9})}, {busy}, late + "to wait 1.0 s" + of_last},
-      {{.deadline = 9.5, .clock = read({0, 8, 9.5}), .wait = skip}, {busy}, another + of_last},
-      {{.attempts = 1, .deadline = 10, .clock = read({0, 10})},
-       {busy},
-       "DeadlineExceeded: call ran out of time" + of_last},
-      {{.attempts = 1, .deadline = 10, .clock = read({0, 9})},
-       {Retryable("token s3cr3t-k3y")},
-       failed + "1 attempts: token [redacted]"},
-      {{.attempts = 2, .wait = skip}, {busy, busy}, failed + "2 attempts: HTTP 503" + of_last},
-      {{}, {Refused("no")}, "Refused: no"},
-      {{.wait = skip}, {busy, DeadlineExceeded("late")}, "DeadlineExceeded: late"}};
-  for (const auto& [policy, failures, expected] : table) {
-    Attempts attempts{failures};
-    const auto call = [&, &p = policy] {
-      return std::to_string(retry(p, attempts, {.label = "call", .secrets = {"s3cr3t-k3y"}}));
-    };
-    EXPECT_EQ(test::outcome(call), expected);
-    EXPECT_EQ(attempts.made, failures.size()) << expected;
+  const std::map<std::string, FailurePtr> failures{{"busy", busy},
+                                                   {"token", Retryable("token s3cr3t-k3y")},
+                                                   {"refused", Refused("no")},
+                                                   {"late", DeadlineExceeded("late")}};
+  for (const test::Row& row : test::table("retry", 6)) {
+    int asked = 0;
+    std::size_t read = 0;
+    const RetryPolicy timeless{.attempts = std::stoi(row[0]),
+                               .clock = [&] { return std::stod(test::parts(row[2]).at(read++)); },
+                               .should_stop = [&] { return std::to_string(++asked) == row[3]; },
+                               .wait = [](auto...) { return false; }};
+    const RetryPolicy policy =
+        row[1].empty() ? timeless : timeless.with({.deadline = std::stod(row[1])});
+    Attempts attempts;
+    for (const auto& name : test::parts(row[4])) attempts.failures.push_back(failures.at(name));
+    const RetryOptions call{.label = "call", .secrets = {"s3cr3t-k3y"}};
+    EXPECT_EQ(test::outcome([&] { return std::to_string(retry(policy, attempts, call)); }), row[5]);
+    EXPECT_EQ(attempts.made, attempts.failures.size()) << row[5];
   }
 }
 

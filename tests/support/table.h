@@ -8,9 +8,11 @@
 #include <algorithm>
 #include <cstddef>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace engines::http::test {
@@ -56,6 +58,24 @@ inline std::vector<Row> table(const std::string& name, std::size_t columns) {
     row.resize(columns);
   }
   return rows;
+}
+
+/// What is between the commas of a column.
+inline Row parts(const std::string& column) {
+  std::istringstream stream(column);
+  Row all;
+  for (std::string part; std::getline(stream, part, ',');) all.push_back(part);
+  return all;
+}
+
+/// Headers, each "name:value", from between the commas of a column.
+inline std::vector<std::pair<std::string, std::string>> headers(const std::string& column) {
+  std::vector<std::pair<std::string, std::string>> all;
+  for (const std::string& part : parts(column)) {
+    const std::size_t colon = part.find(':');
+    all.emplace_back(part.substr(0, colon), part.substr(colon + 1));
+  }
+  return all;
 }
 
 }  // namespace engines::http::test
