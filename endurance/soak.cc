@@ -27,7 +27,7 @@
 #include "engines/http/http.h"
 #include "tests/support/fault_server.h"
 #include "tests/support/real_peers.h"
-#include "tests/support/replies.h"
+#include "tests/support/table.h"
 
 namespace {
 
@@ -44,39 +44,8 @@ constexpr unsigned FIRST = 10'000'000;
 
 // ---- The servers --------------------------------------------------------------------------------
 
-const std::string ID = "########",  // in its place, an attempt has its number
-    ANSWER = "{\"attempt\": " + ID + "}", ANSWERED = whole("200 OK", ANSWER);
-
-enum class Then { goes_on, ends, resets, stalls };
-
-/// What a server sends once it has read a request, and how it goes on.
-struct Fault {
-  std::string bytes;
-  Then then = Then::goes_on;
-};
-
-const std::vector<Fault> FAULTS{
-    {ANSWERED},
-    {whole("200 OK", ANSWER + std::string(100'000, ' '))},
-    {CHUNKED + "b\r\n{\"attempt\":\r\n8\r\n" + ID + "\r\n1\r\n}\r\n0\r\n\r\n"},
-    {whole("307 M", "", "Location: /10/" + ID + "?2\r\n")},
-    // What a kept connection may meet after its reply.
-    {ANSWERED, Then::ends},
-    {ANSWERED, Then::resets},
-    {ANSWERED + whole("200 OK", "{\"attempt\": 0}")},
-    // Error statuses and replies that are of no use.
-    {whole("503 Busy", ANSWER)},
-    {whole("401 Who", ANSWER)},
-    {whole("200 OK", "<html>a page</html>")},
-    {whole("200 OK", ANSWER + std::string(300'000, ' '))},
-    // Broken ones.
-    {"", Then::ends},
-    {"", Then::resets},
-    {OK + "Content-Le", Then::ends},
-    {TEN + "{", Then::ends},
-    {CHUNKED + "9\r\n{", Then::resets},
-    {CHUNKED + "zz\r\n{"},
-    {CHUNKED + "9\r\n{", Then::stalls}};
+const std::string ID = "########";  // in its place, an attempt has its number
+const std::vector<Row> FAULTS = table("soak", 2);
 
 std::array<std::atomic<bool>, 1 << 24> seen;  // attempts
 std::atomic<unsigned> repeated = 0;
@@ -87,12 +56,13 @@ void serve(Peer& peer) {
     const std::string path = request.substr(request.find('/')), id = path.substr(4, ID.size());
     const bool is_redirected = path[4 + ID.size()] == '?';
     if (!is_redirected && seen.at(std::stoul(id) - FIRST).exchange(true)) ++repeated;
-    auto [bytes, then] = FAULTS.at(std::stoul(path.substr(1, 2)) - 10);
+    const Row& fault = FAULTS.at(std::stoul(path.substr(1, 2)) - 10);
+    std::string bytes = fault[0], then = fault[1];
     for (std::size_t at; (at = bytes.find(ID)) != bytes.npos;) bytes.replace(at, ID.size(), id);
     peer.send(bytes);
-    if (then == Then::stalls) return peer.stall();
-    if (then == Then::resets) return peer.stall(2), peer.reset();  // what was sent comes first
-    if (then == Then::ends || request.find("\r\nConnection: close") != request.npos) return;
+    if (then == "stalls") return peer.stall();
+    if (then == "resets") return peer.stall(2), peer.reset();  // what was sent comes first
+    if (then == "ends" || request.find("\r\nConnection: close") != request.npos) return;
   }
 }
 
@@ -163,11 +133,6 @@ Sample sample() {
   return now;
 }
 
-bool check(bool holds, const std::string& what) {
-  std::cout << (holds ? "ok      " : "FAILED  ") << what << "\n";
-  return holds;
-}
-
 /// Makes the calls, from all threads, and returns how they ended. Takes a sample after each part.
 std::map<std::string, unsigned> make_calls(Caller& caller, unsigned calls, unsigned seed,
                                            std::vector<Sample>& samples) {
@@ -222,14 +187,21 @@ bool soak(unsigned calls, unsigned seed) {
   for (const Sample& one : samples) {
     is_bounded &= one.descriptors <= before.descriptors + 2 * 4 * static_cast<long>(MAX_IDLE) + 2;
   }
-  bool all = check(ended_well == calls / SAMPLES * SAMPLES, "each call ended as a call may end");
-  all &= check(ends["answer"] > ended_well / 2, "most calls were answered");
-  all &= check(repeated == 0, "no attempt came to a server twice");
-  all &= check(is_bounded, "descriptors and threads: no more than idle connections need");
+  const std::vector<std::pair<bool, const char*>> checks {
+    {ended_well == calls / SAMPLES * SAMPLES, "each call ended as a call may end"},
+        {ends["answer"] > ended_well / 2, "most calls were answered"},
+        {repeated == 0, "no attempt came to a server twice"},
+        {is_bounded, "descriptors and threads: no more than idle connections need"},
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-  all &= check(samples.back().memory_kb <= samples.front().memory_kb + MEMORY_TOLERANCE_KB,
-               "memory: less than 4 MB were added after the first tenth");
+        {samples.back().memory_kb <= samples.front().memory_kb + MEMORY_TOLERANCE_KB,
+         "memory: less than 4 MB were added after the first tenth"},
 #endif
+  };
+  bool all = true;
+  for (const auto& [holds, what] : checks) {
+    std::cout << (holds ? "ok      " : "FAILED  ") << what << "\n";
+    all &= holds;
+  }
   return all;
 }
 
