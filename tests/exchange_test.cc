@@ -96,8 +96,8 @@ TEST(Exchange, FinishTakesTheRestOfTheBodyThatIsHereAndWaitsForNone) {
 
 TEST(Exchange, AStopEndsAReadThatNeverWaits) {
   int asks = 0;
-  Played flood(LENGTH + "9000000\r\n\r\n" + std::string(9'000'000, 'x'), Then::stalls, SIZE_MAX,
-               {.timeout = 9, .should_stop = [&] { return ++asks > 8; }});
+  Played flood(OK + "Content-Length: 9000000\r\n\r\n" + std::string(9'000'000, 'x'), Then::stalls,
+               SIZE_MAX, {.timeout = 9, .should_stop = [&] { return ++asks > 8; }});
   EXPECT_TRUE(flood.outcome(9'000'000, true).starts_with("Stopped: the transport was asked to"));
 }
 
