@@ -8,7 +8,6 @@
 #include <sstream>
 #include <string>
 
-#include "engines/http/failure.h"
 #include "tests/support/outcome.h"
 #include "tests/support/replies.h"
 #include "tests/support/scripted_stream.h"

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <set>
 #include <sstream>
 #include <string>
 
@@ -19,18 +18,19 @@ using test::Row, test::table;
 /// The host of the proxy for the URL, or "none", or how it was refused.
 std::string chosen(const std::string& url, const std::string& variables,
                    const std::string& option) {
-  std::istringstream lines(variables);
-  std::set<std::string> names;
-  for (std::string name, value; std::getline(lines, name, '=') && std::getline(lines, value);) {
-    setenv(names.insert(name).first->c_str(), value.c_str(), 1);
+  for (const char* name : {"http_proxy", "https_proxy", "all_proxy", "no_proxy", "HTTP_PROXY",
+                           "HTTPS_PROXY", "ALL_PROXY", "NO_PROXY"}) {
+    unsetenv(name);
   }
-  const std::string host = test::outcome([&] {
+  std::istringstream lines(variables);
+  for (std::string name, value; std::getline(lines, name, '=') && std::getline(lines, value);) {
+    setenv(name.c_str(), value.c_str(), 1);
+  }
+  return test::outcome([&] {
     const auto given = option == "-" ? std::nullopt : std::optional(option);
     const auto proxy = proxy_for(parse_url(url)->origin, given);
     return proxy ? proxy->origin.host : "none";
   });
-  for (const std::string& name : names) unsetenv(name.c_str());
-  return host;
 }
 
 TEST(Proxy, ComesFromTheOptionElseFromTheEnvironmentOrIsRefusedWithoutBeingQuoted) {
