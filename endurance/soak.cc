@@ -10,6 +10,7 @@
 #include <malloc.h>
 #include <spdlog/spdlog.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -27,7 +28,7 @@
 #include "engines/http/http.h"
 #include "tests/support/fault_server.h"
 #include "tests/support/real_peers.h"
-#include "tests/support/replies.h"
+#include "tests/support/table.h"
 
 namespace {
 
@@ -38,45 +39,13 @@ using namespace std::chrono_literals;
 constexpr unsigned THREADS = 4;
 constexpr std::size_t MAX_IDLE = 6;
 constexpr unsigned SAMPLES = 10;
-constexpr long MEMORY_TOLERANCE_KB = 4096;
 /// The number of the first attempt, which has as many digits as each that follows.
 constexpr unsigned FIRST = 10'000'000;
 
 // ---- The servers --------------------------------------------------------------------------------
 
-const std::string ID = "########",  // in its place, an attempt has its number
-    ANSWER = "{\"attempt\": " + ID + "}", ANSWERED = whole("200 OK", ANSWER);
-
-enum class Then { goes_on, ends, resets, stalls };
-
-/// What a server sends once it has read a request, and how it goes on.
-struct Fault {
-  std::string bytes;
-  Then then = Then::goes_on;
-};
-
-const std::vector<Fault> FAULTS{
-    {ANSWERED},
-    {whole("200 OK", ANSWER + std::string(100'000, ' '))},
-    {CHUNKED + "b\r\n{\"attempt\":\r\n8\r\n" + ID + "\r\n1\r\n}\r\n0\r\n\r\n"},
-    {whole("307 M", "", "Location: /10/" + ID + "?2\r\n")},
-    // What a kept connection may meet after its reply.
-    {ANSWERED, Then::ends},
-    {ANSWERED, Then::resets},
-    {ANSWERED + whole("200 OK", "{\"attempt\": 0}")},
-    // Error statuses and replies that are of no use.
-    {whole("503 Busy", ANSWER)},
-    {whole("401 Who", ANSWER)},
-    {whole("200 OK", "<html>a page</html>")},
-    {whole("200 OK", ANSWER + std::string(300'000, ' '))},
-    // Broken ones.
-    {"", Then::ends},
-    {"", Then::resets},
-    {OK + "Content-Le", Then::ends},
-    {TEN + "{", Then::ends},
-    {CHUNKED + "9\r\n{", Then::resets},
-    {CHUNKED + "zz\r\n{"},
-    {CHUNKED + "9\r\n{", Then::stalls}};
+const std::string ID = "########";  // in its place, an attempt has its number
+const std::vector<Row> FAULTS = table("soak", 2);
 
 std::array<std::atomic<bool>, 1 << 24> seen;  // attempts
 std::atomic<unsigned> repeated = 0;
@@ -87,22 +56,21 @@ void serve(Peer& peer) {
     const std::string path = request.substr(request.find('/')), id = path.substr(4, ID.size());
     const bool is_redirected = path[4 + ID.size()] == '?';
     if (!is_redirected && seen.at(std::stoul(id) - FIRST).exchange(true)) ++repeated;
-    auto [bytes, then] = FAULTS.at(std::stoul(path.substr(1, 2)) - 10);
+    const Row& fault = FAULTS.at(std::stoul(path.substr(1, 2)) - 10);
+    std::string bytes = fault[0], then = fault[1];
     for (std::size_t at; (at = bytes.find(ID)) != bytes.npos;) bytes.replace(at, ID.size(), id);
     peer.send(bytes);
-    if (then == Then::stalls) return peer.stall();
-    if (then == Then::resets) return peer.stall(2), peer.reset();  // what was sent comes first
-    if (then == Then::ends || request.find("\r\nConnection: close") != request.npos) return;
+    if (then == "stalls") return peer.stall();
+    if (then == "resets") return peer.stall(2), peer.reset();  // what was sent comes first
+    if (then == "ends" || request.find("\r\nConnection: close") != request.npos) return;
   }
 }
 
 // ---- The calls ----------------------------------------------------------------------------------
 
-using Random = std::mt19937_64;
-
 struct Caller {
   /// Makes one call and says how it ended: "answer", a kind, or what must not be.
-  std::string call(Random& random) {
+  std::string call(std::mt19937_64& random) {
     const auto one_in = [&](unsigned n) { return random() % n == 0; };
     int asks_until_stop = one_in(20) ? static_cast<int>(random() % 10) : -1;
     const RetryPolicy usual{.backoff_s = 1ms,
@@ -119,8 +87,12 @@ struct Caller {
     unsigned attempt = 0;
     const auto transport = [&](const Request& request, const TransportOptions& options) {
       attempt = FIRST + attempts++;
+      const auto place = random() % 100, fault = one_in(3) ? random() % FAULTS.size() : 0;
+      const FaultServer& server = place < 20 ? tls : plain;
+      const std::string origin = place == 20 ? "http://127.0.0.1:1" : server.url("");
+      const std::string path = "/" + std::to_string(10 + fault) + "/" + std::to_string(attempt);
       const RequestFields fields{request.data, request.headers, request.method};
-      return inner(Request(url(random, attempt), fields), options);
+      return inner(Request(origin + path, fields), options);
     };
     const Json body{{"question", std::string(one_in(200) ? 70'000 : 40, 'q')}};
     try {
@@ -130,15 +102,6 @@ struct Caller {
     } catch (const std::exception& error) {
       return ErrorRef(error).type_name();
     }
-  }
-
-  std::string url(Random& random, unsigned attempt) const {
-    const auto place = random() % 100;
-    const std::string origin = place < 20    ? tls.url("")
-                               : place == 20 ? "http://127.0.0.1:1"
-                                             : plain.url("");
-    const auto fault = random() % 3 == 0 ? random() % FAULTS.size() : 0;
-    return origin + "/" + std::to_string(10 + fault) + "/" + std::to_string(attempt);
   }
 
   const FaultServer &plain, &tls;
@@ -163,11 +126,6 @@ Sample sample() {
   return now;
 }
 
-bool check(bool holds, const std::string& what) {
-  std::cout << (holds ? "ok      " : "FAILED  ") << what << "\n";
-  return holds;
-}
-
 /// Makes the calls, from all threads, and returns how they ended. Takes a sample after each part.
 std::map<std::string, unsigned> make_calls(Caller& caller, unsigned calls, unsigned seed,
                                            std::vector<Sample>& samples) {
@@ -178,7 +136,7 @@ std::map<std::string, unsigned> make_calls(Caller& caller, unsigned calls, unsig
     for (unsigned thread = 0; thread < THREADS; ++thread) {
       threads.emplace_back([&, thread, part] {
         std::seed_seq seeds{seed, part, thread};
-        Random random(seeds);
+        std::mt19937_64 random(seeds);
         for (unsigned i = thread; i < calls / SAMPLES; i += THREADS) {
           const std::string end = caller.call(random);
           const std::lock_guard lock(mutex);
@@ -195,7 +153,8 @@ std::map<std::string, unsigned> make_calls(Caller& caller, unsigned calls, unsig
   return ends;
 }
 
-bool soak(unsigned calls, unsigned seed) {
+/// The checks: whether each holds, and what it says.
+std::vector<std::pair<bool, const char*>> soak(unsigned calls, unsigned seed) {
   const CertificateAuthority authority;
   const Identity identity = authority.issue("localhost");
   setenv("SSL_CERT_FILE", authority.file().c_str(), 1);
@@ -218,26 +177,33 @@ bool soak(unsigned calls, unsigned seed) {
                               ends["HttpFailure"];
   // An idle connection has a socket at either end, and two descriptors of its multi handle. There
   // are two pools and two servers.
-  bool is_bounded = after.descriptors == before.descriptors && after.threads == before.threads;
-  for (const Sample& one : samples) {
-    is_bounded &= one.descriptors <= before.descriptors + 2 * 4 * static_cast<long>(MAX_IDLE) + 2;
-  }
-  bool all = check(ended_well == calls / SAMPLES * SAMPLES, "each call ended as a call may end");
-  all &= check(ends["answer"] > ended_well / 2, "most calls were answered");
-  all &= check(repeated == 0, "no attempt came to a server twice");
-  all &= check(is_bounded, "descriptors and threads: no more than idle connections need");
+  const long bound = before.descriptors + 2 * 4 * static_cast<long>(MAX_IDLE) + 2;
+  const long most = std::ranges::max(samples, {}, &Sample::descriptors).descriptors;
+  std::vector<std::pair<bool, const char*>> checks{
+      {ended_well == calls / SAMPLES * SAMPLES, "each call ended as a call may end"},
+      {ends["answer"] > ended_well / 2, "most calls were answered"},
+      {repeated == 0, "no attempt came to a server twice"},
+      {most <= bound, "descriptors: no more than idle connections need"},
+      {after.descriptors == before.descriptors, "descriptors: as many at the end as before"},
+      {after.threads == before.threads, "threads: as many at the end as before"}};
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-  all &= check(samples.back().memory_kb <= samples.front().memory_kb + MEMORY_TOLERANCE_KB,
-               "memory: less than 4 MB were added after the first tenth");
+  const long added_kb = samples.back().memory_kb - samples.front().memory_kb;
+  checks.emplace_back(added_kb <= 4096,
+                      "memory: no more than 4 MB were added after the first tenth");
 #endif
-  return all;
+  return checks;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::vector<std::string> given(argv + 1, argv + argc);
-  const auto number = [&](std::size_t i) { return static_cast<unsigned>(std::stoul(given[i])); };
-  const unsigned calls = given.empty() ? 100'000 : number(0);
-  return soak(calls, given.size() > 1 ? number(1) : std::random_device{}()) ? 0 : 1;
+  const auto given = [&](int i, unsigned otherwise) {
+    return argc > i ? static_cast<unsigned>(std::stoul(argv[i])) : otherwise;
+  };
+  bool all = true;
+  for (const auto& [holds, what] : soak(given(1, 100'000), given(2, std::random_device{}()))) {
+    std::cout << (holds ? "ok      " : "FAILED  ") << what << "\n";
+    all &= holds;
+  }
+  return all ? 0 : 1;
 }

@@ -14,14 +14,7 @@ inline std::string whole(const std::string& status, const std::string& body,
 }
 
 // Replies that are to be continued.
-inline const std::string OK = "HTTP/1.1 200 OK\r\n",
-                         LENGTH = OK + "Content-Length: ", TEN = LENGTH + "10\r\n\r\n",
+inline const std::string OK = "HTTP/1.1 200 OK\r\n", TEN = OK + "Content-Length: 10\r\n\r\n",
                          CHUNKED = OK + "Transfer-Encoding: chunked\r\n\r\n";
-
-inline std::string times(int count, const std::string& text) {
-  std::string all;
-  while (count-- > 0) all += text;
-  return all;
-}
 
 }  // namespace engines::http::test

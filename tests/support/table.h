@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Test cases in text files, tests/tables: a case in each line, its columns separated by " | ".
 // Lines that are empty or begin with "#" are skipped. In a column \n, \r, \t, \\, \| and \xNN are
-// the byte, and
-// \{N:text} is N times the text.
+// the byte, and \{N:text} is N times the text.
 #pragma once
 
 #include <algorithm>
