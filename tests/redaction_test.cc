@@ -23,7 +23,7 @@ TEST(Secrets, AreTheCredentialsInHeadersAndUrls) {
   for (const test::Row& row : test::table("credentials", 3)) {
     const Headers headers(test::headers(row[1]));
     EXPECT_EQ(items(row[0] == "url"    ? secrets_of_url(row[1])
-                    : row[0] == "call" ? _secrets_of_call({"mine"}, headers, "http://h")
+                    : row[0] == "call" ? detail::secrets_of_call({"mine"}, headers, "http://h")
                                        : secrets_of(headers)),
               row[2])
         << row[1];

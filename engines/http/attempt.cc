@@ -66,7 +66,7 @@ void detail::send(std::string_view url, const AttemptFields& fields, const Use& 
   std::optional<std::string> data = fields.body.data();
   Headers headers =
       data ? with_content_type(fields.headers, fields.body.content_type()) : fields.headers;
-  const Secrets hidden = _secrets_of_call(fields.secrets, headers, url);
+  const Secrets hidden = detail::secrets_of_call(fields.secrets, headers, url);
   const Request request(
       std::string(url),
       {.data = std::move(data), .headers = std::move(headers), .method = fields.method});

@@ -227,7 +227,8 @@ Secrets secrets_of_url(std::string_view url) {
           detail::base64(user + ":" + percent_decoded(password))};
 }
 
-Secrets _secrets_of_call(const Secrets& given, const Headers& headers, std::string_view url) {
+Secrets detail::secrets_of_call(const Secrets& given, const Headers& headers,
+                                std::string_view url) {
   return given.followed_by(secrets_of(headers))
       .followed_by(by_name(headers))
       .followed_by(secrets_of_url(url));

@@ -119,11 +119,15 @@ ENGINES_HTTP_EXPORT Secrets secrets_of(const Headers& headers);
 /// section 2).
 ENGINES_HTTP_EXPORT Secrets secrets_of_url(std::string_view url);
 
+namespace detail {
+
 /// The secrets of a call, in this order: the caller's; `secrets_of` its headers; of each header
 /// whose name contains a word such as "key" or "token", the trimmed value, what follows its first
 /// word, and each cookie's value; `secrets_of_url` its URL.
-ENGINES_HTTP_EXPORT Secrets _secrets_of_call(const Secrets& given, const Headers& headers,
-                                             std::string_view url);
+ENGINES_HTTP_EXPORT Secrets secrets_of_call(const Secrets& given, const Headers& headers,
+                                            std::string_view url);
+
+}  // namespace detail
 
 /// Replaces by `REDACTED`: each secret of at least eight characters, the start of one (of at least
 /// eight characters) at the end of the text, and credentials that a server echoed back.

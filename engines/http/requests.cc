@@ -23,7 +23,7 @@ Json request_json(std::string_view method, std::string_view url, const Body& bod
 Json _request_json(std::string_view method, std::string_view url, const Body& body,
                    const RetryPolicy& policy, std::string_view label, const Headers& headers,
                    const Secrets& secrets, const Transport& transport, const Inspect& inspect) {
-  const Secrets hidden = _secrets_of_call(secrets, headers, url);
+  const Secrets hidden = detail::secrets_of_call(secrets, headers, url);
   const std::string verb(method);
   const auto attempt = [&](double timeout) {
     return detail::send_for<Json>(
