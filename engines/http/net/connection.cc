@@ -253,10 +253,14 @@ void Connection::on_tls_message(int, int, int, const void*, std::size_t, ssl_st*
 std::size_t Connection::on_proxy_line(char* text, std::size_t, std::size_t size,
                                       void* self) noexcept {
   auto& connection = *static_cast<Connection*>(self);
-  const std::string_view line(text, size);
-  if (line.starts_with("HTTP/") && line.size() > 12 && line[9] != '1' && line[9] != '2') {
-    connection.failure_ = std::make_exception_ptr(URLError(OSError(
-        "cannot connect: the proxy refused the tunnel, status " + std::string(line.substr(9, 3)))));
+  try {
+    const std::string_view line(text, size);
+    if (line.starts_with("HTTP/") && line.size() > 12 && line[9] != '1' && line[9] != '2') {
+      throw URLError(OSError("cannot connect: the proxy refused the tunnel, status " +
+                             std::string(line.substr(9, 3))));
+    }
+  } catch (...) {
+    connection.failure_ = std::current_exception();
   }
   return connection.is_over() ? 0 : size;
 }
