@@ -26,7 +26,7 @@ namespace engines::http {
 /// - More than 1,000 nested arrays and objects are not JSON.
 ///
 /// For any text, the memory used is proportional to its size, and so is the time, but for a factor
-/// of log n where an object has n members. The stack grows with the depth, to less than 1 MB.
+/// of log n where an object has n members. The stack grows with the depth, to less than 0.5 MB.
 ENGINES_HTTP_EXPORT std::optional<Json> decode_json(std::string_view text);
 
 }  // namespace engines::http

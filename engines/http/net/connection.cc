@@ -74,11 +74,12 @@ std::string trust_variable(const char* name, char separator = '\0') {
 /// Whether the directory has certificates where OpenSSL looks: by the hash of their subject.
 bool is_hashed(const std::string& directory) {
   std::error_code error;
-  const std::filesystem::directory_iterator entries(directory, error);
-  return std::any_of(begin(entries), end(entries), [](const auto& entry) {
-    const std::string name = entry.path().filename().string();
-    return name.size() == 10 && name.ends_with(".0");
-  });
+  std::filesystem::directory_iterator entry(directory, error);
+  for (; !error && entry != end(entry); entry.increment(error)) {
+    const std::string name = entry->path().filename().string();
+    if (name.size() == 10 && name.ends_with(".0")) return true;
+  }
+  return false;
 }
 
 /// The file and the directory of the trusted certificates; both empty: libcurl's own default.
