@@ -15,10 +15,6 @@ class EmptyBody final : public Response {
   void do_close() override {}
 };
 
-std::shared_ptr<const std::string> shared(std::string text) {
-  return std::make_shared<const std::string>(std::move(text));
-}
-
 Headers one_value_each(const Headers& given) {
   Headers headers;
   for (const auto& [name, value] : given) headers.set(name, value);
@@ -127,13 +123,10 @@ bool Response::fetch(std::string& line) {
 
 // ---- Transport errors ---------------------------------------------------------------------------
 
-OSError::OSError(std::string text) : text_(shared(std::move(text))) {}
-OSError::~OSError() = default;
-const char* OSError::what() const noexcept { return text_->c_str(); }
-
-HTTPException::HTTPException(std::string text) : text_(shared(std::move(text))) {}
-HTTPException::~HTTPException() = default;
-const char* HTTPException::what() const noexcept { return text_->c_str(); }
+detail::TransportError::TransportError(std::string text)
+    : text_(std::make_shared<const std::string>(std::move(text))) {}
+detail::TransportError::~TransportError() = default;
+const char* detail::TransportError::what() const noexcept { return text_->c_str(); }
 
 URLError::URLError(std::string text) : OSError(std::move(text)) {}
 

@@ -249,23 +249,35 @@ using Transport =
 //   └─ BadStatusLine       no status line could be read
 //      └─ DroppedConnection   dropped before a reply began; also a ConnectionError
 //
-// The families inherit std::exception virtually, so that a handler of std::exception also catches
-// the kind that belongs to both. A kind of your own derives from one kind of each family at most.
+// Both inherit std::exception virtually, so that a handler of std::exception also catches the kind
+// that belongs to both. A kind of your own derives from one kind of each family at most.
 // Texts are the transport's own and unredacted.
 
-/// What the operating system or the network stack reports.
-class ENGINES_HTTP_EXPORT OSError : public virtual std::exception {
+namespace detail {
+
+/// What both families are: a text, which copies share.
+class ENGINES_HTTP_EXPORT TransportError : public virtual std::exception {
  public:
-  /// `text` is what `what()` returns.
-  explicit OSError(std::string text);
-  OSError(const OSError&) noexcept = default;
-  OSError& operator=(const OSError&) noexcept = default;
-  ~OSError() override;
   /// The transport's own text, unredacted.
   const char* what() const noexcept override;
 
+ protected:
+  explicit TransportError(std::string text);
+  TransportError(const TransportError&) noexcept = default;
+  TransportError& operator=(const TransportError&) noexcept = default;
+  ~TransportError() override;
+
  private:
   std::shared_ptr<const std::string> text_;
+};
+
+}  // namespace detail
+
+/// What the operating system or the network stack reports.
+class ENGINES_HTTP_EXPORT OSError : public detail::TransportError {
+ public:
+  /// `text` is what `what()` returns.
+  explicit OSError(std::string text) : TransportError(std::move(text)) {}
 };
 
 /// A socket operation waited longer than the timeout.
@@ -338,18 +350,10 @@ class ENGINES_HTTP_EXPORT HTTPError : public URLError, public Response {
 };
 
 /// The reply broke the HTTP protocol.
-class ENGINES_HTTP_EXPORT HTTPException : public virtual std::exception {
+class ENGINES_HTTP_EXPORT HTTPException : public detail::TransportError {
  public:
   /// `text` is what `what()` returns.
-  explicit HTTPException(std::string text);
-  HTTPException(const HTTPException&) noexcept = default;
-  HTTPException& operator=(const HTTPException&) noexcept = default;
-  ~HTTPException() override;
-  /// The transport's own text, unredacted.
-  const char* what() const noexcept override;
-
- private:
-  std::shared_ptr<const std::string> text_;
+  explicit HTTPException(std::string text) : TransportError(std::move(text)) {}
 };
 
 /// The body ended before its announced length.
