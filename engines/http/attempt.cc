@@ -11,8 +11,8 @@
 namespace engines::http {
 namespace {
 
-/// The headers of a request with a body. Content-Type comes first, with the caller's value where
-/// the caller spells the name the same; names that differ in case are left to `Request`.
+/// The headers of a request with a body. Its content type comes first; a caller's "Content-Type"
+/// replaces its value. One in other letter case is appended: `Request` keeps the later of the two.
 Headers with_content_type(const Headers& given, std::string content_type) {
   constexpr std::string_view CONTENT_TYPE = "Content-Type";
   Headers headers;
@@ -27,7 +27,7 @@ Headers with_content_type(const Headers& given, std::string content_type) {
 }
 
 /// The transport's options. `time_left` is set only where the policy's clock is the default one: a
-/// caller's clock is not read here.
+/// caller's may not run in real time.
 TransportOptions transport_options(double timeout, const RetryPolicy& policy) {
   TransportOptions options{.timeout = timeout, .should_stop = policy.should_stop};
   const auto* const clock = policy.clock.target<double (*)()>();
@@ -75,7 +75,7 @@ void detail::send(std::string_view url, const AttemptFields& fields, const Use& 
   const ReplyOrFailure outcome =
       _reply_or_failure(fields.transport ? fields.transport : standard, request, fields.timeout,
                         fields.policy, hidden, fields.inspect);
-  // Thrown here, where no error of the transport is being handled: none travels with it.
+  // Thrown after the handler of the transport's error has ended.
   if (const FailurePtr* const failure = std::get_if<FailurePtr>(&outcome)) failure->raise();
 
   const FailurePtr failure =

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// One attempt: encodes the request, sends it through a transport, hands the open reply to the
+// One attempt: builds the request, sends it through a transport, hands the open reply to the
 // caller's reader and closes it. It never tries again; what it throws goes to the retry loop.
 //
 //   Json answer = send<Json>(url, {.policy = policy,
@@ -30,7 +30,8 @@
 namespace engines::http {
 
 /// Called with each open reply, error replies included, before its body is read; may use `status()`
-/// and `headers()`. What it throws ends the call unchanged.
+/// and `headers()`. What it throws passes through `send` unchanged; `retry` repeats
+/// a `Retryable`.
 using Inspect = std::function<void(const Response& reply)>;
 
 namespace detail {
@@ -68,7 +69,7 @@ template <class Result>
 class ENGINES_HTTP_EXPORT Reader
     : public std::function<Result(Response&, const RetryPolicy&, const Secrets& hidden)> {
  public:
-  /// Calls this function, which is copied.
+  /// Calls this function, taken by value.
   template <class Read>
   requires(!std::same_as<Read, Reader> &&
            (detail::Reads<Read, Result, RetryPolicy, Secrets> ||
@@ -92,7 +93,8 @@ class ENGINES_HTTP_EXPORT Reader
 /// they hold and may be kept and copied.
 template <class Result>
 struct ENGINES_HTTP_EXPORT SendOptions {
-  /// How a failure is judged. Must be given.
+  /// Judges failures and bounds the exchange; its attempts, backoff, timeout and wait are for
+  /// `retry`. Must be given.
   RetryPolicy policy = detail::missing<RetryPolicy, Result>();
   /// Socket timeout of the attempt, in seconds.
   required<Seconds> timeout;
@@ -101,9 +103,9 @@ struct ENGINES_HTTP_EXPORT SendOptions {
   required<Reader<Result>> read;
   /// Sent as it is given.
   std::string method = "POST";
-  /// Sent as JSON; a null body is no body.
+  /// See `Body`; none by default.
   Body body = {};
-  /// Sent with the request. A body adds "Content-Type: application/json" unless it is among them.
+  /// Sent with the request. A body adds its content type unless a Content-Type is among them.
   Headers headers = {};
   /// Removed from every message, together with those that the headers and the URL carry.
   Secrets secrets = {};
@@ -155,7 +157,7 @@ Result send_for(std::string_view url, const AttemptFields& fields, const Read& r
 /// Makes one attempt and returns what the reader returns. Throws the failure that the transport's
 /// or the reader's network error or error status becomes under the policy (see `classify`). What
 /// the reader or the transport throws beyond that passes through unchanged, as does the
-/// `ValueError` for a body that cannot be encoded. The reply is closed in every case; a failing
+/// `ValueError` for a request that cannot be sent. The reply is closed in every case; a failing
 /// close replaces the outcome.
 template <class Result>
 Result send(std::string_view url, const SendOptions<Result>& options) {
@@ -172,7 +174,7 @@ Result send(std::string_view url, const SendOptions<Result>& options) {
 using ReplyOrFailure = std::variant<std::shared_ptr<Response>, FailurePtr>;
 
 /// Calls the transport. An `HTTPError` whose code is among the policy's `error_replies` is the
-/// reply itself; any other network or protocol error is returned classified, never thrown.
+/// reply itself; any other network or protocol error of the transport is returned classified.
 /// `inspect` is called with the error replies that are classified.
 ENGINES_HTTP_EXPORT ReplyOrFailure _reply_or_failure(const Transport& transport,
                                                      const Request& request, double timeout,

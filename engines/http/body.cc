@@ -30,7 +30,8 @@ void append_form_text(std::string& out, std::string_view text) {
 Body::Body(Content content) : content_(std::make_shared<const Content>(std::move(content))) {}
 
 Body Body::of_json(std::string json) {
-  return json == "null" ? Body() : Body(Content{std::move(json), "application/json", true});
+  if (json == "null") return {};
+  return Body(Content{std::move(json), "application/json", true});
 }
 
 std::optional<std::string> Body::data() const {

@@ -80,12 +80,12 @@ FailurePtr classify(const ErrorRef& error, const RetryPolicy& policy, const Secr
   return HttpFailure(message, {.detail = text});
 }
 
-FailurePtr _status_failure(StatusCode status, std::string_view body, std::string_view kind,
+FailurePtr _status_failure(StatusCode status, std::string_view body, std::string_view content_type,
                            const RetryPolicy& policy, const Secrets& secrets) {
   const FailureFields fields{.status = status,
                              .detail = excerpt(body, secrets, policy.detail_chars)};
   std::string message = "HTTP " + std::to_string(status);
-  const std::string reason = detail::refusal_of(policy, body, kind);
+  const std::string reason = detail::refusal_of(policy, body, content_type);
   if (!reason.empty() || policy.refusal_statuses.contains(status)) {
     if (!reason.empty()) message += ", " + reason;
     return Refused(message, fields);

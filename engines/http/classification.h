@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Classifies an error, of this library or of another: the HTTP status it carries, whether another
-// attempt may succeed, and the failure kind that it becomes under a policy. The functions keep no
-// state, and any thread may call them at any time.
+// Classifies an error of a transport or of another library: the HTTP status it carries, whether
+// another attempt may succeed, and the failure kind that it becomes under a policy. The functions
+// keep no state, and any thread may call them at any time.
 //
 //   FailurePtr failure;
 //   try {
@@ -9,7 +9,7 @@
 //   } catch (const ServiceError& error) {
 //     failure = classify(error, policy, secrets);
 //   }
-//   failure.raise();  // outside the handler, so that nothing of the error travels with it
+//   failure.raise();  // outside the handler: the service's error is gone
 #pragma once
 
 #include <array>
@@ -78,7 +78,7 @@ class ENGINES_HTTP_EXPORT ErrorRef {
 
   /// The error's own text.
   std::string text() const { return message_(object_); }
-  /// The plain name of the error's own, most-derived type, as it is declared.
+  /// The name of the error's dynamic type, without namespaces and template arguments.
   std::string type_name() const;
   /// Its `status_code`, when that is an integer.
   std::optional<StatusCode> status_code() const;
@@ -136,7 +136,8 @@ ENGINES_HTTP_EXPORT std::string content_type(const ErrorRef& reply);
 
 /// What an error becomes under a policy: `Refused`, `Retryable` or a plain `HttpFailure`, built of
 /// text without the secrets. An `HTTPError`'s body is read (its first 4096 bytes, at most) and
-/// closed. Throws nothing of its own; what the policy's `refusal_reason` throws passes through.
+/// closed; one that cannot be read counts as empty. What closing it, the error's own functions or
+/// the policy's `refusal_reason` throw passes through.
 ENGINES_HTTP_EXPORT FailurePtr classify(const ErrorRef& error, const RetryPolicy& policy,
                                         const Secrets& secrets = {});
 
@@ -147,8 +148,8 @@ ENGINES_HTTP_EXPORT std::optional<std::string> html_page(std::string_view body,
 
 /// The failure for a status, a body's text and its content type.
 ENGINES_HTTP_EXPORT FailurePtr _status_failure(StatusCode status, std::string_view body,
-                                               std::string_view kind, const RetryPolicy& policy,
-                                               const Secrets& secrets);
+                                               std::string_view content_type,
+                                               const RetryPolicy& policy, const Secrets& secrets);
 
 /// The start of an error reply's body, from one read; empty when it cannot be read. Closes the
 /// body.

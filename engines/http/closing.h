@@ -5,8 +5,8 @@
 
 namespace engines::http::detail {
 
-/// Returns `use(reply)` and closes the reply in every case. What the close throws replaces the
-/// outcome of `use`.
+/// Returns `use(reply)`, a value, and closes the reply in every case. What the close throws
+/// replaces the outcome of `use`.
 template <class Use>
 auto closing(Response& reply, const Use& use) {
   auto outcome = [&] {

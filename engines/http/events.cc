@@ -42,7 +42,7 @@ bool Lines::fetch(std::string& line) {
     const auto end = std::find_if(begin, ahead_.end(), [this](char c) { return ends_line(c); });
     searched += static_cast<std::size_t>(end - begin);
     if (searched < ahead_.size()) break;
-    searched -= ahead_begin_;  // where it is once the bytes before it are gone
+    searched -= ahead_begin_;  // relative to `ahead_begin_`, which becomes 0
     if (!read_more()) {        // the body has ended: what is left is the last line
       line = std::exchange(ahead_, {});
       return !line.empty();

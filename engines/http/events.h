@@ -18,8 +18,8 @@
 // and let a failure of the reply's own reads through.
 //
 // The reply must outlive the range; the policy is copied. A loop may be left at any time; then the
-// rest of the reply is not to be read, for bytes of it may have been read ahead. One reply and its
-// ranges are for one thread at a time.
+// rest of the reply is read only through the same range, which may have read ahead. One reply and
+// its ranges are for one thread at a time.
 #pragma once
 
 #include <cstddef>
@@ -68,8 +68,8 @@ class ENGINES_HTTP_EXPORT Lines : public std::ranges::view_base {
   bool after_cr_ = false;       // a line feed that comes next belongs to the end of the last line
 };
 
-/// The lines of the reply, as the bytes that they are, without their ends: LF or CR LF. The last
-/// one counts although it has no end, unless it is empty.
+/// The lines of the reply as raw bytes, without their ends (LF or CR LF). A last line without an
+/// end is included unless it is empty.
 ENGINES_HTTP_EXPORT Lines lines(Response& reply, const RetryPolicy& policy);
 
 /// A server-sent event. Its texts are UTF-8; what is not UTF-8 in the stream is U+FFFD in them.

@@ -49,7 +49,7 @@ class ENGINES_HTTP_EXPORT HttpFailure : public std::exception {
  public:
   /// Every text is taken as it is: redact it first.
   explicit HttpFailure(std::string message, FailureFields fields = {});
-  // Copy only: a failure that was moved from or assigned to would lose its text.
+  // Copy construction only: one that was moved from would have no text, and none ever changes.
   HttpFailure(const HttpFailure&) noexcept = default;
   HttpFailure& operator=(const HttpFailure&) = delete;
   ~HttpFailure() override;
@@ -68,8 +68,8 @@ class ENGINES_HTTP_EXPORT HttpFailure : public std::exception {
   ///
   ///   std::exception_ptr copy() const override { return std::make_exception_ptr(*this); }
   ///
-  /// Without the override, a `FailurePtr` accepts it only by its own type or while it is being
-  /// handled.
+  /// Without the override, a `FailurePtr` is made from it only by a reference of its own type, or
+  /// while it is being handled.
   virtual std::exception_ptr copy() const;
 
  private:
@@ -103,8 +103,8 @@ class ENGINES_HTTP_EXPORT BadReply : public HttpFailure {
 ///
 ///   catch (const Retryable& failure) { last = failure; }
 ///
-/// Taken through a base, a failure that is being handled is kept itself; any other is copied with
-/// `HttpFailure::copy`. Throws `std::logic_error` instead of slicing.
+/// From a reference to a base class it keeps the exception itself while that is being handled, else
+/// a copy made by `HttpFailure::copy`. Throws `std::logic_error` where that copy would slice.
 class ENGINES_HTTP_EXPORT FailurePtr {
  public:
   FailurePtr() noexcept = default;
@@ -118,7 +118,8 @@ class ENGINES_HTTP_EXPORT FailurePtr {
   template <std::derived_from<HttpFailure> Kind>
   FailurePtr(const Kind& failure) : held_(detail::hold<HttpFailure>(failure)) {}
 
-  /// The failure, which lives as long as a FailurePtr holds it; null when empty.
+  /// The failure, which lives as long as a FailurePtr holds it. `get` returns null when empty; `*`
+  /// and `->` require a failure.
   /// @{
   const HttpFailure* get() const noexcept { return held_ ? held_->error : nullptr; }
   const HttpFailure& operator*() const noexcept { return *held_->error; }
@@ -136,7 +137,8 @@ class ENGINES_HTTP_EXPORT FailurePtr {
 
 /// What a failure that ends a call may carry.
 struct ENGINES_HTTP_EXPORT EndedFields {
-  /// The failure of the call's last attempt; none when there was none.
+  /// The failure of the last failed attempt; none when no attempt had failed, or when the call
+  /// ended within an attempt.
   FailurePtr last = nullptr;
 };
 
@@ -150,13 +152,14 @@ struct ENGINES_HTTP_EXPORT ExhaustedFields {
 
 namespace detail {
 
-/// The call ended without an answer. A base only: catch it, never throw it. Its status and detail
-/// are those of `last()`.
+/// The call ended without an answer: the base of the three kinds below. Its status and detail are
+/// those of `last()`.
 class ENGINES_HTTP_EXPORT Ended : public HttpFailure {
  public:
   explicit Ended(std::string message, EndedFields fields = {});
 
-  /// The failure of the call's last attempt; empty when there was none.
+  /// The failure of the last failed attempt; empty when no attempt had failed, or when the call
+  /// ended within an attempt.
   const FailurePtr& last() const noexcept { return last_; }
 
  private:
@@ -165,8 +168,8 @@ class ENGINES_HTTP_EXPORT Ended : public HttpFailure {
 
 }  // namespace detail
 
-/// The policy's deadline passed: before an attempt or a backoff, while the reply was read, or by
-/// the time the last attempt had failed.
+/// The policy's deadline passed before an attempt, while the reply was read, or by the time the
+/// last attempt had failed; or the next backoff would reach it.
 class ENGINES_HTTP_EXPORT DeadlineExceeded : public detail::Ended {
  public:
   using Ended::Ended;

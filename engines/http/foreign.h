@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What can be read from an object of a type that the library has never seen: its text, an integer
+// What can be read from an object of a type that the library does not know: its text, an integer
 // `status_code`, a value among its `headers`. A const member or accessor will do, and what it holds
 // may be a pointer or an optional: an empty one means none.
 #pragma once
@@ -50,7 +50,7 @@ std::optional<StatusCode> status_code_of(const E& error) {
   return std::nullopt;
 }
 
-/// What a lookup finds; empty where there is none that can be called.
+/// What `headers.get(name)` returns, as text; empty where there is no such call.
 template <class H>
 std::string header_of(const H& headers, const char* name) {
   if constexpr (Handle<H>) {

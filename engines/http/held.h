@@ -33,8 +33,8 @@ std::exception_ptr handling(const E& error) noexcept {
   }
 }
 
-/// The error itself when it is named through a base and is being handled, else a copy: by its
-/// `copy()` where it has one and is named through a base.
+/// For a reference to a base class: the exception itself while it is being handled, else what its
+/// `copy()` returns. Otherwise a copy.
 template <class E>
 std::exception_ptr to_hold(const E& error) {
   if (typeid(error) != typeid(E)) {
@@ -61,8 +61,9 @@ std::shared_ptr<const Held<Base>> hold(const E& error) {
     }
   }
   throw std::logic_error(
-      "an error that is named through a base can be kept only in its handler; "
-      "name it by its own type, or override HttpFailure::copy in it");
+      "an error passed as a reference to its base class can be kept only while it is being "
+      "handled; "
+      "pass it by its own type, or override HttpFailure::copy in it");
 }
 
 }  // namespace engines::http::detail

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Everything but the test kit (testing.h), in reading order.
+// Every public header but testing.h (the test kit) and version.h, in reading order.
 //
 // Where its comment does not say otherwise, a type is as thread-safe as a standard container:
 // several threads may read one object at once.

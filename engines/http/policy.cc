@@ -47,7 +47,7 @@ void sleep_for(double seconds) {
 bool WaitUnlessStopped::operator()(Seconds seconds, const StopSignal& should_stop,
                                    const WaitOptions& options) const {
   const auto is_stopped = [&should_stop] { return should_stop && should_stop(); };
-  // Counts down by what was slept, never by a clock: the wait sleeps `seconds` in all.
+  // Subtracts each step that was asked for; reads no clock.
   for (double left = seconds; left > 0;) {
     if (is_stopped()) return true;
     const double step = std::min<double>(options.poll_s, left);

@@ -91,9 +91,9 @@ using Clock = std::function<double()>;
 /// Waits `seconds`; returns true when it ended early because `should_stop` returned true.
 using Wait = std::function<bool(double seconds, const StopSignal& should_stop)>;
 
-/// Recognises a body that is a refusal whatever its status, and returns what it is ("an HTML
-/// page"); none for any other body. Takes the body's text and its content type, which is empty for
-/// a reply that is read as the answer.
+/// Recognises a refusal by its body, whatever its status: returns what the body is ("an HTML
+/// page"), and none or an empty text for any other. Takes the body's text and its content type;
+/// `read_json` passes an empty content type.
 using RefusalReason =
     std::function<std::optional<std::string>(std::string_view body, std::string_view content_type)>;
 
@@ -137,7 +137,7 @@ struct ENGINES_HTTP_EXPORT WaitOptions {
 
 namespace detail {
 
-/// An object, so that it is a `Wait` and takes options, too.
+/// A function object, so that it converts to `Wait` and also takes options.
 struct ENGINES_HTTP_EXPORT WaitUnlessStopped {
   bool operator()(Seconds seconds, const StopSignal& should_stop,
                   const WaitOptions& options = {}) const;
@@ -147,7 +147,7 @@ struct ENGINES_HTTP_EXPORT WaitUnlessStopped {
 
 /// wait_unless_stopped(seconds, should_stop, {.sleep, .poll_s}): sleeps `seconds` in all, in steps
 /// of at most `poll_s`, and calls `should_stop` before each step and once at the end. Returns true
-/// as soon as that does; an empty one never does. What `should_stop` or `sleep` throws passes
+/// as soon as that does; an empty one counts as false. What `should_stop` or `sleep` throws passes
 /// through.
 ENGINES_HTTP_EXPORT inline constexpr detail::WaitUnlessStopped wait_unless_stopped;
 
@@ -185,8 +185,8 @@ class ENGINES_HTTP_EXPORT Bound {
 struct ENGINES_HTTP_EXPORT Keep {};
 inline constexpr Keep keep;
 
-/// A field of `PolicyChanges`: a new value, or `keep`. It has no default constructor, so that a
-/// `{}` is never mistaken for either.
+/// A field of `PolicyChanges`: a new value, or `keep`. It has no default constructor: for
+/// a status set `{}` is the empty set, for any other field it does not compile.
 template <class T>
 class ENGINES_HTTP_EXPORT Change {
  public:
@@ -229,7 +229,7 @@ struct ENGINES_HTTP_EXPORT RetryPolicy {
   const StatusSet refusal_statuses = {};
   /// Recognises a refusal by its body, whatever its status; see `html_page`.
   const RefusalReason refusal_reason = nullptr;
-  /// Error statuses whose JSON body is the reply.
+  /// Error statuses whose reply is read as the answer, before the other two sets are asked.
   const StatusSet error_replies = {};
   /// When the call ends: an instant on `clock`, not a duration. It covers every attempt, every
   /// backoff and the reading of the reply. None: the call ends when its attempts end.
@@ -237,7 +237,8 @@ struct ENGINES_HTTP_EXPORT RetryPolicy {
   /// Monotonic seconds, for the deadline.
   const detail::OrDefault<Clock, monotonic> clock = {};
   /// True once the call should end. Called before every attempt, every backoff and every read of
-  /// `lines` and `events`, and while the library's transports and the default wait wait.
+  /// `lines` and `events`, and, while they wait, by the library's transports and the default
+  /// `wait`.
   const detail::OrDefault<StopSignal, _never> should_stop = {};
   /// Waits out a backoff.
   const detail::OrDefault<Wait, wait_unless_stopped> wait = {};
@@ -252,8 +253,8 @@ struct ENGINES_HTTP_EXPORT RetryPolicy {
   /// A copy with the given fields replaced, checked like any new policy.
   RetryPolicy with(const PolicyChanges& changes) const;
 
-  /// A copy whose deadline is `span` from now on `clock`, or its own where that comes first: a
-  /// bound never gives a call more time than another has left it.
+  /// A copy whose deadline is `span` from now on `clock`, or this policy's deadline where that is
+  /// earlier.
   RetryPolicy within(Seconds span) const;
 
   /// Whether the deadline has come. Without one, reads no clock.

@@ -20,12 +20,12 @@
 namespace engines::http {
 namespace {
 
-/// Beyond the longest secret, how much further an excerpt redacts than it quotes.
+/// An excerpt redacts so many characters more than it quotes, and the length of the longest secret.
 constexpr std::size_t EXCERPT_MARGIN_CHARS = 64;
 
-/// A header whose name contains one of these, in whatever case, holds a credential: `api-key`,
-/// `X-Auth-Token`, `Ocp-Apim-Subscription-Key`, `Cookie`. A false positive only removes a few words
-/// from a quote.
+/// A header whose name contains one of these, in whatever case, is taken for a credential:
+/// `api-key`, `X-Auth-Token`, `Ocp-Apim-Subscription-Key`, `Cookie`. A false positive only removes
+/// a few words from a quote.
 constexpr std::array<std::string_view, 9> CREDENTIAL_WORDS = {
     "auth", "cookie", "credential", "key", "pass", "secret", "session", "signature", "token"};
 
@@ -39,7 +39,7 @@ std::string with_unicode_white_space(std::string pattern) {
   return pattern;
 }
 
-/// One compiled expression, shared by all threads. Null when the engine refused it.
+/// One compiled expression, shared by all threads. `code_` is null when PCRE2 could not compile it.
 class Echo {
  public:
   explicit Echo(std::string_view pattern) {
@@ -48,14 +48,15 @@ class Echo {
     PCRE2_SIZE offset = 0;
     code_.reset(pcre2_compile(reinterpret_cast<PCRE2_SPTR>(spelled.data()), spelled.size(),
                               PCRE2_UTF | PCRE2_UCP, &error, &offset, nullptr));
-    if (error == PCRE2_ERROR_HEAP_FAILED) throw std::bad_alloc();   // the next call tries again
-    if (code_) pcre2_jit_compile(code_.get(), PCRE2_JIT_COMPLETE);  // without it: slower, the same
+    if (error == PCRE2_ERROR_HEAP_FAILED) throw std::bad_alloc();  // the next call tries again
+    if (code_)
+      pcre2_jit_compile(code_.get(), PCRE2_JIT_COMPLETE);  // without JIT: slower, the same result
     context_.reset(pcre2_match_context_create(nullptr));
     if (!context_) throw std::bad_alloc();
     pcre2_set_match_limit(context_.get(), UINT32_MAX);  // no text is too long to be redacted
   }
 
-  /// Replaces each credential in the text, which is valid UTF-8. False when the engine failed.
+  /// Replaces each credential in the text, which is valid UTF-8. False when PCRE2 failed.
   bool redact(std::string& text) const {
     if (!code_) return false;
     const std::unique_ptr<pcre2_match_data, decltype(&pcre2_match_data_free)> match(
@@ -133,7 +134,7 @@ void remove_secrets(std::string& text, const std::vector<std::string>& secrets) 
 
 // ---- Headers ------------------------------------------------------------------------------------
 
-/// The credential behind the value's first word, where there is one.
+/// Adds what follows the value's first word, where there is something.
 void add_without_scheme(std::vector<std::string>& found, std::string_view value) {
   const std::string_view trimmed = detail::trim(value);
   const std::size_t space = std::min(trimmed.find(' '), trimmed.size());
@@ -151,8 +152,8 @@ void add_cookies(std::vector<std::string>& found, std::string_view pairs) {
   }
 }
 
-/// The values of the headers that hold a credential by their names, as a server reads them:
-/// without the white space around them.
+/// Of each header whose name marks a credential: the trimmed value, what follows its first word,
+/// and the value of each cookie.
 std::vector<std::string> by_name(const Headers& headers) {
   std::vector<std::string> found;
   for (const auto& [name, value] : headers) {
@@ -201,8 +202,8 @@ Secrets Secrets::followed_by(const Secrets& others) const {
 Secrets secrets_of(const Headers& headers) {
   std::vector<std::string> found;
   for (const auto& [name, value] : headers) {
-    const auto is_it = [&header = name](std::string_view secret) {
-      return detail::equal_ignoring_case(header, secret);
+    const auto is_it = [&header = name](std::string_view secret_header) {
+      return detail::equal_ignoring_case(header, secret_header);
     };
     if (std::ranges::none_of(detail::SECRET_HEADERS, is_it) || value.empty()) continue;
     found.push_back(value);
@@ -235,11 +236,11 @@ Secrets detail::secrets_of_call(const Secrets& given, const Headers& headers,
 }
 
 std::string _without_cut_secret(std::string text, std::string_view secret) {
-  // Looked for in bytes: in UTF-8 that is the same, and elsewhere the cut may be in a character.
+  // Compared as bytes: the text may be cut inside a character.
   const std::size_t chars = detail::length(secret);
   if (chars <= detail::MIN_SECRET_CHARS) return text;
   const std::size_t shortest = detail::first_chars(secret, detail::MIN_SECRET_CHARS).size();
-  const std::size_t longest = std::min(detail::first_chars(secret, chars - 1).size(), text.size());
+  const std::size_t longest = std::min(secret.size() - 1, text.size());
   for (std::size_t size = longest; size >= shortest; --size) {
     if (text.ends_with(secret.substr(0, size))) {
       text.replace(text.size() - size, size, REDACTED);
@@ -258,7 +259,7 @@ std::string redact(std::string_view text, const Secrets& secrets) {
   remove_secrets(redacted, forms);
   if (!detail::is_utf8(redacted)) {
     redacted = detail::decode_utf8(std::move(redacted));
-    remove_secrets(redacted, decoded);  // U+FFFD may have completed one that holds it
+    remove_secrets(redacted, decoded);  // one that contains U+FFFD may match only now
   }
   for (const Echo& echo : echoes()) {
     if (!echo.redact(redacted)) return std::string(REDACTED);  // better nothing than a secret

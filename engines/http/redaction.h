@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Keeps secrets out of every text that leaves the library: collects the secrets that headers carry,
-// removes secrets, cut-off secrets and echoed credentials from text, and quotes bounded excerpts.
+// Keeps secrets out of every text that leaves the library: collects the secrets that headers and
+// URLs carry, removes secrets, cut-off secrets and echoed credentials from text, and quotes bounded
+// excerpts.
 //
 //   const Secrets secrets = secrets_of({{"Authorization", "Bearer " + token}});
 //   log(redact(error_text, secrets));
@@ -32,8 +33,8 @@ inline constexpr std::string_view REDACTED = "[redacted]";
 
 namespace detail {
 
-/// One secret in braces. Unlike a string, it is not made of two: `{{"a", "b"}}` are two secrets,
-/// not the characters from one pointer to the other.
+/// An element of a braced list of secrets. Unlike a string it is not made from two pointers:
+/// `{{"a", "b"}}` is two secrets, not one text from a pair of iterators.
 struct ENGINES_HTTP_EXPORT OneSecret {
   template <class Text>
   requires std::is_convertible_v<Text, std::string> OneSecret(Text&& secret)
@@ -94,7 +95,7 @@ class ENGINES_HTTP_EXPORT Secrets {
 namespace detail {
 
 /// The shortest text that counts as a secret, and the shortest start of one that is removed where
-/// a text ends. What is shorter is no credential, and cutting it out would garble the text.
+/// a text ends. A shorter one is not removed, which would garble ordinary text.
 inline constexpr std::size_t MIN_SECRET_CHARS = 8;
 
 /// The headers whose values `secrets_of` takes for credentials, in lower case.
@@ -130,7 +131,8 @@ ENGINES_HTTP_EXPORT Secrets secrets_of_call(const Secrets& given, const Headers&
 }  // namespace detail
 
 /// Replaces by `REDACTED`: each secret of at least eight characters, the start of one (of at least
-/// eight characters) at the end of the text, and credentials that a server echoed back.
+/// eight characters) at the end of the text, and credentials that a server echoed back. Bytes
+/// that are not UTF-8 become U+FFFD. Where the search fails, the whole text becomes `REDACTED`.
 ENGINES_HTTP_EXPORT std::string redact(std::string_view text, const Secrets& secrets = {});
 
 /// Where the text ends with a start of `secret` that is shorter than the secret and has at least

@@ -17,8 +17,9 @@
 namespace engines::http {
 
 /// The reply's whole body, read as it arrives: the deadline is tested before every read and once
-/// the body is in. Throws `DeadlineExceeded`, or `BadReply` when the body is longer than the
-/// policy's `max_body_bytes`. A failure of the reply's own reads passes through unchanged.
+/// the body is complete. The stop signal is left to the transport. Throws `DeadlineExceeded`, or
+/// `BadReply` when the body is longer than the policy's `max_body_bytes`. A failure of the reply's
+/// own reads passes through unchanged.
 ENGINES_HTTP_EXPORT std::string read_body(Response& reply, const RetryPolicy& policy);
 
 /// The reply's body as JSON (see `decode_json`). Throws what `read_body` throws, `Refused` when the

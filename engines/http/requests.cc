@@ -27,8 +27,8 @@ Json _request_json(std::string_view method, std::string_view url, const Body& bo
   const std::string verb(method);
   const auto attempt = [&](double timeout) {
     return detail::send_for<Json>(
-        url, {policy, timeout, verb, body, headers, hidden, transport, inspect},
-        [&](Response& reply, const Secrets&) { return read_json(reply, policy, hidden); });
+        url, {policy, timeout, verb, body, headers, secrets, transport, inspect},
+        [&](Response& reply, const Secrets& of_call) { return read_json(reply, policy, of_call); });
   };
   return retry(policy, attempt, {.label = std::string(label), .secrets = hidden});
 }

@@ -43,7 +43,7 @@ struct ENGINES_HTTP_EXPORT CallFields {
 /// options own what they hold and may be kept and copied.
 using CallOptions = CallFields<>;
 
-/// POSTs `body` as JSON and returns the parsed reply. A body in braces needs its type:
+/// POSTs `body` (see `Body`) and returns the parsed reply. A body in braces needs its type:
 /// `Json{{...}}`, or `Json::object()` for an empty one; `{}` is no body. Throws an `HttpFailure` of
 /// the kind that describes the failure, or `ValueError` for a request that cannot be sent.
 ENGINES_HTTP_EXPORT Json post_json(std::string_view url, const Body& body,
@@ -52,7 +52,8 @@ ENGINES_HTTP_EXPORT Json post_json(std::string_view url, const Body& body,
 /// GETs `url` and returns the parsed reply. Throws as `post_json` does.
 ENGINES_HTTP_EXPORT Json get_json(std::string_view url, const CallOptions& options);
 
-/// The same by any method, as PUT, PATCH or DELETE; `{}` is no body. Throws as `post_json` does.
+/// The same with any method, such as PUT, PATCH or DELETE; `{}` is no body. Throws as `post_json`
+/// does.
 ENGINES_HTTP_EXPORT Json request_json(std::string_view method, std::string_view url,
                                       const Body& body, const CallOptions& options);
 

@@ -6,7 +6,7 @@
 //   RetryPolicy policy = detail::missing<RetryPolicy, Given>();
 //
 // The second is for a value that may be in braces itself, `.policy = {.attempts = 1}`. `Given` is a
-// template parameter of the struct; without one, the default would be instantiated in every case.
+// template parameter of the struct, so that the default is instantiated only where it is used.
 // Such a struct also has a field of the first kind, so that it has no default constructor.
 #pragma once
 

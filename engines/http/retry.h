@@ -25,8 +25,8 @@ namespace engines::http {
 
 /// The logger registered as "engines.http". The library registers one when it loads; it writes to
 /// the sinks of the application's default logger, regardless of that logger's level, or to standard
-/// error while spdlog's built-in default logger is in place. Register another under this name to
-/// redirect the lines, or set this one's level to silence it.
+/// error while spdlog's built-in default logger is in place. To redirect the lines change its
+/// sinks, or `spdlog::drop` it and register another under its name; to silence it set its level.
 ENGINES_HTTP_EXPORT std::shared_ptr<spdlog::logger> logger();
 
 /// The parameters of `retry` other than the policy and the attempt.
@@ -59,10 +59,10 @@ ENGINES_HTTP_EXPORT void check_stop(const RetryPolicy& policy, const FailurePtr&
 
 }  // namespace detail
 
-/// Calls `attempt` until one answers, and returns its answer. Only a `Retryable` leads to another
+/// Calls `attempt` until it returns, and returns its result. Only a `Retryable` leads to another
 /// attempt, after a backoff; any other error passes through at once, unchanged. Throws `Stopped`,
-/// `DeadlineExceeded` or `Exhausted`, each with the last attempt's failure, and whatever a function
-/// of the policy throws.
+/// `DeadlineExceeded` or `Exhausted`, with the failure of the last failed attempt; what a function
+/// of the policy throws passes through.
 template <class Attempt>
 std::invoke_result_t<Attempt&, double> retry(const RetryPolicy& policy, Attempt&& attempt,
                                              const RetryOptions& options) {

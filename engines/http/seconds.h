@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A time span, as every parameter that counts seconds takes it. Does not include <chrono>: code
+// A time span in seconds, for what takes a number or a duration. Does not include <chrono>: code
 // that passes a duration has included it.
 #pragma once
 

@@ -12,7 +12,7 @@
 
 namespace engines::http {
 
-/// Returns true once the call should end. Converts from any function without arguments, and from
+/// Returns true once the call should end. Converts from any callable without parameters, and from
 /// `std::stop_token` and `std::stop_source`. The library calls it on the thread of the call; calls
 /// on several threads may share one whose function may be called concurrently.
 class ENGINES_HTTP_EXPORT StopSignal : public std::function<bool()> {

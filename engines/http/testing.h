@@ -37,8 +37,9 @@
 namespace engines::http::testing {
 
 /// What one read of a scripted reply does: it gives bytes, throws an error, or calls a function
-/// that gives the bytes. An error that is passed through a base keeps its dynamic type where it is
-/// an `HttpFailure` or is being handled; else `std::logic_error` is thrown.
+/// that gives the bytes. An error that is passed as a reference to its base class keeps its dynamic
+/// type where it overrides `HttpFailure::copy` or is being handled; else `std::logic_error` is
+/// thrown.
 class ENGINES_HTTP_EXPORT Piece {
  public:
   /// Gives these bytes, throws this error, or calls this function.
@@ -79,8 +80,9 @@ struct ENGINES_HTTP_EXPORT ReplyScript {
   std::function<void()> on_close = [] {};
 };
 
-/// A reply that plays its pieces in order, then ends. An empty piece ends it, too, for the read
-/// that meets it. It records its reads and closes. For use by one thread at a time.
+/// A reply that plays its pieces in order, then ends. At an empty piece one read reports the end
+/// of the body; a later read goes on with the next piece. It records its reads and closes. For use
+/// by one thread at a time.
 class ENGINES_HTTP_EXPORT ScriptedReply final : public Response {
  public:
   /// Plays these pieces.
@@ -106,7 +108,7 @@ class ENGINES_HTTP_EXPORT ScriptedReply final : public Response {
   ReplyScript script_;
   std::size_t next_ = 0;       // the piece to play next
   std::string left_;           // of the piece played last
-  std::exception_ptr failed_;  // of a piece after bytes; the next read throws it
+  std::exception_ptr failed_;  // came after bytes of the same read; the next one throws it
   std::vector<std::size_t> reads_;
   int closes_ = 0;
 };
@@ -124,16 +126,18 @@ struct ENGINES_HTTP_EXPORT Sent {
   Request request;
   /// The attempt's socket timeout, in seconds.
   double timeout;
-  /// Seconds for the whole exchange; none where it is unbounded.
+  /// Seconds for the whole exchange; none without a deadline and with a clock such as
+  /// `ManualTime`'s.
   std::optional<double> time_left;
 
   /// The request's body, parsed; null when there is none or it is not JSON.
   Json json() const;
 };
 
-/// A transport that answers each request with the next step of its script. Copies share the script,
-/// so the test keeps the one that it passes. A request beyond the script throws `std::logic_error`.
-/// Any number of threads may send through it, and add steps, at once; each step is played once.
+/// A transport that answers each request with the next step of its script. Copies share the script
+/// and the record, so a test passes a copy and looks at its own. A request beyond the script throws
+/// `std::logic_error`. Any number of threads may send through it, and add steps, at once; each step
+/// is played once.
 class ENGINES_HTTP_EXPORT ScriptedTransport {
  public:
   /// What is done about one request.

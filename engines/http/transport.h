@@ -15,9 +15,10 @@
 //  5. It never returns null.
 //  6. Every error of the network or of the protocol is thrown as one of the kinds below. Whatever
 //     else it throws reaches the caller unchanged.
-//  7. It may ignore `options.should_stop` and `options.time_left`: above it, the stop signal and
-//  the
-//     deadline are looked at between attempts and reads.
+//  7. It may ignore `options.should_stop` and `options.time_left`. Above it, the deadline is
+//  checked
+//     before each attempt and each read; the stop signal before each attempt, each backoff and each
+//     read of `lines` and `events`.
 #pragma once
 
 #include <concepts>
@@ -116,12 +117,12 @@ struct ENGINES_HTTP_EXPORT Request {
 
 namespace detail {
 
-/// The size that every read of a body asks for, in bytes.
+/// What one read of a reply's body asks for, in bytes; for error replies see `ERROR_BODY_BYTES`.
 inline constexpr std::size_t CHUNK_BYTES = 65536;
 
 /// Input iterator over what `Source::fetch(item)` gives until it returns false. An item is fetched
-/// when it is dereferenced or compared with the end, not before: a loop that stops early has waited
-/// for no item that it does not take.
+/// when the iterator is dereferenced, compared with the end or incremented past it, so that a loop
+/// that ends early does not wait for the next item.
 template <class Source>
 class ENGINES_HTTP_EXPORT Fetched {
  public:
@@ -165,15 +166,15 @@ class ENGINES_HTTP_EXPORT Response {
   /// ended. Throws a transport error, or `ValueError` once the reply is closed.
   std::string read(std::size_t amt);
 
-  /// Up to `amt` bytes, waiting only for the first data to arrive; for a reply that cannot, the
-  /// same as `read`. Empty: the body has ended. Throws as `read` does.
+  /// Up to `amt` bytes, waiting only for the first data to arrive; the same as `read` where the
+  /// reply does not override `do_read1`. Empty: the body has ended. Throws as `read` does.
   std::string read1(std::size_t amt);
 
   /// As `read1`, but appends to `body` and returns the number of bytes; 0 at the end of the body.
   /// If it throws, some bytes may have been appended.
   std::size_t append1(std::string& body, std::size_t amt);
 
-  /// Releases the connection. The reply is not read after it.
+  /// Releases the connection. A later read throws `ValueError`.
   void close();
 
   /// The HTTP status; none where the reply has none.
@@ -183,7 +184,7 @@ class ENGINES_HTTP_EXPORT Response {
   virtual const Headers* headers() const { return nullptr; }
 
   /// The body's lines, each with its line end as it came (the last may have none): the reply is a
-  /// `std::ranges::input_range` of `std::string`. A line counts at most `MAX_LINE_BYTES` bytes; a
+  /// `std::ranges::input_range` of `std::string`. A line has at most `MAX_LINE_BYTES` bytes; a
   /// longer one throws an `HTTPException`. Iterating reads ahead, but loses nothing: a second loop,
   /// or a read, goes on where the last line ended.
   /// @{
@@ -224,11 +225,11 @@ class ENGINES_HTTP_EXPORT Response {
 struct ENGINES_HTTP_EXPORT TransportOptions {
   /// The longest wait of one socket operation. Must be given.
   Seconds timeout;
-  /// Called at least every 0.1 s while the exchange waits, reading included; once it returns true,
-  /// the exchange ends as `Stopped`. Empty: never called.
+  /// The library's transports call it at least every 0.1 s while the exchange waits, reading
+  /// included; once it returns true, the exchange ends as `Stopped`. Empty: never called.
   StopSignal should_stop = nullptr;
-  /// Seconds for the whole exchange, reading included; when they have passed it ends as a
-  /// `TimeoutError`. None: unbounded.
+  /// Seconds for the whole exchange, reading included; when they have passed, the library's
+  /// transports end it as a `TimeoutError`. None: unbounded.
   std::optional<Seconds> time_left = std::nullopt;
 };
 
@@ -305,7 +306,7 @@ class ENGINES_HTTP_EXPORT URLError : public OSError {
   explicit URLError(std::string text);
 
   /// Wraps the error that kept the request from being sent, with its dynamic type and its text.
-  /// Throws `std::logic_error` for one named through a base outside its handler.
+  /// Throws `std::logic_error` for a reference to a base class, but while it is being handled.
   template <std::derived_from<std::exception> Reason>
   requires(!std::derived_from<Reason, URLError>) explicit URLError(const Reason& reason)
       : URLError(reason.what()) {
@@ -324,6 +325,7 @@ class ENGINES_HTTP_EXPORT HTTPError : public URLError, public Response {
  public:
   /// `body` is the open reply whose status it is; null means an empty body.
   HTTPError(StatusCode code, Headers headers, std::shared_ptr<Response> body);
+  // Throws nothing: with `fetch` overridden, the string of its own Response stays empty.
   HTTPError(const HTTPError&) noexcept = default;
   HTTPError& operator=(const HTTPError&) = default;
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Concepts of C++ types, shared by the encoder of bodies and the reader of foreign errors.
+// Concepts of C++ types, shared by bodies, policies and what is read from foreign errors.
 #pragma once
 
 #include <concepts>
@@ -42,7 +42,8 @@ template <class T>
 concept Text = CharacterArray<T> || std::convertible_to<const T&, std::string_view> ||
     std::convertible_to<const T&, std::u8string_view>;
 
-/// The characters of a text; of an array, those up to the first NUL. A C string is not null.
+/// The characters of a text; of an array, those up to the first NUL. Precondition: a C string is
+/// not null.
 template <class T>
 requires(Text<T> || Character<T>) std::string_view view(const T& text) {
   if constexpr (Character<T>) {
