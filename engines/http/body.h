@@ -10,10 +10,11 @@
 //   null         nullptr, nullopt, monostate, an empty optional, a null smart pointer or C string
 //   true, false  bool
 //   a number     integers (exactly), float, double and long double (as a double)
-//   a string     std::string, std::string_view, their char8_t kin, C strings and character arrays
+//   a string     std::string, std::string_view, their char8_t counterparts, C strings and character
+//   arrays
 //                (up to the first NUL), whatever converts to std::string_view, a single char. Text
 //                that is JSON already is a string, too: send it with `raw_body`.
-//   an array     any range that can be read while const (of char too, but for the texts above), C
+//   an array     any range that can be read while const (also of char, but for the texts above), C
 //                arrays, pair, tuple
 //   an object    any range with `key_type` and `mapped_type`: std::map, std::unordered_map, ...
 //                Names are texts, integers, bool or floating-point numbers.
@@ -62,7 +63,7 @@ class Body;
 
 namespace detail {
 
-ENGINES_HTTP_EXPORT void write_json(JsonWriter& out, const Json& value);
+ENGINES_HTTP_EXPORT void write_json(JsonWriter& out, const Json& value);  // in json.cc
 ENGINES_HTTP_EXPORT void write_body(JsonWriter& out, const Body& body);
 
 template <class T>
@@ -145,7 +146,7 @@ concept Boolean = std::same_as<T, bool> || std::same_as<T, std::vector<bool>::re
 template <class T>
 concept Number = Integer<T> || std::floating_point<T>;
 
-/// A range of itself (a path is one of paths) has no end to its items' items.
+/// A range whose items have its own type, such as a path, is none: writing it would not end.
 template <class T>
 concept Sequence = std::ranges::input_range<const T> &&
     !std::same_as<std::remove_cvref_t<std::ranges::range_reference_t<const T>>, T>;
@@ -281,7 +282,7 @@ void write_by_hook(JsonWriter& out, const T& value) {
   Value json;
   if constexpr (HasHookByName<T, Value>) {
     const StandIn<T> named{value};
-    to_json(json, named);  // so that none of nlohmann's own overloads fits better than a base's
+    to_json(json, named);  // a hook for a base must win over nlohmann's own overloads
   } else {
     to_json(json, value);
   }
@@ -347,7 +348,7 @@ void write(JsonWriter& out, const T& value) {
 
 /// The JSON text of a value: on one line, ", " and ": " as separators, UTF-8. Floating-point
 /// numbers have the shortest form that reads back to the same double; NaN, Infinity and -Infinity
-/// are written as such words, which RFC 8259 does not know.
+/// are written as these words, which RFC 8259 does not allow.
 ///
 /// Throws `std::invalid_argument` for text that is not valid UTF-8 and for arrays and objects
 /// nested more than 1,000 deep, as in a value that contains itself; whatever a type's own hook

@@ -43,7 +43,7 @@ class Reply final : public Response {
   Reply(std::shared_ptr<Call> call, const net::Hop& hop) : call_(std::move(call)) {
     const PoolOptions& options = call_->pool->options();
     net::Route route = route_of(hop, options);
-    call_->limits.peer = hop.url->origin.address();
+    call_->limits.origin = hop.url->origin.address();
     call_->limits.check(net::Phase::connecting);
     connection_ = call_->pool->take(route);
     if (!connection_) {
@@ -66,11 +66,6 @@ class Reply final : public Response {
     read(piece, amt, true);
     return piece;
   }
-  std::string do_read1(std::size_t amt) override {
-    std::string piece;
-    read(piece, amt, false);
-    return piece;
-  }
   std::size_t do_append1(std::string& body, std::size_t amt) override {
     return read(body, amt, false);
   }
@@ -90,6 +85,7 @@ class Reply final : public Response {
     return decoder_->read(out, amt, fill);
   }
 
+  /// A reply in any coding but identity is read through the decoder.
   void set_up_decoding() {
     for (const auto& [name, value] : *headers()) {
       if (value.empty() || !detail::equal_ignoring_case(name, "content-encoding")) continue;
@@ -99,7 +95,8 @@ class Reply final : public Response {
     decoder_.emplace([this](std::string& coded) { return receive_coded(coded); });
   }
 
-  /// A coding that was not asked for is a failure where there is a body.
+  /// Appends encoded bytes for the decoder. Throws where there is a body in another coding than
+  /// gzip; a reply without a body may name any.
   std::size_t receive_coded(std::string& coded) {
     call_->limits.check(net::Phase::reading_body, read_until_);
     const std::size_t size = exchange_->read(coded, CODED_BYTES, false, read_until_);
@@ -117,13 +114,12 @@ class Reply final : public Response {
   std::string coding_;
   bool has_coded_body_ = false;
   std::optional<net::GzipDecoder> decoder_;
-  net::TimePoint
-      read_until_;  // when the current read ends, however many reads of the exchange it is
+  net::TimePoint read_until_;  // of the current read, which may need several of the exchange
 };
 
 /// The final reply to the request, redirects followed.
-std::shared_ptr<Response> open(const Request& request, const TransportOptions& options,
-                               const std::shared_ptr<net::Pool>& pool) {
+std::shared_ptr<Response> follow(const Request& request, const TransportOptions& options,
+                                 const std::shared_ptr<net::Pool>& pool) {
   net::Hop hop = net::first_hop(request);
   const PoolOptions& pool_options = pool->options();
   const auto call = std::make_shared<Call>(
@@ -137,7 +133,7 @@ std::shared_ptr<Response> open(const Request& request, const TransportOptions& o
       next = net::next_hop(hop, status, reply->headers()->get("location"));
     }
     if (!next) throw HTTPError(status, *reply->headers(), reply);
-    hop = *std::move(next);
+    hop = *std::move(next);  // the reply to the last one is closed here
   }
 }
 
@@ -153,9 +149,9 @@ PoolOptions checked(PoolOptions options) {
 }  // namespace
 
 std::shared_ptr<Response> urlopen_transport(const Request& request, TransportOptions options) {
-  // A pool that keeps nothing. Never destroyed: a reply may outlive the end of `main`.
+  // Keeps nothing. Never destroyed: code that runs after `main` may still make calls.
   static const auto& pool = *new auto(std::make_shared<net::Pool>(PoolOptions{.max_idle = 0}));
-  return open(request, options, pool);
+  return follow(request, options, pool);
 }
 
 PooledTransport::PooledTransport(PoolOptions options)
@@ -163,7 +159,7 @@ PooledTransport::PooledTransport(PoolOptions options)
 
 std::shared_ptr<Response> PooledTransport::operator()(const Request& request,
                                                       TransportOptions options) const {
-  return open(request, options, pool_);
+  return follow(request, options, pool_);
 }
 
 }  // namespace engines::http

@@ -5,9 +5,9 @@
 //   PooledTransport pool({.ca_file = "ca.pem", .max_idle = 4});
 //   Json reply = post_json(url, body, {.policy = policy, .label = "embed", .transport = pool});
 //
-// Both connect by libcurl and speak HTTP/1.1 on the caller's thread, which pulls the reply as it is
-// read. They follow redirects by the usual rules, ask for gzip and decode it unless the request has
-// an `Accept-Encoding` of its own, and never send a request a second time by themselves.
+// Both connect with libcurl and speak HTTP/1.1 on the caller's thread; the body is received as it
+// is read. They follow redirects by the usual rules, ask for gzip and decode it unless the request
+// has an `Accept-Encoding` of its own, and never send a request a second time by themselves.
 // docs/transport.md lists which situation ends in which failure.
 #pragma once
 
@@ -24,11 +24,11 @@ namespace engines::http {
 ///
 /// `options.timeout` bounds, in seconds: connecting (name lookup, proxy and TLS included) as a
 /// whole, each wait while the request is sent, the wait for the reply's headers as a whole, and
-/// each read of the body. Zero, a negative value or NaN has passed at once; from 1,000,000 s on it
-/// is 1,000,000 s. `options.time_left` and `options.should_stop` end any of these waits, and the
+/// each read of the body. Zero, a negative value and NaN time out at once; more than 1,000,000 s
+/// counts as that. `options.time_left` and `options.should_stop` end any of these waits, and the
 /// reads.
 ///
-/// Throws the kinds of transport.h, `Stopped`, and `ValueError` (`std::invalid_argument`) before
+/// Throws the errors of transport.h, `Stopped`, and `ValueError` (`std::invalid_argument`) before
 /// anything is sent: for a request that cannot be sent as it is given, and for an environment
 /// variable that names an unusable proxy or certificates that cannot be read. The reply must be
 /// used by one thread at a time.
@@ -43,10 +43,10 @@ class Pool;
 /// until the last copy and the last reply are gone. Any number of threads may call it at once, and
 /// a child of a fork may go on using it, with connections of its own.
 ///
-/// Bounds and failures are those of `urlopen_transport`. A connection serves another call only
-/// after its reply has come whole and was closed; one that the peer closed meanwhile is replaced,
-/// and one that dies under a request ends the call: whether to send the request again is for the
-/// caller's policy.
+/// Bounds and failures are those of `urlopen_transport`. A connection serves another call
+/// once its reply is closed and the whole body has arrived; one that the peer closed meanwhile is
+/// replaced, and one that breaks during a request ends the attempt: whether to send the request
+/// again is for the caller's policy.
 class ENGINES_HTTP_EXPORT PooledTransport {
  public:
   /// Throws `ValueError`, which names the option, for certificates, a key or a proxy that cannot be

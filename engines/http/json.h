@@ -25,8 +25,8 @@ namespace engines::http {
 /// - An escaped surrogate without its other half is U+FFFD.
 /// - More than 1,000 nested arrays and objects are not JSON.
 ///
-/// For any text, the memory used is proportional to its size, and so is the time, but for a factor
-/// of log n where an object has n members. The stack grows with the depth, to less than 0.5 MB.
+/// Memory and time are proportional to the size of the text; the time has an extra factor of log n
+/// for an object of n members. The stack grows with the depth, to less than 0.5 MB.
 ENGINES_HTTP_EXPORT std::optional<Json> decode_json(std::string_view text);
 
 }  // namespace engines::http

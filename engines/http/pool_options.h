@@ -24,7 +24,7 @@ struct ENGINES_HTTP_EXPORT PoolOptions {
   /// file.
   std::string client_key = {};
   /// URL of the proxy for every request: http, https, socks4, socks4a, socks5 or socks5h. Empty: no
-  /// proxy; none: from the environment.
+  /// proxy; `nullopt`: from the environment.
   std::optional<std::string> proxy = std::nullopt;
   /// The longest that connecting may take in all, in seconds: name lookup, proxy and TLS included.
   /// None: the timeout of the call bounds it alone.

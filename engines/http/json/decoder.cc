@@ -42,10 +42,10 @@ void clear(Json& value) noexcept {
   }
 }
 
-/// Moves the value of each member whose name occurred before to the first member of that name, and
-/// marks its own value as discarded. Returns how many members remain.
+/// Where a name is repeated, moves the later value to the first member of that name, and marks the
+/// later member as discarded. Returns how many members remain.
 std::size_t merge_repeated_names(std::span<const std::string> names, std::span<Json> values) {
-  constexpr std::size_t FEW = 16;  // so many are compared faster than they are put into a map
+  constexpr std::size_t FEW = 16;  // up to so many names, a linear search is faster than a map
   std::map<std::string_view, std::size_t> first_of;
   std::size_t remaining = names.size();
   for (std::size_t i = 0; i < names.size(); ++i) {
@@ -67,7 +67,7 @@ std::size_t merge_repeated_names(std::span<const std::string> names, std::span<J
 class Decoder {
  public:
   explicit Decoder(std::string_view text) : at_(text.data()), end_(text.data() + text.size()) {
-    values_.reserve(text.size() / 8 + 8);  // few texts hold more values than one in 8 characters
+    values_.reserve(text.size() / 8 + 8);  // most texts have fewer values than one in 8 characters
   }
   ~Decoder() { std::ranges::for_each(values_, clear); }
 
@@ -75,7 +75,11 @@ class Decoder {
 
  private:
   bool next_is(char c) const noexcept { return at_ != end_ && *at_ == c; }
-  bool take(char c) noexcept { return next_is(c) && (++at_, true); }
+  bool take(char c) noexcept {
+    if (!next_is(c)) return false;
+    ++at_;
+    return true;
+  }
   bool take(std::string_view word) noexcept;
   void skip_space() noexcept {
     while (at_ != end_ && is_space(*at_)) ++at_;
@@ -87,7 +91,7 @@ class Decoder {
     return true;
   }
 
-  // Each of these reads what it is named after, or returns false when the text is not JSON.
+  // Each reads what it is named after. False: the text is not JSON.
   bool value();
   bool array();
   bool object();
@@ -162,7 +166,7 @@ bool Decoder::object() {
   const std::size_t first_value = values_.size();
   if (!items('}', [this] { return member(); })) return false;
   Json object(Json::value_t::object);
-  // Growing an ordered_map copies the members, deeply, and its own insertion looks through all.
+  // An ordered_map copies its members when it grows, and searches all of them on insertion.
   auto& members = static_cast<Json::object_t::Container&>(object.get_ref<Json::object_t&>());
   const auto names = std::span(names_).subspan(first_name);
   const auto values = std::span(values_).subspan(first_value);
@@ -230,9 +234,10 @@ bool Decoder::real(const char* start) {
   const auto [end, error] = std::from_chars(start, end_, value);
   at_ = end;
   if (error == std::errc::result_out_of_range) {
-    // nlohmann's parser refuses a number that is too large and reads one that is too small as 0.
-    const Json zero = Json::parse(start, end, nullptr, /*allow_exceptions=*/false);
-    value = zero.is_number() ? zero.get<double>() : *start == '-' ? -INFINITE : INFINITE;
+    // It does not report which: nlohmann's parser refuses a number that is too large, and reads one
+    // that is too small as the nearest double.
+    const Json small = Json::parse(start, end, nullptr, /*allow_exceptions=*/false);
+    value = small.is_number() ? small.get<double>() : *start == '-' ? -INFINITE : INFINITE;
   }
   return push(value);
 }

@@ -28,7 +28,7 @@ void JsonWriter::number(double value) {
   if (std::isinf(value)) return append(value < 0 ? "-Infinity" : "Infinity");
   char digits[32];  // the longest is -2.2250738585072014e-308
   append({digits, fmt::format_to(digits, FMT_COMPILE("{}"), value)});
-  // Below this fmt writes whole numbers without a point, from here on all with an exponent.
+  // fmt writes whole numbers below this without a point, and all larger ones with an exponent.
   constexpr double FIRST_WITH_EXPONENT = 1e16;
   if (std::fabs(value) < FIRST_WITH_EXPONENT && value == std::trunc(value)) append(".0");
 }

@@ -14,7 +14,7 @@
 namespace engines::http::detail {
 
 /// The caller keeps the order: `item` before each item of an array, `name` and then one value for
-/// each member of an object. What has thrown is written to no further.
+/// each member of an object. After a function has thrown, the writer must not be used.
 class ENGINES_HTTP_EXPORT JsonWriter {
  public:
   void null() { append("null"); }
@@ -45,8 +45,9 @@ class ENGINES_HTTP_EXPORT JsonWriter {
   }
   void name(std::string_view name);
 
-  /// Around a value behind a pointer or the like. There may be 1,000 such steps within each other:
-  /// a value can contain itself through them alone. Throws `std::invalid_argument` beyond.
+  /// Before and after the value that a pointer, optional, variant or reference holds. Throws
+  /// `std::invalid_argument` for more than 1,000 of them within each other: a value can contain
+  /// itself through pointers alone.
   /// @{
   void enter() { check_depth(++links_); }
   void leave() { --links_; }
@@ -64,10 +65,10 @@ class ENGINES_HTTP_EXPORT JsonWriter {
   void append_behind_stage(std::string_view piece);
 
   std::string out_;
-  std::array<char, 2048> stage_;  // what follows `out_`; a short piece is cheap to add here
+  std::array<char, 2048> stage_;  // short pieces that are not in `out_` yet
   std::size_t staged_ = 0;        // characters in it
   int depth_ = 0;
-  int links_ = 0;
+  int links_ = 0;      // calls of `enter` without `leave`
   bool first_ = true;  // the next item is the first of the innermost open array or object
 };
 

@@ -13,8 +13,8 @@ namespace engines::http::detail {
 /// value, and ends the walk through a value that contains itself.
 inline constexpr int MAX_JSON_DEPTH = 1000;
 
-/// The characters that have an escape of one letter, and that letter of each. The slash, which is
-/// last, needs none.
+/// The characters with an escape of one letter, and those letters in the same order. The slash,
+/// which is last, need not be escaped.
 inline constexpr std::string_view ESCAPED = "\"\\\n\r\t\b\f/";
 inline constexpr std::string_view ESCAPE_LETTERS = "\"\\nrtbf/";
 

@@ -23,13 +23,10 @@
 namespace engines::http::net {
 namespace {
 
-/// Until it is connected, libcurl has to be called this often to try a host's next address.
-constexpr Duration CONNECT_POLL = std::chrono::milliseconds(50);
-
 /// The most that one receive gives.
 constexpr long RECEIVE_BYTES = 65536;
 
-/// The most that is sent over TLS at a time. OpenSSL shows no progress within one write.
+/// The most that is sent over TLS at a time. OpenSSL reports no progress within one write.
 constexpr std::size_t TLS_RECORD_BYTES = 16384;
 
 std::atomic<unsigned> forks = 0;  // between the first process and this one
@@ -57,21 +54,24 @@ std::string url_of(const Origin& origin) {
 
 [[noreturn]] void refuse(const std::string& what) { throw std::invalid_argument(what); }
 
-/// One of OpenSSL's variables; throws where it is set and no file or directory can be read there.
-std::string trust_variable(const char* name, char separator = '\0') {
+/// The value of one of OpenSSL's variables; empty: not set. Throws where none of its paths can be
+/// read.
+std::string trust_variable(const char* name, bool is_directory_list) {
   const char* const value = std::getenv(name);
   if (value == nullptr || *value == '\0') return {};
   std::string paths = value;
   for (std::size_t begin = 0; begin < paths.size();) {
-    const std::size_t end = std::min(paths.find(separator, begin), paths.size());
-    const std::string path = paths.substr(begin, end - begin) + (separator == ':' ? "/." : "");
-    if (access(path.c_str(), R_OK) == 0) return paths;
+    const std::size_t colon = is_directory_list ? paths.find(':', begin) : std::string::npos;
+    const std::size_t end = std::min(colon, paths.size());
+    const std::string path = paths.substr(begin, end - begin);
+    if (access((is_directory_list ? path + "/." : path).c_str(), R_OK) == 0) return paths;
     begin = end + 1;
   }
   refuse(std::string(name) + " names nothing that can be read");
 }
 
-/// Whether the directory has certificates where OpenSSL looks: by the hash of their subject.
+/// Whether the directory has a certificate under OpenSSL's name for it: the hash of its subject, in
+/// eight digits, and ".0".
 bool is_hashed(const std::string& directory) {
   std::error_code error;
   std::filesystem::directory_iterator entry(directory, error);
@@ -83,22 +83,23 @@ bool is_hashed(const std::string& directory) {
 }
 
 /// The file and the directory of the trusted certificates; both empty: libcurl's own default.
-/// libcurl takes neither OpenSSL's variables nor the cheaper of the platform's two stores by
-/// itself: it parses the whole bundle for each fresh connection, where a hashed directory gives the
-/// one certificate that is needed.
+/// libcurl ignores OpenSSL's variables, and parses the platform's whole bundle for each connection;
+/// from a hashed directory OpenSSL reads only the certificates that it needs.
 std::pair<std::string, std::string> trust(CURL* easy, const PoolOptions& options) {
-  if (!(options.ca_file + options.ca_directory).empty()) {
+  if (!options.ca_file.empty() || !options.ca_directory.empty()) {
     return {options.ca_file, options.ca_directory};
   }
-  const std::string file = trust_variable("SSL_CERT_FILE");
-  const std::string directory = trust_variable("SSL_CERT_DIR", ':');
-  char* platforms = nullptr;
-  curl_easy_getinfo(easy, CURLINFO_CAPATH, &platforms);
-  const bool is_platforms = directory.empty() && platforms != nullptr && is_hashed(platforms);
-  return {file, is_platforms ? platforms : directory};
+  std::string file = trust_variable("SSL_CERT_FILE", false);
+  std::string directory = trust_variable("SSL_CERT_DIR", true);
+  char* platform_directory = nullptr;
+  curl_easy_getinfo(easy, CURLINFO_CAPATH, &platform_directory);
+  if (directory.empty() && platform_directory != nullptr && is_hashed(platform_directory)) {
+    directory = platform_directory;
+  }
+  return {std::move(file), std::move(directory)};
 }
 
-/// The file that holds the client's key; empty: there is none.
+/// The file that holds the client's key; empty: none.
 const std::string& key_file(const PoolOptions& options) {
   return options.client_key.empty() ? options.client_certificate : options.client_key;
 }
@@ -122,6 +123,7 @@ void check_certificates(const PoolOptions& options) {
                                                                   &SSL_CTX_free);
   if (!context) throw std::bad_alloc();
   SSL_CTX* const tls = context.get();
+  // An encrypted key is refused; by default OpenSSL asks for its password on the terminal.
   SSL_CTX_set_default_passwd_cb(tls, [](char*, int, int, void*) { return 0; });
   const auto require = [](bool is_usable, const char* option) {
     ERR_clear_error();
@@ -137,15 +139,13 @@ void check_certificates(const PoolOptions& options) {
           "client_key");
 }
 
-unsigned process_number() noexcept { return forks; }
-
-const Url* Route::tunnel() const {
-  return proxy && !is_forwarding(*proxy, origin) ? &*proxy : nullptr;
-}
-
-const Origin& Route::peer() const { return proxy && !tunnel() ? proxy->origin : origin; }
-
 // ---- Connecting ---------------------------------------------------------------------------------
+
+unsigned fork_depth() noexcept { return forks; }
+
+bool Route::is_forwarded() const { return proxy && is_forwarding(*proxy, origin); }
+const Url* Route::tunnel() const { return proxy && !is_forwarded() ? &*proxy : nullptr; }
+const Origin& Route::peer() const { return is_forwarded() ? proxy->origin : origin; }
 
 Connection::Connection(Route route, const PoolOptions& options, Limits& limits)
     : route_(std::move(route)),
@@ -160,7 +160,7 @@ Connection::Connection(Route route, const PoolOptions& options, Limits& limits)
 }
 
 Connection::~Connection() {
-  if (is_ours()) return;
+  if (is_ours()) return;  // else the handles are left as they are: see `is_ours`
   static_cast<void>(easy_.release());
   static_cast<void>(multi_.release());
 }
@@ -179,12 +179,11 @@ void Connection::set_up(const PoolOptions& options) {
   set(CURLOPT_PROTOCOLS_STR, "http,https");
   set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   set(CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
-  set(CURLOPT_USERAGENT, or_null(options.user_agent));  // of a CONNECT
+  set(CURLOPT_USERAGENT, or_null(options.user_agent));  // sent with CONNECT
   set(CURLOPT_TCP_NODELAY, 1L);
   set(CURLOPT_BUFFERSIZE, RECEIVE_BYTES);  // bounds curl_easy_recv
-  // Signals belong to the application; a resolver that hangs must not hold the end of the call.
-  set(CURLOPT_NOSIGNAL, 1L);
-  set(CURLOPT_QUICK_EXIT, 1L);
+  set(CURLOPT_NOSIGNAL, 1L);               // signals belong to the application
+  set(CURLOPT_QUICK_EXIT, 1L);             // no wait for a name lookup that has not ended
   set(CURLOPT_OPENSOCKETFUNCTION, &on_socket);
   set_up_proxy();
   const Url* const tunnel = route_.tunnel();
@@ -192,7 +191,7 @@ void Connection::set_up(const PoolOptions& options) {
 }
 
 void Connection::set_up_proxy() {
-  set(CURLOPT_NOPROXY, "");  // which proxy there is was decided before
+  set(CURLOPT_NOPROXY, "");  // `proxy_for` has chosen the proxy
   const Url* const tunnel = route_.tunnel();
   set(CURLOPT_PROXY, tunnel ? url_of(tunnel->origin).c_str() : "");
   if (!tunnel) return;
@@ -229,8 +228,8 @@ void Connection::set_up_tls(const PoolOptions& options) {
   set(CURLOPT_SSL_CTX_DATA, this);
 }
 
-/// OpenSSL by default stays inside one read while records without content keep coming (new keys
-/// without end), and libcurl has it hide that a peer ended without saying so.
+/// By default OpenSSL does not return from a read while only records without data arrive, such as
+/// new keys; and libcurl makes it ignore an end without close_notify. Both are undone here.
 CURLcode Connection::on_tls_context(CURL*, void* context, void* self) noexcept {
   auto* const tls = static_cast<SSL_CTX*>(context);
   SSL_CTX_clear_mode(tls, SSL_MODE_AUTO_RETRY);
@@ -240,25 +239,27 @@ CURLcode Connection::on_tls_context(CURL*, void* context, void* self) noexcept {
   return CURLE_OK;
 }
 
-/// OpenSSL also stays inside one step of the handshake while messages that it skips keep coming.
-/// Once the time is over it has nothing more to read.
-void Connection::on_tls_message(int, int, int, const void*, std::size_t, ssl_st* session,
+/// OpenSSL does not return from a step of the handshake either, while messages that it skips
+/// arrive. Once the time is over, its input is replaced by an empty one.
+void Connection::on_tls_message(int, int, int, const void*, std::size_t, SSL* session,
                                 void* self) noexcept {
   auto& connection = *static_cast<Connection*>(self);
   const bool is_connecting = connection.limits_ != nullptr;
   if (is_connecting && connection.is_over()) SSL_set0_rbio(session, BIO_new(BIO_s_null()));
 }
 
-/// libcurl would read the body of a proxy's refusal to its end, and look at no time while lines
-/// come fast enough.
+/// Ends connecting where the proxy refuses the tunnel, because libcurl would read the body of the
+/// refusal to its end, and once the time is over, which libcurl does not check between lines.
 std::size_t Connection::on_proxy_line(char* text, std::size_t, std::size_t size,
                                       void* self) noexcept {
   auto& connection = *static_cast<Connection*>(self);
   try {
     const std::string_view line(text, size);
-    if (line.starts_with("HTTP/") && line.size() > 12 && line[9] != '1' && line[9] != '2') {
+    constexpr std::size_t STATUS = 9;  // after "HTTP/1.1 "
+    if (line.starts_with("HTTP/") && line.size() > STATUS + 3 && line[STATUS] != '1' &&
+        line[STATUS] != '2') {
       throw URLError(OSError("cannot connect: the proxy refused the tunnel, status " +
-                             std::string(line.substr(9, 3))));
+                             std::string(line.substr(STATUS, 3))));
     }
   } catch (...) {
     connection.failure_ = std::current_exception();
@@ -285,13 +286,15 @@ void Connection::connect(Limits& limits) {
   const int longest = milliseconds(connect_until_ - from);
   set(CURLOPT_CONNECTTIMEOUT_MS, std::max(static_cast<long>(longest), 1L));
   for (;;) {
-    const Duration wait = std::min(limits.check(Phase::connecting, connect_until_), CONNECT_POLL);
-    int count = 0;
-    const CURLMcode code = curl_multi_perform(multi_.get(), &count);
+    // At most 50 ms: libcurl must be called so often to try a host's next address.
+    const Duration wait = limits.check(Phase::connecting, connect_until_);
+    int running = 0;
+    const CURLMcode code = curl_multi_perform(multi_.get(), &running);
     if (code == CURLM_OUT_OF_MEMORY) throw std::bad_alloc();
     if (code != CURLM_OK) throw URLError(OSError(curl_multi_strerror(code)));
     if (failure_) std::rethrow_exception(failure_);
-    if (const CURLMsg* const message = curl_multi_info_read(multi_.get(), &count)) {
+    int queued = 0;
+    if (const CURLMsg* const message = curl_multi_info_read(multi_.get(), &queued)) {
       if (message->data.result != CURLE_OK) fail(message->data.result);
       break;
     }
@@ -306,14 +309,14 @@ void Connection::connect(Limits& limits) {
 
 void Connection::fail(CURLcode code) const {
   const StreamError error = error_of(code);
+  // Without the errno, which does not describe these failures.
   const auto text = [&](const char* situation) { return described(situation, {0, error.text}); };
-  const bool is_to_proxy = route_.proxy && !route_.tunnel();
   switch (code) {
     case CURLE_OUT_OF_MEMORY:
       throw std::bad_alloc();
     case CURLE_COULDNT_RESOLVE_HOST:
     case CURLE_COULDNT_RESOLVE_PROXY:
-      throw URLError(gaierror(text(code == CURLE_COULDNT_RESOLVE_PROXY || is_to_proxy
+      throw URLError(gaierror(text(code == CURLE_COULDNT_RESOLVE_PROXY || route_.is_forwarded()
                                        ? "the proxy's name did not resolve"
                                        : "the host name did not resolve")));
     case CURLE_OPERATION_TIMEDOUT:
@@ -339,7 +342,7 @@ IoResult Connection::send(std::string_view bytes) {
   const CURLcode code = curl_easy_send(easy_.get(), bytes.data(), bytes.size(), &sent);
   if (code == CURLE_OK) return {Io::moved, sent};
   if (code == CURLE_AGAIN) return {Io::blocked};
-  broke_by_ = code;
+  io_error_ = code;
   return {Io::broken};
 }
 
@@ -349,9 +352,9 @@ IoResult Connection::receive(char* to, std::size_t room) {
   if (code == CURLE_OK) return {received == 0 ? Io::ended : Io::moved, received};
   if (code == CURLE_AGAIN) return {Io::blocked};
   if (code == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
-  broke_by_ = code;
-  // Without an error of the system, TLS ended: without its close (libcurl 7.88 takes that for an
-  // end), or by an alert.
+  io_error_ = code;
+  // Without an errno, TLS ended: by an alert, or without close_notify (which libcurl 7.88 reports
+  // as a normal end).
   return {error().os_error == 0 ? Io::ended : Io::broken};
 }
 
@@ -362,14 +365,15 @@ void Connection::wait(bool to_send, Duration at_most) {
 }
 
 bool Connection::ended_properly() const {
-  if (broke_by_ != CURLE_OK) return false;
+  if (io_error_ != CURLE_OK) return false;
   const auto [backend, session] = tls_session(easy_.get());
   if (!is_secure_ || backend != CURLSSLBACKEND_OPENSSL) return true;
   return session && (SSL_get_shutdown(static_cast<SSL*>(session)) & SSL_RECEIVED_SHUTDOWN) != 0;
 }
 
 StreamError Connection::error() const {
-  StreamError error = error_of(broke_by_);
+  StreamError error = error_of(io_error_);
+  // libcurl keeps the errno of an address that failed before another one succeeded.
   if (error.os_error == connect_errno_) error.os_error = 0;
   return error;
 }
@@ -378,15 +382,16 @@ StreamError Connection::error() const {
 StreamError Connection::error_of(CURLcode code) const {
   long os_error = 0;
   curl_easy_getinfo(easy_.get(), CURLINFO_OS_ERRNO, &os_error);
-  const bool has_text = error_text_[0] != '\0' || code == CURLE_OK;
-  return {static_cast<int>(os_error), has_text ? error_text_ : curl_easy_strerror(code)};
+  // libcurl does not describe every error.
+  const bool is_described = error_text_[0] != '\0' || code == CURLE_OK;
+  return {static_cast<int>(os_error), is_described ? error_text_ : curl_easy_strerror(code)};
 }
 
 bool Connection::is_quiet() {
   pollfd connection{.fd = socket_, .events = POLLIN, .revents = 0};
   if (!is_secure_) return poll(&connection, 1, 0) == 0;
-  // What carries nothing of a reply (late session tickets) is received away, within reason.
-  for (int records = 0; records < 16; ++records) {
+  constexpr int MAX_EMPTY_RECORDS = 16;  // records without data, such as late session tickets
+  for (int records = 0; records < MAX_EMPTY_RECORDS; ++records) {
     char byte = 0;
     if (receive(&byte, 1).state != Io::blocked) return false;
     if (poll(&connection, 1, 0) == 0) return true;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A connection to a peer, made by libcurl: name lookup, the race of a host's addresses, a proxy's
-// tunnel, SOCKS, TLS and its verification. What is said on it is the exchange's subject.
+// A connection to a peer, made by libcurl: name lookup, the choice among a host's addresses, a
+// proxy's tunnel, SOCKS, TLS and its verification. `Exchange` speaks HTTP on it.
 #pragma once
 
 #include <curl/curl.h>
@@ -18,14 +18,16 @@
 
 namespace engines::http::net {
 
-/// Where a connection leads. Requests with the same route may share a connection: a proxy that
-/// forwards one request may pass the bytes after it on to the same server.
+/// Where a connection leads. Requests share a connection only where their routes are equal, origins
+/// included: a forwarding proxy may send all that comes on one connection to the same server.
 struct Route {
   Origin origin;                     // what the requests are for
   std::optional<Url> proxy;          // none: there is none
-  std::string tunnel_authorization;  // for a proxy that is a tunnel; empty: its URL's userinfo
+  std::string tunnel_authorization;  // its `Proxy-Authorization`; empty: the proxy URL's userinfo
 
   bool operator==(const Route&) const = default;
+  /// Whether the proxy forwards the requests.
+  bool is_forwarded() const;
   /// The proxy, where it is a tunnel to the origin; else null.
   const Url* tunnel() const;
   /// Whom an exchange speaks to: the origin, or the proxy that forwards its requests.
@@ -36,14 +38,14 @@ struct Route {
 /// cannot be used.
 void check_certificates(const PoolOptions& options);
 
-/// Which process this is: another number in the child of a fork than in its parent. It asks no
-/// kernel, for it is asked several times in each call.
-unsigned process_number() noexcept;
+/// How many forks lead from the first process to this one: another number in a child than in its
+/// parent. It makes no system call, for each call needs it several times.
+unsigned fork_depth() noexcept;
 
 class Connection final : public Stream {
  public:
-  /// Connects. Throws a `URLError`, `Stopped`, or `ValueError`, which names the variable, where
-  /// SSL_CERT_FILE or SSL_CERT_DIR cannot be used.
+  /// Connects. Throws a `URLError`, `Stopped`, or `ValueError`, which names the option or the
+  /// variable, for certificates that cannot be used.
   Connection(Route route, const PoolOptions& options, Limits& limits);
   ~Connection() override;
 
@@ -51,7 +53,7 @@ class Connection final : public Stream {
 
   /// Whether this process made the connection. One that came through a fork shares its socket with
   /// the parent: anything done to it, closing included, would be seen by the parent's peer.
-  bool is_ours() const noexcept { return process_ == process_number(); }
+  bool is_ours() const noexcept { return fork_depth_ == fork_depth(); }
 
   /// Whether the peer has neither ended the connection nor sent anything: what came unasked would
   /// be taken for the next reply.
@@ -83,20 +85,20 @@ class Connection final : public Stream {
   StreamError error_of(CURLcode code) const;
 
   static CURLcode on_tls_context(CURL*, void* context, void* self) noexcept;
-  static void on_tls_message(int, int, int, const void*, std::size_t, ssl_st* session,
+  static void on_tls_message(int, int, int, const void*, std::size_t, SSL* session,
                              void* self) noexcept;
   static std::size_t on_proxy_line(char* text, std::size_t, std::size_t size, void* self) noexcept;
 
   const Route route_;
-  const unsigned process_ = process_number();
+  const unsigned fork_depth_ = fork_depth();
   const bool is_secure_;  // whether the peer is spoken to over TLS
   curl_socket_t socket_ = CURL_SOCKET_BAD;
-  long connect_errno_ = 0;  // what an address that failed left behind
-  CURLcode broke_by_ = CURLE_OK;
+  long connect_errno_ = 0;        // CURLINFO_OS_ERRNO after connecting
+  CURLcode io_error_ = CURLE_OK;  // of the last failed send or receive
   char error_text_[CURL_ERROR_SIZE] = {};
-  const Limits* limits_ = nullptr;  // null: it is connected
+  const Limits* limits_ = nullptr;  // null once connected
   TimePoint connect_until_;
-  std::exception_ptr failure_;  // why connecting must end, where that is no failure of libcurl's
+  std::exception_ptr failure_;  // of a callback; thrown by `connect`
   std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> proxy_headers_;
   std::unique_ptr<CURLM, decltype(&curl_multi_cleanup)> multi_;  // owns the connection
   std::unique_ptr<CURL, FreeEasy> easy_;

@@ -18,16 +18,16 @@ namespace {
 
 namespace beast = boost::beast;
 
-/// One receive of a head, in which small replies come whole.
+/// Bytes received at once while a head is awaited; most small replies fit.
 constexpr std::size_t HEAD_RECEIVE_BYTES = 16384;
-/// One receive of a body, and the most that frames a chunk.
+/// Bytes received at once of a body, and the longest line of a chunk or trailers.
 constexpr std::size_t RECEIVE_BYTES = 65536;
 /// The most of a body that `finish` takes, and in how many receives.
 constexpr std::size_t DRAINED_BYTES = 65536;
 constexpr int DRAINING_READS = 4;
-/// Bodies up to this size leave in one piece with the head.
+/// Bodies up to this size are sent together with the head.
 constexpr std::size_t COPIED_BODY_BYTES = 61440;
-/// The largest `max_header_bytes` that counts.
+/// Larger values of `max_header_bytes` count as this.
 constexpr std::size_t MAX_HEADER_BYTES = 307200;
 /// More header lines than most replies have.
 constexpr std::size_t USUAL_HEADERS = 16;
@@ -64,10 +64,11 @@ std::string request_head(const Hop& hop, const Url* proxy, const PoolOptions& op
   if (is_forwarded && proxy->credentials) {
     add_default("Proxy-Authorization", basic_authorization(*proxy->credentials));
   }
+  const bool is_tunnelled = proxy && !is_forwarded;
   for (const auto& [name, value] : *hop.headers) {
-    // The proxy of a tunnel reads its own header; the server behind the tunnel must not.
-    const bool is_for_tunnel = detail::equal_ignoring_case(name, "proxy-authorization");
-    if (!proxy || is_forwarded || !is_for_tunnel) add(name, value);
+    // Of a tunnel the proxy alone gets this header, with CONNECT.
+    if (is_tunnelled && detail::equal_ignoring_case(name, "proxy-authorization")) continue;
+    add(name, value);
   }
   const bool expects_body = hop.method == "POST" || hop.method == "PUT" || hop.method == "PATCH";
   if (hop.body || expects_body) {
@@ -84,20 +85,21 @@ class Exchange::Parser final : public beast::http::basic_parser<false> {
   /// `lines` counts the header lines, trailers included, up to `max_lines`.
   Parser(std::size_t max_lines, std::size_t& lines, bool has_no_body)
       : max_lines_(max_lines), lines_(lines) {
-    this->header_limit(std::numeric_limits<std::uint32_t>::max());  // is bounded by the exchange
-    this->body_limit(std::numeric_limits<std::uint64_t>::max());
-    this->skip(has_no_body);
+    header_limit(std::numeric_limits<std::uint32_t>::max());  // is bounded by the exchange
+    body_limit(std::numeric_limits<std::uint64_t>::max());
+    skip(has_no_body);
     fields.reserve(USUAL_HEADERS);
   }
 
   /// Takes the next part of a message from the bytes and returns how many it took; 0: more must
   /// come.
   std::size_t take(std::string_view bytes) {
-    const bool is_framing = this->is_header_done() && chunk_left_ == 0;
+    // What frames a chunk is passed on only when it is whole: if more is wanted then, it is bad.
+    const bool is_framing = is_header_done() && chunk_left_ == 0;
     if (is_framing) bytes = whole_framing(bytes);
     if (bytes.empty()) return 0;
     beast::error_code error;
-    const std::size_t used = this->put({bytes.data(), bytes.size()}, error);
+    const std::size_t used = put({bytes.data(), bytes.size()}, error);
     if (is_framing && used == 0 && !error) error = beast::http::error::bad_chunk;
     const bool needs_more = error == beast::http::error::need_more && !is_framing;
     if (error && !needs_more && error != beast::http::error::need_buffer) fail(error);
@@ -115,9 +117,9 @@ class Exchange::Parser final : public beast::http::basic_parser<false> {
   std::size_t room = 0;
 
  private:
-  /// The line that begins a chunk, or the last one and the trailers; empty while not all of it is
-  /// here. Boost 1.74 to 1.83 (newer ones were not tried) assert that the last one is whole, and
-  /// read an extension in quotes beyond its line, as far as bytes are here.
+  /// The line that begins a chunk, or the last chunk with its trailers; empty until that is whole.
+  /// Boost 1.74 to 1.83 assert on an incomplete last chunk, and read an extension in quotes past
+  /// the end of its line.
   static std::string_view whole_framing(std::string_view bytes) {
     const std::size_t line = bytes.starts_with("\r\n") ? 2 : 0;  // the end of the chunk before
     const std::size_t digits = bytes.find_first_not_of('0', line);
@@ -130,7 +132,7 @@ class Exchange::Parser final : public beast::http::basic_parser<false> {
 
   [[noreturn]] void fail(const beast::error_code& error) const {
     const std::string quote = ": " + error.message();
-    if (this->is_header_done()) throw HTTPException("the reply's chunks are malformed" + quote);
+    if (is_header_done()) throw HTTPException("the reply's chunks are malformed" + quote);
     if (status == 0) throw BadStatusLine("the reply's status line is malformed" + quote);
     throw HTTPException("the reply's headers are malformed" + quote);
   }
@@ -148,7 +150,7 @@ class Exchange::Parser final : public beast::http::basic_parser<false> {
     if (++lines_ > max_lines_) {
       throw HTTPException("the reply has more than " + std::to_string(max_lines_) + " headers");
     }
-    if (this->is_header_done()) return;  // a trailer
+    if (is_header_done()) return;  // a trailer
     if (field == beast::http::field::transfer_encoding && !beast::iequals(value, "chunked") &&
         !beast::iequals(value, "identity")) {
       throw HTTPException("the reply has a transfer coding that was not asked for");
@@ -207,10 +209,13 @@ std::string_view Exchange::input() const {
 void Exchange::run(std::string head, std::string_view body, bool is_head_request) {
   is_head_request_ = is_head_request;
   parser_ = std::make_unique<Parser>(options_.max_headers, header_lines_, is_head_request_);
-  if (body.size() <= COPIED_BODY_BYTES) head.append(std::exchange(body, {}));
+  if (body.size() <= COPIED_BODY_BYTES) {
+    head.append(body);
+    body = {};
+  }
   send(head);
   if (status_ == 0) send(body);
-  if (status_ != 0) return;
+  if (status_ != 0) return;  // the final head came early
   is_sent_ = true;
   const TimePoint from = SteadyClock::now();
   const TimePoint until = from + limits_.longest_wait(Phase::awaiting_head);
@@ -237,10 +242,10 @@ void Exchange::send(std::string_view bytes) {
   }
 }
 
-/// Takes what is here; whether the final head is whole.
+/// Receives and parses what has arrived. Returns whether the final head is complete.
 bool Exchange::receive_head() {
   for (;;) {
-    // What is left of the buffer: one that has to grow is copied.
+    // Up to a multiple of this size: a buffer that has to grow is copied.
     const Io state = receive(HEAD_RECEIVE_BYTES - input().size() % HEAD_RECEIVE_BYTES);
     if (state == Io::blocked) return false;
     if (state != Io::moved) fail_without_head(state);
@@ -249,7 +254,7 @@ bool Exchange::receive_head() {
 }
 
 /// Parses what has been received of the final head and the interim ones before it (RFC 9110,
-/// section 15.2); whether the final head is whole.
+/// section 15.2). Returns whether the final head is complete.
 bool Exchange::parse_head() {
   for (;;) {
     const std::string_view part = next_part_of_head();
@@ -332,18 +337,18 @@ std::size_t Exchange::read(std::string& out, std::size_t amt, bool fill,
         stream_.wait(false, limits_.check(Phase::reading_body, *until));
       }
     }
-  } catch (const TimeoutError&) {
+  } catch (const TimeoutError&) {  // after some bytes it is forgotten: the next read waits anew
     if (out.size() == begin) failure_ = std::current_exception();
   } catch (...) {
     failure_ = std::current_exception();
   }
-  limits_.spend(Phase::reading_body, Duration::zero());
+  limits_.end_read();
   if (failure_ && out.size() == begin) std::rethrow_exception(failure_);
   return out.size() - begin;
 }
 
-/// Takes some of what is here, without waiting, and returns how many bytes; 0: none is here, or the
-/// body has ended.
+/// Appends received bytes of the body, without waiting, and returns how many; 0: none has arrived,
+/// or the body has ended.
 std::size_t Exchange::take_body(std::string& out, std::size_t amt) {
   if (framing_ == Framing::chunked) return take_chunked(out, amt);
   if (input().empty() && !receive_body(std::min<std::uint64_t>(bytes_left_, RECEIVE_BYTES))) {
@@ -377,7 +382,7 @@ std::size_t Exchange::take_chunked(std::string& out, std::size_t amt) {
   }
 }
 
-/// False: nothing is here, or the body has ended.
+/// Returns false where nothing has arrived or the body has ended.
 bool Exchange::receive_body(std::size_t at_most) {
   const Io state = receive(at_most);
   if (state == Io::moved || state == Io::blocked) return state == Io::moved;

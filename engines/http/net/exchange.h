@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// One request and its reply over a stream, in HTTP/1.1 (RFC 9112), on the caller's thread. Nothing
-// moves unless one of the functions runs: between two reads the peer is held back by its own full
-// window, and no more of the body is kept here than one receive brought too much.
+// One request and its reply over a stream, in HTTP/1.1 (RFC 9112), on the caller's thread. Bytes
+// are sent and received only inside its functions: between two reads TCP's flow control stops the
+// peer, and at most one receive is buffered. A head is a start line and the header fields after it.
 #pragma once
 
 #include <boost/beast/core/flat_buffer.hpp>
@@ -31,9 +31,9 @@ class Exchange {
   Exchange(Stream& stream, Limits& limits, const PoolOptions& options);
   ~Exchange();
 
-  /// Sends the request and waits for the final head; one that comes before the request is sent
-  /// whole ends the sending. `body` is used no longer than this call. Throws a transport failure,
-  /// or `Stopped`.
+  /// Sends the request and waits for the final head; one that arrives before the whole request is
+  /// sent ends the sending. `body` must stay valid during this call. Throws a transport error or
+  /// `Stopped`.
   void run(std::string head, std::string_view body, bool is_head_request);
 
   /// Of the final reply.
@@ -42,13 +42,13 @@ class Exchange {
 
   /// Appends up to `amt` bytes of the body to `out` and returns how many; 0: it has ended. Waits
   /// for the first bytes; with `fill` it goes on, within the same time, until it has `amt`. The
-  /// wait ends at `until`, where that is given. A failure is kept, and thrown again by every later
-  /// read.
+  /// wait ends at `until`, where that is given. After some bytes an error is not thrown: the read
+  /// returns those. Every later read throws it, unless it was a timeout.
   std::size_t read(std::string& out, std::size_t amt, bool fill,
                    std::optional<TimePoint> until = std::nullopt);
 
-  /// Takes what is left of the body and already here, within reason. Whether the stream can serve
-  /// another exchange.
+  /// Reads the rest of the body as far as it has arrived, up to 64 KiB. Returns whether the stream
+  /// can be used for another exchange.
   bool finish();
 
  private:
@@ -76,9 +76,9 @@ class Exchange {
   std::unique_ptr<Parser> parser_;
 
   bool is_head_request_ = false;
-  bool is_sent_ = false;          // the request, whole
+  bool is_sent_ = false;          // the whole request
   std::size_t head_bytes_ = 0;    // of the heads so far, interim ones included
-  std::size_t searched_ = 0;      // of the input, for the end of a part of a head
+  std::size_t searched_ = 0;      // bytes of the input, for the end of a part of a head
   std::size_t header_lines_ = 0;  // of the heads and the trailers
 
   StatusCode status_ = 0;  // of the final head; 0: it has not come

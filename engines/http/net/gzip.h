@@ -21,7 +21,7 @@ class GzipDecoder {
   ~GzipDecoder() { inflateEnd(&stream_); }
 
   /// Appends up to `amt` decoded bytes to `out` and returns how many; 0: the body has ended. With
-  /// `fill` it goes on until it has `amt`. What the body expands to beyond that stays coded. Throws
+  /// `fill` it goes on until it has `amt`. Input that would decode to more stays encoded. Throws
   /// `IncompleteRead` where the coded data ends early, `HTTPException` where it is no gzip, and
   /// what the source throws.
   std::size_t read(std::string& out, std::size_t amt, bool fill);

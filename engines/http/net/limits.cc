@@ -13,7 +13,7 @@ namespace {
 
 constexpr double LONGEST_S = 1e6;
 
-/// The longest wait before the stop signal is asked again: half of what is promised.
+/// The longest wait between two calls of the stop signal: half of the 0.1 s that are promised.
 constexpr Duration STOP_POLL = std::chrono::milliseconds(50);
 
 std::string_view text_of(Phase phase) {
@@ -23,7 +23,8 @@ std::string_view text_of(Phase phase) {
   return TEXTS[static_cast<std::size_t>(phase)];
 }
 
-bool is_outward(Phase phase) { return phase == Phase::connecting || phase == Phase::sending; }
+/// Until the request is sent, a failure is a `URLError`.
+bool is_before_sent(Phase phase) { return phase == Phase::connecting || phase == Phase::sending; }
 
 }  // namespace
 
@@ -48,15 +49,14 @@ Duration Limits::longest_wait(Phase phase) const {
   if (phase == Phase::connecting) return connect_timeout_ - connecting_;
   if (phase == Phase::awaiting_head) return timeout_ - awaiting_head_;
   if (phase == Phase::sending || has_read_) return timeout_;
-  // The first read shares what connecting and the head have left over, so that a peer which is slow
-  // at everything holds an attempt no longer than twice the timeout.
+  // The first read shares what connecting and the head have left over, so that a origin which is
+  // slow at everything holds an attempt no longer than twice the timeout.
   return std::clamp(2 * timeout_ - connecting_ - awaiting_head_, Duration::zero(), timeout_);
 }
 
 void Limits::spend(Phase phase, Duration waited) {
   if (phase == Phase::connecting) connecting_ += waited;
   if (phase == Phase::awaiting_head) awaiting_head_ += waited;
-  if (phase == Phase::reading_body) has_read_ = true;
 }
 
 void Limits::time_out(Phase phase) const {
@@ -66,9 +66,9 @@ void Limits::time_out(Phase phase) const {
     std::snprintf(bound, sizeof bound, "%g s", std::chrono::duration<double>(timeout).count());
   }
   const std::string text = std::string("timed out after ") + bound + " while " +
-                           std::string(text_of(phase)) + (is_outward(phase) ? " to " : " from ") +
-                           peer;
-  if (is_outward(phase)) throw URLError(TimeoutError(text));
+                           std::string(text_of(phase)) +
+                           (is_before_sent(phase) ? " to " : " from ") + origin;
+  if (is_before_sent(phase)) throw URLError(TimeoutError(text));
   throw TimeoutError(text);
 }
 

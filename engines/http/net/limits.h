@@ -17,8 +17,8 @@ using SteadyClock = std::chrono::steady_clock;
 using Duration = SteadyClock::duration;
 using TimePoint = SteadyClock::time_point;
 
-/// The duration of so many seconds: zero for what is not above zero or is NaN, and no more than
-/// 1,000,000 s, which overflows neither the clock nor a count of milliseconds.
+/// Converts seconds: zero, negative values and NaN become zero, more than 1,000,000 s become that,
+/// which overflows neither the clock nor a count of milliseconds.
 Duration duration_of(double seconds);
 
 /// Whole milliseconds, rounded up, for poll(2) and its like.
@@ -28,7 +28,8 @@ int milliseconds(Duration duration);
 enum class Phase { connecting, sending, awaiting_head, reading_body };
 
 /// The bounds of one call. Connecting, and waiting for the final head, have one budget each over
-/// all redirects; every other wait is bounded by the timeout alone.
+/// all redirects. The first read of the body has what these left of twice the timeout, but no more
+/// than the timeout, which bounds every other wait.
 class Limits {
  public:
   Limits(const TransportOptions& options, std::optional<Seconds> connect_timeout);
@@ -36,19 +37,21 @@ class Limits {
   /// How long a wait that begins now may take in this phase.
   Duration longest_wait(Phase phase) const;
 
-  /// Takes a wait off the budget of its phase. Every read of the body but the first has a budget of
-  /// its own, so of those only the end is counted.
+  /// Counts a wait of connecting, or of waiting for a head, against its budget.
   void spend(Phase phase, Duration waited);
 
+  /// Ends the first read of the body.
+  void end_read() noexcept { has_read_ = true; }
+
   /// Throws `Stopped` once the stop signal returns true, and a timeout once the call's time is over
-  /// or `until` has come. Otherwise returns how long to wait before asking again.
+  /// or `until` has come. Otherwise returns how long to wait at most before the next check.
   Duration check(Phase phase, TimePoint until = TimePoint::max()) const;
 
   /// Throws the timeout of this phase.
   [[noreturn]] void time_out(Phase phase) const;
 
-  /// The peer of the current exchange, "host:port", for the texts of timeouts.
-  std::string peer;
+  /// The origin of the current request, "host:port", for the texts of timeouts.
+  std::string origin;
 
  private:
   Duration timeout_;

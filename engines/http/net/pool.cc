@@ -12,12 +12,12 @@
 namespace engines::http::net {
 namespace {
 
-/// Guards the idle connections of all pools. It is never held while something is waited for. A fork
-/// waits for it: in the child no thread would be left to give it back.
+/// Guards the idle connections of all pools. Never held during a blocking operation. A fork locks
+/// it first, because the child could not unlock a mutex that another thread holds.
 std::mutex mutex;
-void lock() { mutex.lock(); }
-void unlock() { mutex.unlock(); }
-const int atfork_error = pthread_atfork(&lock, &unlock, &unlock);
+void lock_pools() { mutex.lock(); }
+void unlock_pools() { mutex.unlock(); }
+const int atfork_error = pthread_atfork(&lock_pools, &unlock_pools, &unlock_pools);
 
 }  // namespace
 

@@ -10,16 +10,15 @@
 
 namespace engines::http::net {
 
-/// Any thread may call any function at any time, and so may the child of a fork: it begins with no
-/// idle connection.
+/// Thread-safe. After a fork the child begins without idle connections.
 class Pool {
  public:
   explicit Pool(PoolOptions options);
 
   const PoolOptions& options() const noexcept { return options_; }
 
-  /// The connection with this route that was used last and is quiet; null: none. Closes those that
-  /// have been idle for too long.
+  /// The most recently used quiet connection with this route; null: none. Closes those with this
+  /// route that are not quiet, and all that have been idle for too long.
   std::unique_ptr<Connection> take(const Route& route);
 
   /// Keeps a connection that can serve another exchange.
@@ -31,14 +30,14 @@ class Pool {
     TimePoint since;
   };
 
-  /// As `take`, but the connection may not be quiet.
+  /// As `take`, without checking that the connection is quiet.
   std::unique_ptr<Connection> take_latest(const Route& route);
   /// Closes those that have been idle for too long or came through a fork.
   void close_stale(TimePoint now);
 
   const PoolOptions options_;
   const Duration max_idle_time_;
-  std::vector<Idle> idle_;  // the one that was used last at the end
+  std::vector<Idle> idle_;  // least recently used first
 };
 
 }  // namespace engines::http::net

@@ -29,7 +29,7 @@ Setting environment(std::initializer_list<const char*> names) {
 }
 
 /// The 4 bytes of an IPv4 address or the 16 of an IPv6 address; empty: it is no address.
-std::string address_of(std::string_view text) {
+std::string ip_bytes(std::string_view text) {
   if (text.starts_with('[') && text.ends_with(']')) text = text.substr(1, text.size() - 2);
   const std::string copy(text);
   std::string bytes(16, '\0');
@@ -40,7 +40,7 @@ std::string address_of(std::string_view text) {
 /// Whether the address is in the network, an address or "address/bits".
 bool is_in_network(const std::string& address, std::string_view network) {
   const std::size_t slash = std::min(network.find('/'), network.size());
-  const std::string base = address_of(network.substr(0, slash));
+  const std::string base = ip_bytes(network.substr(0, slash));
   if (base.size() != address.size()) return false;
   std::size_t bits = 8 * base.size();
   if (slash < network.size()) {
@@ -48,7 +48,8 @@ bool is_in_network(const std::string& address, std::string_view network) {
     const auto [read_end, error] = std::from_chars(network.data() + slash + 1, end, bits);
     if (error != std::errc() || read_end != end || bits > 8 * base.size()) return false;
   }
-  const std::size_t whole = bits / 8;  // bytes; behind the last one there is a NUL
+  const std::size_t whole =
+      bits / 8;  // bytes; after the last one there is a NUL, of which no bit is compared
   return address.compare(0, whole, base, 0, whole) == 0 &&
          ((address[whole] ^ base[whole]) & 0xFF) >> (8 - bits % 8) == 0;
 }
@@ -65,7 +66,7 @@ bool is_in_domain(std::string_view host, std::string_view domain) {
 }  // namespace
 
 bool is_excluded(std::string_view no_proxy, std::string_view host) {
-  const std::string address = address_of(host);
+  const std::string address = ip_bytes(host);
   while (!no_proxy.empty()) {
     const std::size_t end = std::min(no_proxy.find_first_of(", \t"), no_proxy.size());
     const std::string_view entry = no_proxy.substr(0, end);

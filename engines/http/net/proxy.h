@@ -10,12 +10,13 @@
 
 namespace engines::http::net {
 
-/// The proxy for requests to the origin; none: there is none. `option` is the URL of one for all
-/// origins, empty for none; without it the environment decides:
-///   http_proxy (in lower case alone: a CGI program gets HTTP_PROXY from its client), https_proxy
-///   or HTTPS_PROXY; for both, all_proxy or ALL_PROXY; no_proxy or NO_PROXY: names whose hosts,
-///   subdomains included, are connected to directly, addresses, and networks as 10.0.0.0/8;
-///   separated by commas or spaces; "*": all.
+/// The proxy for requests to the origin; none: connect directly. `option`, where given, is the URL
+/// of the proxy for all origins, or empty for no proxy. Otherwise the environment decides:
+///   - http: http_proxy (not HTTP_PROXY, which the client of a CGI program can set)
+///   - https: https_proxy, HTTPS_PROXY
+///   - both, where these are not set: all_proxy, ALL_PROXY
+///   - no proxy for what no_proxy or NO_PROXY lists, separated by commas or spaces: domains with
+///     their subdomains, addresses, networks such as 10.0.0.0/8, or "*" for all hosts
 /// Throws `ValueError`, which names the option or the variable and quotes nothing of the URL.
 std::optional<Url> proxy_for(const Origin& origin, const std::optional<std::string>& option);
 
@@ -23,7 +24,7 @@ std::optional<Url> proxy_for(const Origin& origin, const std::optional<std::stri
 /// proxy is a tunnel, which passes on the bytes of a connection to the origin.
 bool is_forwarding(const Url& proxy, const Origin& origin);
 
-/// Whether a list as in no_proxy covers the host, an IPv6 address being in brackets.
+/// Whether the list of no_proxy covers the host. An IPv6 address is in brackets.
 bool is_excluded(std::string_view no_proxy, std::string_view host);
 
 }  // namespace engines::http::net

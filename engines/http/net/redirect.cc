@@ -10,10 +10,10 @@
 namespace engines::http::net {
 namespace {
 
-/// What another origin may know of a request. A list of credentials would never be complete.
+/// The headers that another origin gets. A list of those to withhold would never be complete.
 constexpr std::string_view HARMLESS[] = {"accept", "accept-language", "content-type",
                                          "content-language", "user-agent"};
-/// What describes a body.
+/// The headers that describe a body, and are dropped with it.
 constexpr std::string_view CONTENT[] = {"content-type", "content-length", "content-encoding",
                                         "content-language", "content-location"};
 
@@ -26,12 +26,12 @@ bool is_token(std::string_view text) {  // RFC 9110, section 5.6.2
 [[noreturn]] void refuse(const std::string& why) { throw std::invalid_argument(why); }
 
 /// The headers whose names are, or are not, among these.
-Headers filtered(const Headers& headers, std::span<const std::string_view> names, bool are_kept) {
+Headers filtered(const Headers& headers, std::span<const std::string_view> names, bool keep_named) {
   Headers kept;
   for (const auto& [name, value] : headers) {
     const bool is_named = std::ranges::any_of(
         names, [&n = name](auto other) { return detail::equal_ignoring_case(n, other); });
-    if (is_named == are_kept) kept.add(name, value);
+    if (is_named == keep_named) kept.add(name, value);
   }
   return kept;
 }
@@ -92,8 +92,8 @@ std::optional<Hop> next_hop(const Hop& hop, StatusCode status,
   Hop next = hop;
   next.url = std::move(url);
   Headers headers = *hop.headers;
-  const bool keeps_method = hop.method == "GET" || hop.method == "HEAD";
-  if (!repeats && !keeps_method && (status == 303 || hop.method == "POST")) {
+  const bool only_reads = hop.method == "GET" || hop.method == "HEAD";
+  if (status == 303 ? !only_reads : !repeats && hop.method == "POST") {
     next.method = "GET";
     next.body.reset();
     headers = filtered(headers, CONTENT, false);

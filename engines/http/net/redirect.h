@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// One request of a chain of redirects: what is sent, checked before it is sent, and what a redirect
-// makes of it.
+// The requests of one call: the first, checked before it is sent, and those that follow redirects.
 #pragma once
 
 #include <memory>
@@ -15,8 +14,8 @@ namespace engines::http::net {
 
 struct Hop {
   std::shared_ptr<const Url> url;
-  /// The URL's userinfo, where it is sent: to the origin that it was given for, unless the headers
-  /// hold an `Authorization`.
+  /// The userinfo to send; none after a redirect to another origin, or where the headers hold an
+  /// `Authorization`.
   std::optional<Credentials> credentials;
   std::string method;
   /// Borrowed from the caller's request, or made for a redirect.
@@ -34,16 +33,15 @@ bool is_forbidden_in_value(char c) noexcept;
 ///   - a method or a header name that is no token, or a control character in a header's value
 ///     (RFC 9110, sections 5.5, 5.6.2 and 9.1): they would start another header or request;
 ///   - a `Content-Length`, `Transfer-Encoding` or `Host` that contradicts the request, and the
-///     method `CONNECT`: the peer would see other message ends, or another request, than we do;
-///   - `Expect`, which asks for an exchange that a transport may have to repeat.
+///     method `CONNECT`: the peer would see another end of the message, or another request;
+///   - `Expect`: a body is sent without waiting for 100 (Continue).
 /// The request must outlive the hop.
 Hop first_hop(const Request& request);
 
 /// What follows a reply with this status and `Location`; none where the reply is final
-/// (RFC 9110, section 15.4). 307 and 308 repeat the request. 303, and after a POST 301 and 302,
-/// turn it into a GET without a body. Another origin gets neither credentials nor any header but
-/// those that describe the body and what the client reads; and the peer does not choose which
-/// userinfo is sent.
+/// (RFC 9110, section 15.4). 307 and 308 repeat the request. 303 turns any method but GET and
+/// HEAD into a GET without a body; 301 and 302 do so with a POST. Another origin gets no
+/// credentials and only harmless headers. Userinfo in the `Location` is ignored.
 std::optional<Hop> next_hop(const Hop& hop, StatusCode status,
                             const std::optional<std::string>& location);
 

@@ -34,7 +34,7 @@ Handle handle_of(const std::string& url) {
     case CURLUE_BAD_PORT_NUMBER:
       refuse("has a port that is no number from 1 to 65535");
     default:
-      refuse("has a host that is no host name and no address");
+      refuse("has a host that is neither a host name nor an address");
   }
 }
 
@@ -76,7 +76,7 @@ std::string decoded(std::string_view text) {
   return plain;
 }
 
-/// Of "user:password", where the password may be missing.
+/// Splits "user:password", where the password may be missing.
 Credentials credentials_of(std::string_view userinfo) {
   const std::size_t colon = std::min(userinfo.find(':'), userinfo.size());
   const std::size_t password = std::min(colon + 1, userinfo.size());

@@ -9,12 +9,12 @@
 
 namespace engines::http::net {
 
-/// Where credentials belong: a request to another origin is a request to another party.
+/// Scheme, host and port. Credentials are sent to one origin only.
 struct Origin {
   std::string scheme;  // in lower case
   std::string host;    // in lower case; an IPv6 address in brackets
   std::string zone;    // of a link-local IPv6 address; empty: none (RFC 6874)
-  std::string port;    // the scheme's own where the URL has none
+  std::string port;    // where the URL has none: 443 for https, 80 for http, 1080 for another proxy
 
   bool operator==(const Origin&) const = default;
 
@@ -32,7 +32,7 @@ struct Credentials {
 };
 
 struct Url {
-  std::string text;    // as it was given, without the userinfo, so that no text can quote that
+  std::string text;    // without userinfo; what a relative `Location` is relative to
   std::string target;  // path and query, as a request line has them (RFC 9112, section 3.2.1)
   Origin origin;
   std::optional<Credentials> credentials;  // the userinfo, percent-decoded; none: the URL has none

@@ -36,6 +36,7 @@ std::string lower(std::string_view text) {
 
 bool equal_ignoring_case(std::string_view a, std::string_view b) {
   if (std::ranges::equal(a, b, {}, lower_ascii, lower_ascii)) return true;
+  // Outside ASCII different bytes can be equal: the Kelvin sign is a "k".
   return !(is_ascii(a) && is_ascii(b)) && lower(a) == lower(b);
 }
 
