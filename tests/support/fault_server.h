@@ -35,7 +35,7 @@ class Peer {
   void stall(int ms = -1);
   /// Makes the end of the connection a reset.
   void reset();
-  /// The TLS session, which the play's end cuts unless it is told otherwise; null without TLS.
+  /// The TLS session, which ends without close_notify unless the play sends it; null without TLS.
   SSL* tls();
 
  private:
