@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "engines/http/net/limits.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <string_view>
 
 #include "engines/http/failure.h"
@@ -60,14 +61,13 @@ void Limits::spend(Phase phase, Duration waited) {
 }
 
 void Limits::time_out(Phase phase) const {
-  char bound[48] = "all the time that was left for the call";
-  if (SteadyClock::now() < end_) {
-    const Duration timeout = phase == Phase::connecting ? connect_timeout_ : timeout_;
-    std::snprintf(bound, sizeof bound, "%g s", std::chrono::duration<double>(timeout).count());
-  }
-  const std::string text = std::string("timed out after ") + bound + " while " +
-                           std::string(text_of(phase)) +
-                           (is_before_sent(phase) ? " to " : " from ") + origin;
+  const Duration timeout = phase == Phase::connecting ? connect_timeout_ : timeout_;
+  const std::string bound =
+      SteadyClock::now() < end_
+          ? fmt::format("{:g} s", std::chrono::duration<double>(timeout).count())
+          : std::string("all the time that was left for the call");
+  const std::string text = fmt::format("timed out after {} while {} {} {}", bound, text_of(phase),
+                                       is_before_sent(phase) ? "to" : "from", origin);
   if (is_before_sent(phase)) throw URLError(TimeoutError(text));
   throw TimeoutError(text);
 }
