@@ -7,10 +7,9 @@
 #include <algorithm>
 #include <string>
 
-#include "engines/http/text/case.h"
 #include "engines/http/text/literal.h"
+#include "engines/http/text/unicode.h"
 #include "engines/http/text/utf8.h"
-#include "engines/http/text/white_space.h"
 #include "fuzz/expect.h"
 
 namespace detail = engines::http::detail;
@@ -56,12 +55,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string text(reinterpret_cast<const char*>(data), size);
   const UnicodeString decoded = UnicodeString::fromUTF8(text);
   const std::string well_formed = utf8(decoded);
-  expect(detail::decode_utf8(text) == well_formed, "decoding");
+  expect(detail::replace_ill_formed(text) == well_formed, "decoding");
   expect(detail::is_utf8(text) == (well_formed == text), "well-formedness");
-  expect(detail::length(text) == static_cast<std::size_t>(decoded.countChar32()), "length");
+  expect(detail::char_count(text) == static_cast<std::size_t>(decoded.countChar32()), "length");
   const int count = size > 0 ? std::min<int>(data[0], decoded.length()) : 0;
   const std::string_view first = detail::first_chars(text, static_cast<std::size_t>(count));
-  expect(detail::decode_utf8(std::string(first)) ==
+  expect(detail::replace_ill_formed(std::string(first)) ==
              utf8(decoded.tempSubString(0, decoded.moveIndex32(0, count))),
          "the first characters");
   check_literal(UnicodeString::fromUTF8(detail::quoted(text)), decoded);

@@ -44,7 +44,8 @@ struct Case {
     std::string secret = some(letters, 8 + below(below(4) > 0 ? 12 : 150));
     if (!secrets.empty() && below(3) == 0) {  // it begins as another one ends
       const std::string other = some(secrets);
-      secret.insert(0, other.substr(first_chars(other, below(detail::length(other) - 7)).size()));
+      secret.insert(0,
+                    other.substr(first_chars(other, below(detail::char_count(other) - 7)).size()));
       if (below(2) == 0) secret = first_chars(secret, 8 + below(12));
       unbroken = false;  // only one of the two is found where they overlap
     }
@@ -75,9 +76,9 @@ struct Case {
   std::string leak_in(const std::string& text, bool ends_itself) const {
     const std::string shown = replaced(text, REDACTED, "\n");
     for (const std::string& given : secrets) {
-      const std::string secret = detail::decode_utf8(given);
+      const std::string secret = detail::replace_ill_formed(given);
       if (shown.find(secret) != shown.npos) return secret;
-      for (std::size_t count = 8; count < detail::length(secret); ++count) {
+      for (std::size_t count = 8; count < detail::char_count(secret); ++count) {
         const std::string start(first_chars(secret, count));
         if (ends_itself && shown.ends_with(start)) return start;
         const std::string part = start.substr(first_chars(start, count - 8).size());
@@ -100,7 +101,7 @@ struct Case {
     ASSERT_TRUE(failure) << "the call did not fail";
     while (failure) {
       // Where a part of a secret may stand in the middle, a quote that is cut may end in it.
-      const bool whole = unbroken || detail::length(failure->detail()) < detail_chars;
+      const bool whole = unbroken || detail::char_count(failure->detail()) < detail_chars;
       for (const auto& text : {failure->message(), failure->detail()}) {
         EXPECT_EQ(leak_in(text, whole), "") << text;
       }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "engines/http/body.h"
 
-#include "engines/http/text/ascii.h"
+#include "engines/http/text/encoding.h"
 #include "engines/http/text/utf8.h"
 
 namespace engines::http {

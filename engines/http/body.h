@@ -177,7 +177,7 @@ void write_scalar(JsonWriter& out, const T& value) {
   } else if constexpr (std::signed_integral<T>) {
     out.integer(value);
   } else {
-    out.natural(value);
+    out.unsigned_integer(value);
   }
 }
 
@@ -258,7 +258,7 @@ void write_tree(JsonWriter& out, const Value& value) {
     case Kind::number_integer:
       return out.integer(value.template get<std::int64_t>());
     case Kind::number_unsigned:
-      return out.natural(value.template get<std::uint64_t>());
+      return out.unsigned_integer(value.template get<std::uint64_t>());
     case Kind::number_float:
       return out.number(value.template get<double>());
     case Kind::string:

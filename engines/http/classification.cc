@@ -4,10 +4,9 @@
 #include <algorithm>
 
 #include "engines/http/closing.h"
-#include "engines/http/text/case.h"
 #include "engines/http/text/type_name.h"
+#include "engines/http/text/unicode.h"
 #include "engines/http/text/utf8.h"
-#include "engines/http/text/white_space.h"
 
 namespace engines::http {
 namespace {
@@ -28,7 +27,7 @@ bool is_transient_without_status(const ErrorRef& error) {
 
 std::string read_error_body(Response& body) {
   try {
-    return detail::decode_utf8(body.read(detail::ERROR_BODY_BYTES));
+    return detail::replace_ill_formed(body.read(detail::ERROR_BODY_BYTES));
   } catch (const OSError&) {
   } catch (const HTTPException&) {
   } catch (const ValueError&) {
@@ -101,7 +100,7 @@ std::string _error_body(const HTTPError& error) {
 std::optional<std::string> html_page(std::string_view body, std::string_view content_type) {
   constexpr std::size_t START_CHARS = 64;
   const std::string start =
-      detail::lower(detail::first_chars(detail::trim_start_and_separators(body), START_CHARS));
+      detail::lower(detail::first_chars(detail::trim_start(body), START_CHARS));
   const bool labelled = detail::lower(content_type).find("text/html") != std::string::npos;
   if (labelled || start.starts_with("<!doctype html") || start.starts_with("<html")) {
     return "an HTML page";

@@ -11,7 +11,7 @@
 #include "engines/http/net/pool.h"
 #include "engines/http/net/proxy.h"
 #include "engines/http/net/redirect.h"
-#include "engines/http/text/case.h"
+#include "engines/http/text/unicode.h"
 
 namespace engines::http {
 namespace {

@@ -74,8 +74,8 @@ bool Events::fetch(Event& event) {
         continue;
       }
       data.pop_back();  // the last line feed
-      event.event = kind.empty() ? "message" : detail::decode_utf8(std::move(kind));
-      event.data = detail::decode_utf8(std::move(data));
+      event.event = kind.empty() ? "message" : detail::replace_ill_formed(std::move(kind));
+      event.data = detail::replace_ill_formed(std::move(data));
       event.id = last_id_;
       return true;
     }
@@ -85,7 +85,7 @@ bool Events::fetch(Event& event) {
     if (field == "data") data.append(value) += '\n';
     if (field == "event") kind = value;
     if (field == "id" && value.find('\0') == std::string_view::npos) {
-      last_id_ = detail::decode_utf8(std::string(value));
+      last_id_ = detail::replace_ill_formed(std::string(value));
     }
   }
   return false;

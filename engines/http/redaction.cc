@@ -11,11 +11,9 @@
 #include <new>
 #include <set>
 
-#include "engines/http/text/ascii.h"
-#include "engines/http/text/base64.h"
-#include "engines/http/text/case.h"
+#include "engines/http/text/encoding.h"
+#include "engines/http/text/unicode.h"
 #include "engines/http/text/utf8.h"
-#include "engines/http/text/white_space.h"
 
 namespace engines::http {
 namespace {
@@ -119,7 +117,7 @@ using BySize = std::set<std::pair<std::size_t, std::string_view>, std::greater<>
 BySize by_size(const std::vector<std::string>& secrets) {
   BySize sized;
   for (const std::string& secret : secrets) {
-    const std::size_t chars = detail::length(secret);
+    const std::size_t chars = detail::char_count(secret);
     if (chars >= detail::MIN_SECRET_CHARS) sized.emplace(chars, secret);
   }
   return sized;
@@ -169,21 +167,6 @@ std::vector<std::string> by_name(const Headers& headers) {
   return found;
 }
 
-// ---- Userinfo -----------------------------------------------------------------------------------
-
-std::string percent_decoded(std::string_view text) {  // RFC 3986, section 2.1
-  std::string decoded;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const bool is_escape = text[i] == '%' && i + 2 < text.size();
-    const int high = is_escape ? detail::hex_value(text[i + 1]) : -1;
-    const int low = is_escape ? detail::hex_value(text[i + 2]) : -1;
-    const bool is_valid = high >= 0 && low >= 0;
-    decoded += is_valid ? static_cast<char>(high * 16 + low) : text[i];
-    if (is_valid) i += 2;
-  }
-  return decoded;
-}
-
 }  // namespace
 
 const std::vector<std::string>& Secrets::items() const noexcept {
@@ -221,11 +204,11 @@ Secrets secrets_of_url(std::string_view url) {
   if (at == std::string_view::npos) return {};
   const std::string_view userinfo = authority.substr(0, at);
   const std::size_t colon = std::min(userinfo.find(':'), userinfo.size());
-  const std::string user = percent_decoded(userinfo.substr(0, colon));
+  const std::string user = detail::percent_decoded(userinfo.substr(0, colon));
   const std::string_view password = userinfo.substr(std::min(colon + 1, userinfo.size()));
   const std::string_view secret = password.empty() ? userinfo.substr(0, colon) : password;
-  return {std::string(secret), percent_decoded(secret),
-          detail::base64(user + ":" + percent_decoded(password))};
+  return {std::string(secret), detail::percent_decoded(secret),
+          detail::base64(user + ":" + detail::percent_decoded(password))};
 }
 
 Secrets detail::secrets_of_call(const Secrets& given, const Headers& headers,
@@ -237,7 +220,7 @@ Secrets detail::secrets_of_call(const Secrets& given, const Headers& headers,
 
 std::string _without_cut_secret(std::string text, std::string_view secret) {
   // Compared as bytes: the text may be cut inside a character.
-  const std::size_t chars = detail::length(secret);
+  const std::size_t chars = detail::char_count(secret);
   if (chars <= detail::MIN_SECRET_CHARS) return text;
   const std::size_t shortest = detail::first_chars(secret, detail::MIN_SECRET_CHARS).size();
   const std::size_t longest = std::min(secret.size() - 1, text.size());
@@ -253,12 +236,12 @@ std::string _without_cut_secret(std::string text, std::string_view secret) {
 std::string redact(std::string_view text, const Secrets& secrets) {
   std::string redacted(text);
   std::vector<std::string> decoded;
-  for (const std::string& secret : secrets) decoded.push_back(detail::decode_utf8(secret));
+  for (const std::string& secret : secrets) decoded.push_back(detail::replace_ill_formed(secret));
   std::vector<std::string> forms(secrets.begin(), secrets.end());  // as bytes, and as UTF-8
   forms.insert(forms.end(), decoded.begin(), decoded.end());
   remove_secrets(redacted, forms);
   if (!detail::is_utf8(redacted)) {
-    redacted = detail::decode_utf8(std::move(redacted));
+    redacted = detail::replace_ill_formed(std::move(redacted));
     remove_secrets(redacted, decoded);  // one that contains U+FFFD may match only now
   }
   for (const Echo& echo : echoes()) {
@@ -270,7 +253,7 @@ std::string redact(std::string_view text, const Secrets& secrets) {
 std::string excerpt(std::string_view text, const Secrets& secrets, std::size_t limit) {
   std::size_t margin = EXCERPT_MARGIN_CHARS;
   for (const std::string& secret : secrets) {
-    margin = std::max(margin, detail::length(secret) + EXCERPT_MARGIN_CHARS);
+    margin = std::max(margin, detail::char_count(secret) + EXCERPT_MARGIN_CHARS);
   }
   const std::size_t stretch = limit + std::min(margin, SIZE_MAX - limit);
   const std::string redacted = redact(detail::first_chars(text, stretch), secrets);

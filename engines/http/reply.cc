@@ -55,7 +55,7 @@ std::string read_body(Response& reply, const RetryPolicy& policy) {
 }
 
 Json read_json(Response& reply, const RetryPolicy& policy, const Secrets& secrets) {
-  const std::string text = detail::decode_utf8(read_body(reply, policy));
+  const std::string text = detail::replace_ill_formed(read_body(reply, policy));
   if (const std::string reason = detail::refusal_of(policy, text, ""); !reason.empty()) {
     throw Refused(
         reason + " instead of a JSON reply",

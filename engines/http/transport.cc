@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <stdexcept>
 
-#include "engines/http/text/case.h"
+#include "engines/http/text/unicode.h"
 
 namespace engines::http {
 namespace {

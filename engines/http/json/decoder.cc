@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "engines/http/json/syntax.h"
-#include "engines/http/text/ascii.h"
 #include "engines/http/text/utf8.h"
 
 namespace engines::http::detail {
@@ -26,18 +25,19 @@ using Json = nlohmann::ordered_json;
 constexpr double NOT_A_NUMBER = std::numeric_limits<double>::quiet_NaN();
 constexpr double INFINITE = std::numeric_limits<double>::infinity();
 
+constexpr bool is_digit(char c) noexcept { return c >= '0' && c <= '9'; }
 constexpr bool is_space(char c) noexcept { return c == ' ' || c == '\n' || c == '\r' || c == '\t'; }
 constexpr bool is_lead_surrogate(char32_t unit) noexcept { return (unit & 0xFC00) == 0xD800; }
 constexpr bool is_trail_surrogate(char32_t unit) noexcept { return (unit & 0xFC00) == 0xDC00; }
 
 /// Empties a value, the innermost first. The destructor of an array or object that is not empty
 /// allocates, and would end the process when memory is short.
-void clear(Json& value) noexcept {
+void clear_deeply(Json& value) noexcept {
   if (auto* const items = value.get_ptr<Json::array_t*>()) {
-    for (Json& item : *items) clear(item);
+    for (Json& item : *items) clear_deeply(item);
     items->clear();
   } else if (auto* const members = value.get_ptr<Json::object_t*>()) {
-    for (auto& [name, member] : *members) clear(member);
+    for (auto& [name, member] : *members) clear_deeply(member);
     members->clear();
   }
 }
@@ -54,7 +54,7 @@ std::size_t merge_repeated_names(std::span<const std::string> names, std::span<J
             ? first_of.try_emplace(names[i], i).first->second
             : static_cast<std::size_t>(std::ranges::find(names, names[i]) - names.begin());
     if (first == i) continue;
-    clear(values[first]);
+    clear_deeply(values[first]);
     values[first] = std::exchange(values[i], Json::value_t::discarded);
     --remaining;
   }
@@ -69,7 +69,7 @@ class Decoder {
   explicit Decoder(std::string_view text) : at_(text.data()), end_(text.data() + text.size()) {
     values_.reserve(text.size() / 8 + 8);  // most texts have fewer values than one in 8 characters
   }
-  ~Decoder() { std::ranges::for_each(values_, clear); }
+  ~Decoder() { std::ranges::for_each(values_, clear_deeply); }
 
   std::optional<Json> decode();
 
@@ -91,19 +91,19 @@ class Decoder {
     return true;
   }
 
-  // Each reads what it is named after. False: the text is not JSON.
-  bool value();
-  bool array();
-  bool object();
+  // False: the text is not JSON.
+  bool read_value();
+  bool read_array();
+  bool read_object();
   template <class ReadItem>
-  bool items(char closer, ReadItem read_item);
-  bool member();
-  bool string();
-  bool number();
-  bool real(const char* start);
-  bool text(std::string& out);
-  bool escape(std::string& out);
-  bool code_unit(char32_t& unit) noexcept;
+  bool read_items(char closer, ReadItem read_item);
+  bool read_member();
+  bool read_string();
+  bool read_number();
+  bool read_double(const char* start);
+  bool append_string(std::string& out);
+  bool append_escape(std::string& out);
+  bool read_code_unit(char32_t& unit) noexcept;
 
   const char* at_;
   const char* end_;
@@ -113,7 +113,7 @@ class Decoder {
 };
 
 std::optional<Json> Decoder::decode() {
-  if (!value()) return std::nullopt;
+  if (!read_value()) return std::nullopt;
   skip_space();
   if (at_ != end_) return std::nullopt;
   return std::exchange(values_.front(), nullptr);
@@ -125,16 +125,16 @@ bool Decoder::take(std::string_view word) noexcept {
   return true;
 }
 
-bool Decoder::value() {
+bool Decoder::read_value() {
   skip_space();
   if (at_ == end_) return false;
   switch (*at_) {
     case '[':
-      return array();
+      return read_array();
     case '{':
-      return object();
+      return read_object();
     case '"':
-      return string();
+      return read_string();
     case 'n':
       return take("null") && push(nullptr);
     case 't':
@@ -146,13 +146,13 @@ bool Decoder::value() {
     case 'I':
       return take("Infinity") && push(INFINITE);
     default:
-      return number();
+      return read_number();
   }
 }
 
-bool Decoder::array() {
+bool Decoder::read_array() {
   const std::size_t first = values_.size();
-  if (!items(']', [this] { return value(); })) return false;
+  if (!read_items(']', [this] { return read_value(); })) return false;
   Json array(Json::value_t::array);
   const auto read = std::span(values_).subspan(first);
   array.get_ref<Json::array_t&>().assign(std::move_iterator(read.begin()),
@@ -161,10 +161,10 @@ bool Decoder::array() {
   return push(std::move(array));
 }
 
-bool Decoder::object() {
+bool Decoder::read_object() {
   const std::size_t first_name = names_.size();
   const std::size_t first_value = values_.size();
-  if (!items('}', [this] { return member(); })) return false;
+  if (!read_items('}', [this] { return read_member(); })) return false;
   Json object(Json::value_t::object);
   // An ordered_map copies its members when it grows, and searches all of them on insertion.
   auto& members = static_cast<Json::object_t::Container&>(object.get_ref<Json::object_t&>());
@@ -182,7 +182,7 @@ bool Decoder::object() {
 
 /// Reads the brackets of an array or object and what is between them.
 template <class ReadItem>
-bool Decoder::items(char closer, ReadItem read_item) {
+bool Decoder::read_items(char closer, ReadItem read_item) {
   if (++depth_ > MAX_JSON_DEPTH) return false;
   ++at_;
   skip_space();
@@ -196,40 +196,41 @@ bool Decoder::items(char closer, ReadItem read_item) {
   return take(closer);
 }
 
-bool Decoder::member() {
+bool Decoder::read_member() {
   skip_space();
-  if (!next_is('"') || !text(names_.emplace_back())) return false;
+  if (!next_is('"') || !append_string(names_.emplace_back())) return false;
   skip_space();
-  return take(':') && value();
+  return take(':') && read_value();
 }
 
-bool Decoder::string() {
+bool Decoder::read_string() {
   std::string read;
-  return text(read) && push(std::move(read));
+  return append_string(read) && push(std::move(read));
 }
 
 /// `std::from_chars` accepts more than JSON does: leading zeros, words, and a point without digits
 /// around it. These are refused here. It ends before characters that belong to no number, which the
 /// caller refuses.
-bool Decoder::number() {
+bool Decoder::read_number() {
   const char* const start = at_;
   const bool negative = take('-');
   if (negative && next_is('I')) return take("Infinity") && push(-INFINITE);
   const bool leading_zero = next_is('0');
-  std::uint64_t natural = 0;
-  const auto [integer_end, error] = std::from_chars(at_, end_, natural);
+  std::uint64_t magnitude = 0;
+  const auto [integer_end, error] = std::from_chars(at_, end_, magnitude);
   if (integer_end == at_ || (leading_zero && integer_end != at_ + 1)) return false;
   at_ = integer_end;
-  if (take('.')) return at_ != end_ && is_digit(*at_) && real(start);
-  if (next_is('e') || next_is('E') || error != std::errc()) return real(start);
-  if (!negative) return push(natural);
+  if (take('.')) return at_ != end_ && is_digit(*at_) && read_double(start);
+  if (next_is('e') || next_is('E') || error != std::errc()) return read_double(start);
+  if (!negative) return push(magnitude);
   constexpr std::uint64_t LARGEST = std::uint64_t{1} << 63;
-  if (natural == 0 || natural > LARGEST) return real(start);  // as a double, -0 keeps its sign
-  return push(static_cast<std::int64_t>(-natural));
+  if (magnitude == 0 || magnitude > LARGEST)
+    return read_double(start);  // as a double, -0 keeps its sign
+  return push(static_cast<std::int64_t>(-magnitude));
 }
 
 /// Reads the number that begins at `start` as the nearest double.
-bool Decoder::real(const char* start) {
+bool Decoder::read_double(const char* start) {
   double value = 0;
   const auto [end, error] = std::from_chars(start, end_, value);
   at_ = end;
@@ -243,18 +244,18 @@ bool Decoder::real(const char* start) {
 }
 
 /// Reads a string and appends its characters.
-bool Decoder::text(std::string& out) {
+bool Decoder::append_string(std::string& out) {
   ++at_;
   while (true) {
     const char* const plain = at_;
     at_ = skip_plain(at_, end_);
     out.append(plain, at_);
     if (take('"')) return true;
-    if (!take('\\') || !escape(out)) return false;
+    if (!take('\\') || !append_escape(out)) return false;
   }
 }
 
-bool Decoder::escape(std::string& out) {
+bool Decoder::append_escape(std::string& out) {
   if (at_ == end_) return false;
   const char letter = *at_++;
   if (const auto i = ESCAPE_LETTERS.find(letter); i != std::string_view::npos) {
@@ -262,11 +263,11 @@ bool Decoder::escape(std::string& out) {
     return true;
   }
   char32_t unit = 0;
-  if (letter != 'u' || !code_unit(unit)) return false;
+  if (letter != 'u' || !read_code_unit(unit)) return false;
   if (is_lead_surrogate(unit)) {
     const char* const lead_end = at_;
     char32_t trail = 0;
-    if (take("\\u") && code_unit(trail) && is_trail_surrogate(trail)) {
+    if (take("\\u") && read_code_unit(trail) && is_trail_surrogate(trail)) {
       unit = 0x10000 + ((unit - 0xD800) << 10) + (trail - 0xDC00);
     } else {
       at_ = lead_end;
@@ -277,7 +278,7 @@ bool Decoder::escape(std::string& out) {
 }
 
 /// Reads the four digits of a numbered escape.
-bool Decoder::code_unit(char32_t& unit) noexcept {
+bool Decoder::read_code_unit(char32_t& unit) noexcept {
   constexpr int DIGITS = 4;
   if (end_ - at_ < DIGITS) return false;
   std::uint16_t value = 0;

@@ -8,20 +8,20 @@
 #include <utility>
 
 #include "engines/http/json/syntax.h"
-#include "engines/http/text/ascii.h"
 #include "engines/http/text/utf8.h"
 
 namespace engines::http::detail {
 namespace {
 
-/// An integer's digits.
-std::string_view text_of(const fmt::format_int& digits) { return {digits.data(), digits.size()}; }
+std::string_view digits_of(const fmt::format_int& number) { return {number.data(), number.size()}; }
 
 }  // namespace
 
-void JsonWriter::integer(std::int64_t value) { append(text_of(fmt::format_int(value))); }
+void JsonWriter::integer(std::int64_t value) { append(digits_of(fmt::format_int(value))); }
 
-void JsonWriter::natural(std::uint64_t value) { append(text_of(fmt::format_int(value))); }
+void JsonWriter::unsigned_integer(std::uint64_t value) {
+  append(digits_of(fmt::format_int(value)));
+}
 
 void JsonWriter::number(double value) {
   if (std::isnan(value)) return append("NaN");
@@ -49,9 +49,7 @@ void JsonWriter::text(std::string_view value) {
       const char escape[] = {'\\', ESCAPE_LETTERS[i]};
       append({escape, sizeof escape});
     } else {
-      const auto code = static_cast<unsigned char>(c);
-      const char escape[] = {'\\', 'u', '0', '0', HEX_DIGITS[code >> 4], HEX_DIGITS[code & 0xF]};
-      append({escape, sizeof escape});
+      append(fmt::format(FMT_COMPILE("\\u{:04x}"), static_cast<unsigned char>(c)));
     }
     at = plain_end + 1;
   }
@@ -71,18 +69,18 @@ void JsonWriter::name(std::string_view name) {
 }
 
 std::string JsonWriter::take() {
-  append_behind_stage({});
+  flush();
   return std::move(out_);
 }
 
-void JsonWriter::append_behind_stage(std::string_view piece) {
-  out_.append(stage_.data(), std::exchange(staged_, 0)).append(piece);
-}
+void JsonWriter::flush() { out_.append(buffer_.data(), std::exchange(buffered_, 0)); }
 
 void JsonWriter::check_depth(int depth) {
   if (depth <= MAX_JSON_DEPTH) return;
   throw std::invalid_argument(
-      "a value that is nested more than 1000 deep, or contains itself, cannot be encoded as JSON");
+      fmt::format("a value that is nested more than {} deep, or contains itself, cannot be encoded "
+                  "as JSON",
+                  MAX_JSON_DEPTH));
 }
 
 }  // namespace engines::http::detail

@@ -20,7 +20,7 @@ class ENGINES_HTTP_EXPORT JsonWriter {
   void null() { append("null"); }
   void boolean(bool value) { append(value ? "true" : "false"); }
   void integer(std::int64_t value);
-  void natural(std::uint64_t value);
+  void unsigned_integer(std::uint64_t value);
 
   /// The shortest form that reads back to the same value: 1.0, 0.0001, 1e-05, 1.5e+300, -0.0, NaN,
   /// Infinity, -Infinity.
@@ -59,14 +59,18 @@ class ENGINES_HTTP_EXPORT JsonWriter {
  private:
   static void check_depth(int depth);
   void append(std::string_view piece) {
-    if (piece.size() > stage_.size() - staged_) return append_behind_stage(piece);
-    staged_ += piece.copy(stage_.data() + staged_, piece.size());
+    if (piece.size() > buffer_.size() - buffered_) {
+      flush();
+      out_.append(piece);
+    } else {
+      buffered_ += piece.copy(buffer_.data() + buffered_, piece.size());
+    }
   }
-  void append_behind_stage(std::string_view piece);
+  void flush();
 
   std::string out_;
-  std::array<char, 2048> stage_;  // short pieces that are not in `out_` yet
-  std::size_t staged_ = 0;        // characters in it
+  std::array<char, 2048> buffer_;  // short pieces that are not in `out_` yet
+  std::size_t buffered_ = 0;       // characters in it
   int depth_ = 0;
   int links_ = 0;      // calls of `enter` without `leave`
   bool first_ = true;  // the next item is the first of the innermost open array or object

@@ -4,14 +4,14 @@
 #include <algorithm>
 #include <boost/beast/core/string.hpp>
 #include <boost/beast/http/basic_parser.hpp>
+#include <charconv>
 #include <limits>
 #include <optional>
 #include <utility>
 
 #include "engines/http/net/proxy.h"
-#include "engines/http/text/ascii.h"
-#include "engines/http/text/base64.h"
-#include "engines/http/text/case.h"
+#include "engines/http/text/encoding.h"
+#include "engines/http/text/unicode.h"
 
 namespace engines::http::net {
 namespace {
@@ -122,9 +122,10 @@ class Exchange::Parser final : public beast::http::basic_parser<false> {
   /// the end of its line.
   static std::string_view whole_framing(std::string_view bytes) {
     const std::size_t line = bytes.starts_with("\r\n") ? 2 : 0;  // the end of the chunk before
-    const std::size_t digits = bytes.find_first_not_of('0', line);
-    const bool is_last =
-        digits > line && digits < bytes.size() && detail::hex_value(bytes[digits]) < 0;
+    std::uint64_t size = 1;
+    const char* const bytes_end = bytes.data() + bytes.size();
+    const char* const digits_end = std::from_chars(bytes.data() + line, bytes_end, size, 16).ptr;
+    const bool is_last = size == 0 && digits_end != bytes_end;
     const std::string_view end_mark = is_last ? "\r\n\r\n" : "\r\n";
     const std::size_t end = bytes.find(end_mark, line);
     return end == std::string_view::npos ? "" : bytes.substr(0, end + end_mark.size());

@@ -11,7 +11,7 @@
 #include <system_error>
 #include <utility>
 
-#include "engines/http/text/case.h"
+#include "engines/http/text/unicode.h"
 
 namespace engines::http::net {
 namespace {

@@ -5,7 +5,7 @@
 #include <span>
 #include <stdexcept>
 
-#include "engines/http/text/case.h"
+#include "engines/http/text/unicode.h"
 
 namespace engines::http::net {
 namespace {

@@ -7,8 +7,8 @@
 #include <new>
 #include <stdexcept>
 
-#include "engines/http/text/ascii.h"
-#include "engines/http/text/case.h"
+#include "engines/http/text/encoding.h"
+#include "engines/http/text/unicode.h"
 
 namespace engines::http::net {
 namespace {
@@ -64,12 +64,7 @@ void check_scheme(std::string_view scheme, bool is_proxy) {
 }
 
 std::string decoded(std::string_view text) {
-  if (text.empty()) return {};  // libcurl would look for a NUL
-  int size = 0;
-  const std::unique_ptr<char, decltype(&curl_free)> bytes(
-      curl_easy_unescape(nullptr, text.data(), static_cast<int>(text.size()), &size), curl_free);
-  if (!bytes) throw std::bad_alloc();
-  std::string plain(bytes.get(), static_cast<std::size_t>(size));
+  std::string plain = detail::percent_decoded(text);
   if (std::ranges::any_of(plain, is_control)) {
     refuse("has userinfo that holds a control character");
   }

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "engines/http/text/literal.h"
 
+#include <fmt/format.h>
 #include <unicode/uchar.h>
 
 #include <cstddef>
+#include <cstdint>
 
-#include "engines/http/text/ascii.h"
 #include "engines/http/text/utf8.h"
 
 namespace engines::http::detail {
@@ -16,10 +17,9 @@ bool is_printable(char32_t c) noexcept {
   return c == ' ' || (U_GET_GC_MASK(static_cast<UChar32>(c)) & OTHERS_AND_SEPARATORS) == 0;
 }
 
-void append_numbered_escape(std::string& out, char32_t c) {
-  const int digits = c <= 0xFF ? 2 : c <= 0xFFFF ? 4 : 8;
-  out += {'\\', digits == 2 ? 'x' : digits == 4 ? 'u' : 'U'};
-  for (int shift = 4 * (digits - 1); shift >= 0; shift -= 4) out += HEX_DIGITS[(c >> shift) & 0xF];
+std::string numbered_escape(std::uint32_t c) {
+  if (c <= 0xFF) return fmt::format("\\x{:02x}", c);
+  return c <= 0xFFFF ? fmt::format("\\u{:04x}", c) : fmt::format("\\U{:08x}", c);
 }
 
 }  // namespace
@@ -40,7 +40,7 @@ std::string quoted(std::string_view text) {
     } else if (is_printable(c)) {
       append_utf8(literal, c);
     } else {
-      append_numbered_escape(literal, c);
+      literal += numbered_escape(c);
     }
   }
   return literal += quote;

@@ -31,7 +31,7 @@ bool is_utf8(std::string_view text) noexcept {
   }
 }
 
-std::string decode_utf8(std::string text) {
+std::string replace_ill_formed(std::string text) {
   if (is_utf8(text)) return text;
   std::string decoded;
   decoded.reserve(text.size());
@@ -60,7 +60,7 @@ char32_t next_char(std::string_view text, std::size_t& position) noexcept {
 
 #pragma GCC diagnostic pop
 
-std::size_t length(std::string_view text) noexcept {
+std::size_t char_count(std::string_view text) noexcept {
   std::size_t count = 0;
   for (std::size_t position = 0; position < text.size(); ++count) next_char(text, position);
   return count;

@@ -16,7 +16,7 @@ inline constexpr char32_t REPLACEMENT = 0xFFFD;
 bool is_utf8(std::string_view text) noexcept;
 
 /// The text with every ill-formed subsequence replaced; the very same text when there is none.
-std::string decode_utf8(std::string text);
+std::string replace_ill_formed(std::string text);
 
 /// Appends the UTF-8 form of a code point; a surrogate or a value beyond U+10FFFF as U+FFFD.
 void append_utf8(std::string& out, char32_t code_point);
@@ -26,7 +26,7 @@ void append_utf8(std::string& out, char32_t code_point);
 char32_t next_char(std::string_view text, std::size_t& position) noexcept;
 
 /// How many characters the text has.
-std::size_t length(std::string_view text) noexcept;
+std::size_t char_count(std::string_view text) noexcept;
 
 /// The first `count` characters of the text. Looks no further than they reach.
 std::string_view first_chars(std::string_view text, std::size_t count) noexcept;
