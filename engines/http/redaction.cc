@@ -1,17 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "engines/http/redaction.h"
 
-#define PCRE2_CODE_UNIT_WIDTH 8
-#include <pcre2.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <functional>
-#include <new>
 #include <set>
 
 #include "engines/http/text/encoding.h"
+#include "engines/http/text/pattern.h"
 #include "engines/http/text/unicode.h"
 #include "engines/http/text/utf8.h"
 
@@ -29,68 +26,9 @@ constexpr std::array<std::string_view, 9> CREDENTIAL_WORDS = {
 
 // ---- Echoes -------------------------------------------------------------------------------------
 
-/// PCRE2's `\s` matches U+180E, which is not white space.
-std::string with_unicode_white_space(std::string pattern) {
-  for (std::size_t at = 0; (at = pattern.find("\\s", at)) != std::string::npos;) {
-    pattern.replace(at, 2, "\\p{White_Space}");
-  }
-  return pattern;
-}
-
-/// One compiled expression, shared by all threads. `code_` is null when PCRE2 could not compile it.
-class Echo {
- public:
-  explicit Echo(std::string_view pattern) {
-    const std::string spelled = with_unicode_white_space(std::string(pattern));
-    int error = 0;
-    PCRE2_SIZE offset = 0;
-    code_.reset(pcre2_compile(reinterpret_cast<PCRE2_SPTR>(spelled.data()), spelled.size(),
-                              PCRE2_UTF | PCRE2_UCP, &error, &offset, nullptr));
-    if (error == PCRE2_ERROR_HEAP_FAILED) throw std::bad_alloc();  // the next call tries again
-    if (code_)
-      pcre2_jit_compile(code_.get(), PCRE2_JIT_COMPLETE);  // without JIT: slower, the same result
-    context_.reset(pcre2_match_context_create(nullptr));
-    if (!context_) throw std::bad_alloc();
-    pcre2_set_match_limit(context_.get(), UINT32_MAX);  // no text is too long to be redacted
-  }
-
-  /// Replaces each credential in the text, which is valid UTF-8. False when PCRE2 failed.
-  bool redact(std::string& text) const {
-    if (!code_) return false;
-    const std::unique_ptr<pcre2_match_data, decltype(&pcre2_match_data_free)> match(
-        pcre2_match_data_create_from_pattern(code_.get(), nullptr), &pcre2_match_data_free);
-    if (!match) return false;
-    const PCRE2_SIZE* const ends = pcre2_get_ovector_pointer(match.get());
-    std::string redacted;
-    std::size_t position = 0;
-    while (true) {
-      const int result =
-          pcre2_match(code_.get(), reinterpret_cast<PCRE2_SPTR>(text.data()), text.size(), position,
-                      PCRE2_NO_UTF_CHECK, match.get(), context_.get());
-      if (result == PCRE2_ERROR_NOMATCH) break;
-      if (result < 0) return false;
-      const std::size_t match_end = ends[1];
-      const std::size_t kept_end = ends[3];  // of group 1
-      if (position == 0) redacted.reserve(text.size() + REDACTED.size());
-      redacted.append(text, position, kept_end - position);
-      redacted += REDACTED;
-      position = match_end;  // a match is never empty
-    }
-    if (position > 0) text = redacted.append(text, position);
-    return true;
-  }
-
- private:
-  struct Free {
-    void operator()(pcre2_code* code) const { pcre2_code_free(code); }
-    void operator()(pcre2_match_context* context) const { pcre2_match_context_free(context); }
-  };
-  std::unique_ptr<pcre2_code, Free> code_;
-  std::unique_ptr<pcre2_match_context, Free> context_;
-};
-
-const std::array<Echo, detail::ECHOES.size()>& echoes() {
-  static const std::array compiled{Echo(detail::ECHOES[0]), Echo(detail::ECHOES[1])};
+const std::array<detail::Pattern, detail::ECHOES.size()>& echoes() {
+  static const std::array compiled{detail::Pattern(detail::ECHOES[0]),
+                                   detail::Pattern(detail::ECHOES[1])};
   return compiled;
 }
 
@@ -244,8 +182,9 @@ std::string redact(std::string_view text, const Secrets& secrets) {
     redacted = detail::replace_ill_formed(std::move(redacted));
     remove_secrets(redacted, decoded);  // one that contains U+FFFD may match only now
   }
-  for (const Echo& echo : echoes()) {
-    if (!echo.redact(redacted)) return std::string(REDACTED);  // better nothing than a secret
+  for (const detail::Pattern& echo : echoes()) {
+    // Better nothing than a secret.
+    if (!echo.replace(redacted, "${1}" + std::string(REDACTED))) return std::string(REDACTED);
   }
   return redacted;
 }
