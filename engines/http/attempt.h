@@ -117,7 +117,7 @@ struct ENGINES_HTTP_EXPORT SendOptions {
 
 namespace detail {
 
-/// `SendOptions` without the result's type, borrowed.
+/// `SendOptions` without the reader, borrowed.
 struct ENGINES_HTTP_EXPORT AttemptFields {
   const RetryPolicy& policy;
   double timeout;
@@ -134,24 +134,6 @@ using Use = std::function<void(Response& reply, const Secrets& hidden)>;
 
 ENGINES_HTTP_EXPORT void send(std::string_view url, const AttemptFields& fields, const Use& use);
 
-/// `read` takes the reply and the attempt's secrets.
-template <class Result, class Read>
-Result send_for(std::string_view url, const AttemptFields& fields, const Read& read) {
-  if constexpr (std::is_void_v<Result>) {
-    send(url, fields, std::cref(read));
-  } else if constexpr (std::is_reference_v<Result>) {
-    std::remove_reference_t<Result>* result = nullptr;
-    send(url, fields,
-         [&](Response& reply, const Secrets& hidden) { result = &read(reply, hidden); });
-    return static_cast<Result>(*result);
-  } else {
-    std::optional<Result> result;
-    send(url, fields,
-         [&](Response& reply, const Secrets& hidden) { result.emplace(read(reply, hidden)); });
-    return *std::move(result);
-  }
-}
-
 }  // namespace detail
 
 /// Makes one attempt and returns what the reader returns. Throws the failure that the transport's
@@ -164,10 +146,20 @@ Result send(std::string_view url, const SendOptions<Result>& options) {
   const detail::AttemptFields fields{options.policy,    *options.timeout, options.method,
                                      options.body,      options.headers,  options.secrets,
                                      options.transport, options.inspect};
-  return detail::send_for<Result>(url, fields,
-                                  [&](Response& reply, const Secrets& hidden) -> Result {
-                                    return (*options.read)(reply, options.policy, hidden);
-                                  });
+  const auto read = [&](Response& reply, const Secrets& hidden) -> Result {
+    return (*options.read)(reply, options.policy, hidden);
+  };
+  if constexpr (std::is_void_v<Result>) {
+    detail::send(url, fields, read);
+  } else if constexpr (std::is_reference_v<Result>) {
+    std::remove_reference_t<Result>* result = nullptr;
+    detail::send(url, fields, [&](auto&... given) { result = &read(given...); });
+    return static_cast<Result>(*result);
+  } else {
+    std::optional<Result> result;
+    detail::send(url, fields, [&](auto&... given) { result.emplace(read(given...)); });
+    return *std::move(result);
+  }
 }
 
 /// What a transport did: the open reply, or the failure that its error became.

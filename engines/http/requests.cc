@@ -24,11 +24,18 @@ Json _request_json(std::string_view method, std::string_view url, const Body& bo
                    const RetryPolicy& policy, std::string_view label, const Headers& headers,
                    const Secrets& secrets, const Transport& transport, const Inspect& inspect) {
   const Secrets hidden = detail::secrets_of_call(secrets, headers, url);
-  const std::string verb(method);
+  SendOptions<Json> options{.policy = policy,
+                            .timeout = policy.timeout_s,
+                            .read = read_json,
+                            .method = std::string(method),
+                            .body = body,
+                            .headers = headers,
+                            .secrets = secrets,
+                            .transport = transport,
+                            .inspect = inspect};
   const auto attempt = [&](double timeout) {
-    return detail::send_for<Json>(
-        url, {policy, timeout, verb, body, headers, secrets, transport, inspect},
-        [&](Response& reply, const Secrets& of_call) { return read_json(reply, policy, of_call); });
+    options.timeout = timeout;
+    return send(url, options);
   };
   return retry(policy, attempt, {.label = std::string(label), .secrets = hidden});
 }
