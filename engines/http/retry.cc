@@ -1,15 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "engines/http/retry.h"
 
+#include <fmt/format.h>
 #include <spdlog/sinks/sink.h>
 #include <spdlog/sinks/stdout_color_sinks.h>
 #include <spdlog/spdlog.h>
 
 #include <algorithm>
-#include <array>
-#include <charconv>
-#include <limits>
-#include <string>
 
 namespace engines::http {
 namespace {
@@ -77,19 +74,6 @@ const std::shared_ptr<spdlog::logger>& built_logger() {
 // Registers the logger as the library loads, so that an application can set it up by its name.
 [[maybe_unused]] const bool registered = built_logger() != nullptr;
 
-/// Fixed-point notation with one digit after the point, whatever the locale.
-std::string one_decimal(double seconds) {
-  std::array<char, std::numeric_limits<double>::max_exponent10 + 8> digits{};
-  const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), seconds,
-                                 std::chars_format::fixed, 1);
-  return {digits.data(), end.ptr};
-}
-
-std::string labelled(std::string_view label, std::string_view text) {
-  std::string message(label);
-  return message += text;
-}
-
 }  // namespace
 
 std::shared_ptr<spdlog::logger> logger() {
@@ -98,14 +82,15 @@ std::shared_ptr<spdlog::logger> logger() {
 }
 
 void detail::check_stop(const RetryPolicy& policy, const FailurePtr& last, std::string_view label) {
-  if (policy.should_stop()) throw Stopped(labelled(label, " was asked to stop"), {.last = last});
+  if (!policy.should_stop()) return;
+  throw Stopped(fmt::format("{} was asked to stop", label), {.last = last});
 }
 
 double _attempt_timeout(const RetryPolicy& policy, const FailurePtr& last, std::string_view label) {
   if (!policy.deadline) return policy.timeout_s;
   const double remaining = *policy.deadline - policy.clock();
   if (remaining <= 0) {
-    throw DeadlineExceeded(labelled(label, " had no time left for another attempt"),
+    throw DeadlineExceeded(fmt::format("{} had no time left for another attempt", label),
                            {.last = last});
   }
   return std::min<double>(policy.timeout_s, remaining);
@@ -116,21 +101,21 @@ void _back_off(const RetryPolicy& policy, int failed, const FailurePtr& last,
   const double delay = policy.backoff(failed);
   detail::check_stop(policy, last, label);
   if (policy.deadline && policy.clock() + delay >= *policy.deadline) {
-    throw DeadlineExceeded(
-        labelled(label, " had no time left to wait " + one_decimal(delay) + " s"), {.last = last});
+    throw DeadlineExceeded(fmt::format("{} had no time left to wait {:.1f} s", label, delay),
+                           {.last = last});
   }
-  logger()->warn("{} failed (attempt {}/{}): {}; retrying in {} s", label, failed,
-                 int{policy.attempts}, redact(last->message(), secrets), one_decimal(delay));
+  logger()->warn("{} failed (attempt {}/{}): {}; retrying in {:.1f} s", label, failed,
+                 int{policy.attempts}, redact(last->message(), secrets), delay);
   policy.wait(delay, policy.should_stop);
 }
 
 void detail::give_up(const RetryPolicy& policy, const FailurePtr& last, std::string_view label,
                      const Secrets& secrets) {
   if (policy.is_past_deadline()) {
-    throw DeadlineExceeded(labelled(label, " ran out of time"), {.last = last});
+    throw DeadlineExceeded(fmt::format("{} ran out of time", label), {.last = last});
   }
-  throw Exhausted(labelled(label, " failed after " + std::to_string(policy.attempts) +
-                                      " attempts: " + redact(last->message(), secrets)),
+  throw Exhausted(fmt::format("{} failed after {} attempts: {}", label, int{policy.attempts},
+                              redact(last->message(), secrets)),
                   {.attempts = policy.attempts, .last = last});
 }
 
