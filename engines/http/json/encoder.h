@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Writes one JSON text (RFC 8259) piece by piece: how each JSON value is laid out. The JSON form of
-// each C++ type is described in body.h.
+// Writes one JSON text (RFC 8259) piece by piece: how each JSON value is laid out.
 #pragma once
 
 #include <array>
