@@ -11,8 +11,9 @@
 namespace engines::http {
 namespace {
 
-/// The headers of a request with a body. Its content type comes first; a caller's "Content-Type"
-/// replaces its value. One in other letter case is appended: `Request` keeps the later of the two.
+/// The headers of a request with a body: its content type, then the caller's. A caller's header of
+/// exactly this name replaces the value in the first place. One in another letter case stays where
+/// it is, and `Request` keeps it as the later one: of {"content-type": a, "Content-Type": b} a.
 Headers with_content_type(const Headers& given, std::string content_type) {
   constexpr std::string_view CONTENT_TYPE = "Content-Type";
   Headers headers;
@@ -37,8 +38,8 @@ TransportOptions transport_options(double timeout, const RetryPolicy& policy) {
   return options;
 }
 
-/// Calls `inspect`; closes the error reply if that throws.
-void show(HTTPError& error, const Inspect& inspect) {
+/// Calls `inspect` with an error reply; closes the reply if that throws.
+void inspect_or_close(HTTPError& error, const Inspect& inspect) {
   try {
     inspect(error);
   } catch (...) {
@@ -75,12 +76,13 @@ void detail::send(std::string_view url, const AttemptFields& fields, const Use& 
   const ReplyOrFailure outcome =
       _reply_or_failure(fields.transport ? fields.transport : standard, request, fields.timeout,
                         fields.policy, hidden, fields.inspect);
-  // Thrown after the handler of the transport's error has ended.
+  // Thrown here, after the handler of the transport's error: whatever nests or keeps the exception
+  // that is being handled would keep the error, whose text is not redacted.
   if (const FailurePtr* const failure = std::get_if<FailurePtr>(&outcome)) failure->raise();
 
   const FailurePtr failure =
       closing(*std::get<std::shared_ptr<Response>>(outcome), [&](Response& reply) {
-        if (fields.inspect) fields.inspect(reply);
+        if (fields.inspect) fields.inspect(reply);  // a classified one has been inspected
         return read_or_failure(reply, use, fields.policy, hidden);
       });
   if (failure) failure.raise();
@@ -95,10 +97,11 @@ ReplyOrFailure _reply_or_failure(const Transport& transport, const Request& requ
     return reply;
   } catch (HTTPError& error) {
     if (!policy.error_replies.contains(error.code())) {
-      if (inspect) show(error, inspect);
+      if (inspect) inspect_or_close(error, inspect);
       return classify(error, policy, secrets);
     }
-    // The exception object is the reply; the exception_ptr keeps it alive.
+    // The exception object itself is the reply, for a copy would slice a derived kind. The
+    // exception_ptr keeps it alive.
     try {
       return std::shared_ptr<Response>(
           std::make_shared<std::exception_ptr>(std::current_exception()), &error);

@@ -36,6 +36,7 @@ using Inspect = std::function<void(const Response& reply)>;
 
 namespace detail {
 
+/// A number that may not fit, such as a double returned as an int.
 template <class From, class To>
 concept Narrows = std::is_arithmetic_v<To> && !requires(From from) {
   To{static_cast<From>(from)};
@@ -153,11 +154,14 @@ Result send(std::string_view url, const SendOptions<Result>& options) {
     detail::send(url, fields, read);
   } else if constexpr (std::is_reference_v<Result>) {
     std::remove_reference_t<Result>* result = nullptr;
-    detail::send(url, fields, [&](auto&... given) { result = &read(given...); });
-    return static_cast<Result>(*result);
+    detail::send(url, fields,
+                 [&](Response& reply, const Secrets& hidden) { result = &read(reply, hidden); });
+    return *result;
   } else {
     std::optional<Result> result;
-    detail::send(url, fields, [&](auto&... given) { result.emplace(read(given...)); });
+    detail::send(url, fields, [&](Response& reply, const Secrets& hidden) {
+      result.emplace(read(reply, hidden));
+    });
     return *std::move(result);
   }
 }

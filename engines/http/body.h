@@ -56,12 +56,12 @@ namespace detail {
 
 ENGINES_HTTP_EXPORT void write_body(JsonWriter& out, const Body& body);
 template <>
-inline constexpr void (*own_form<Body>)(JsonWriter&, const Body&) = &write_body;
+inline constexpr void (*own_writer<Body>)(JsonWriter&, const Body&) = &write_body;
 
 // In json.cc, which alone needs nlohmann's definitions.
 ENGINES_HTTP_EXPORT void write_json(JsonWriter& out, const Json& value);
 template <>
-inline constexpr void (*own_form<Json>)(JsonWriter&, const Json&) = &write_json;
+inline constexpr void (*own_writer<Json>)(JsonWriter&, const Json&) = &write_json;
 
 }  // namespace detail
 

@@ -105,7 +105,7 @@ class ENGINES_HTTP_EXPORT ErrorRef {
     } else if constexpr (std::is_polymorphic_v<E> && !std::is_base_of_v<Kind, E>) {
       return dynamic_cast<const Kind*>(std::addressof(error));
     } else {
-      return nullptr;  // of another kind, or by a private or ambiguous base
+      return nullptr;  // not polymorphic, or of a private or ambiguous base
     }
   }
 

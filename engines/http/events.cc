@@ -32,25 +32,25 @@ bool Lines::read_more() {
 }
 
 bool Lines::fetch(std::string& line) {
-  std::size_t searched = ahead_begin_;
+  std::size_t size = 0;  // of the line, as far as it has been searched for its end
   while (true) {
-    if (after_cr_ && searched < ahead_.size()) {
-      if (ahead_[searched] == '\n') searched = ++ahead_begin_;
+    if (after_cr_ && ahead_begin_ < ahead_.size()) {  // the line has just begun
+      if (ahead_[ahead_begin_] == '\n') ++ahead_begin_;
       after_cr_ = false;
     }
-    const auto begin = ahead_.begin() + static_cast<std::ptrdiff_t>(searched);
-    const auto end = std::find_if(begin, ahead_.end(), [this](char c) { return ends_line(c); });
-    searched += static_cast<std::size_t>(end - begin);
-    if (searched < ahead_.size()) break;
-    searched -= ahead_begin_;  // relative to `ahead_begin_`, which becomes 0
-    if (!read_more()) {        // the body has ended: what is left is the last line
+    const std::string_view rest = std::string_view(ahead_).substr(ahead_begin_);
+    const auto is_end = [this](char c) { return ends_line(c); };
+    const auto end = std::find_if(rest.begin() + size, rest.end(), is_end);
+    size = static_cast<std::size_t>(end - rest.begin());
+    if (end != rest.end()) break;
+    if (!read_more()) {  // the body has ended: what is left is the last line
       line = std::exchange(ahead_, {});
       return !line.empty();
     }
   }
-  line.assign(ahead_, ahead_begin_, searched - ahead_begin_);
-  after_cr_ = ahead_[searched] == '\r';
-  ahead_begin_ = searched + 1;
+  line.assign(ahead_, ahead_begin_, size);
+  ahead_begin_ += size + 1;
+  after_cr_ = ahead_[ahead_begin_ - 1] == '\r';
   if (!cr_ends_lines_ && line.ends_with('\r')) line.pop_back();
   return true;
 }

@@ -34,7 +34,7 @@
 
 namespace engines::http {
 
-/// The lines of a reply; made by `lines`.
+/// The lines of a reply; made by `lines`. Iterating a reply itself checks no policy within a line.
 class ENGINES_HTTP_EXPORT Lines : public std::ranges::view_base {
  public:
   /// As the standard asks of an input range. A reference to a line holds until the next one is

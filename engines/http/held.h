@@ -34,7 +34,7 @@ std::exception_ptr handling(const E& error) noexcept {
 }
 
 /// For a reference to a base class: the exception itself while it is being handled, else what its
-/// `copy()` returns. Otherwise a copy.
+/// `copy()` returns. Otherwise a copy, which `hold` refuses if it is sliced.
 template <class E>
 std::exception_ptr to_hold(const E& error) {
   if (typeid(error) != typeid(E)) {
@@ -53,7 +53,7 @@ std::exception_ptr to_hold(const E& error) {
 template <class Base, class E>
 std::shared_ptr<const Held<Base>> hold(const E& error) {
   const std::exception_ptr thrown = to_hold(error);
-  try {
+  try {  // only a handler gives access to the object within an exception_ptr
     std::rethrow_exception(thrown);
   } catch (const E& within) {
     if (typeid(within) == typeid(error)) {

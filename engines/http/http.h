@@ -2,7 +2,8 @@
 // Every public header but testing.h (the test kit) and version.h, in reading order.
 //
 // Where its comment does not say otherwise, a type is as thread-safe as a standard container:
-// several threads may read one object at once.
+// several threads may read one object at once. Names that begin with an underscore, and those in
+// `detail`, are not for callers; the former are the steps of a call, which have tests of their own.
 #pragma once
 
 // clang-format off

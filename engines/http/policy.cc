@@ -74,19 +74,19 @@ double RetryPolicy::backoff(int failed) const { return std::scalbn(backoff_s, fa
 
 RetryPolicy RetryPolicy::with(const PolicyChanges& changes) const {
   return {
-      .attempts = changes.attempts.or_else(attempts),
-      .backoff_s = changes.backoff_s.or_else(backoff_s),
-      .timeout_s = changes.timeout_s.or_else(timeout_s),
-      .retry_statuses = changes.retry_statuses.or_else(retry_statuses),
-      .refusal_statuses = changes.refusal_statuses.or_else(refusal_statuses),
-      .refusal_reason = changes.refusal_reason.or_else(refusal_reason),
-      .error_replies = changes.error_replies.or_else(error_replies),
-      .deadline = changes.deadline.or_else(deadline),
-      .clock = changes.clock.or_else(clock),
-      .should_stop = changes.should_stop.or_else(should_stop),
-      .wait = changes.wait.or_else(wait),
-      .detail_chars = changes.detail_chars.or_else(detail_chars),
-      .max_body_bytes = changes.max_body_bytes.or_else(max_body_bytes),
+      .attempts = changes.attempts.value_or(attempts),
+      .backoff_s = changes.backoff_s.value_or(backoff_s),
+      .timeout_s = changes.timeout_s.value_or(timeout_s),
+      .retry_statuses = changes.retry_statuses.value_or(retry_statuses),
+      .refusal_statuses = changes.refusal_statuses.value_or(refusal_statuses),
+      .refusal_reason = changes.refusal_reason.value_or(refusal_reason),
+      .error_replies = changes.error_replies.value_or(error_replies),
+      .deadline = changes.deadline.value_or(deadline),
+      .clock = changes.clock.value_or(clock),
+      .should_stop = changes.should_stop.value_or(should_stop),
+      .wait = changes.wait.value_or(wait),
+      .detail_chars = changes.detail_chars.value_or(detail_chars),
+      .max_body_bytes = changes.max_body_bytes.value_or(max_body_bytes),
   };
 }
 

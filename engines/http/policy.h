@@ -31,7 +31,8 @@
 namespace engines::http {
 
 namespace detail {
-/// Statuses in ascending order that outlive every set built from them.
+/// Statuses in ascending order that outlive every set built from them, so that a set can be a
+/// constant, ready before any dynamic initialisation.
 struct ConstantStatuses {
   std::span<const StatusCode> statuses;
 };
@@ -171,7 +172,7 @@ class ENGINES_HTTP_EXPORT AttemptCount {
   int count_;
 };
 
-/// A bound on a size: at least zero.
+/// A bound on a size; a negative number becomes 0.
 class ENGINES_HTTP_EXPORT Bound {
  public:
   constexpr Bound(Integer auto bound) noexcept : bound_(saturated<std::size_t>(bound)) {}
@@ -201,7 +202,7 @@ class ENGINES_HTTP_EXPORT Change {
       std::constructible_from<T, std::initializer_list<StatusCode>>
       : value_(std::in_place, values) {}
 
-  T or_else(const T& kept) const { return value_ ? *value_ : kept; }
+  T value_or(const T& kept) const { return value_ ? *value_ : kept; }
 
  private:
   std::optional<T> value_;
@@ -217,6 +218,8 @@ struct PolicyChanges;
 /// to must outlive it. Calls on several threads may share a policy whose functions may be called
 /// concurrently. An empty clock, stop signal or wait is replaced by the default.
 struct ENGINES_HTTP_EXPORT RetryPolicy {
+  // Each field is also one of `PolicyChanges` and of `with`.
+
   /// Tries in all; 1 means no retry. Less than 1 throws `ValueError`.
   const detail::AttemptCount attempts = 3;
   /// Seconds to wait after the first failed attempt; each later wait doubles it.

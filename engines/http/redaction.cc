@@ -15,7 +15,8 @@
 namespace engines::http {
 namespace {
 
-/// An excerpt redacts so many characters more than it quotes, and the length of the longest secret.
+/// How many more characters than its limit and the longest secret an excerpt redacts, so that most
+/// credentials that nobody named lie whole in what is searched.
 constexpr std::size_t EXCERPT_MARGIN_CHARS = 64;
 
 /// A header whose name contains one of these, in whatever case, is taken for a credential:
@@ -34,6 +35,7 @@ const std::array<detail::Pattern, detail::ECHOES.size()>& echoes() {
 
 // ---- Known secrets ------------------------------------------------------------------------------
 
+/// By memmem, which takes linear time; std::string::find may take the product of the sizes.
 void replace_all(std::string& text, std::string_view secret) {
   std::string replaced;
   std::string_view rest = text;
@@ -44,7 +46,7 @@ void replace_all(std::string& text, std::string_view secret) {
     replaced += REDACTED;
     rest.remove_prefix(before + secret.size());
   }
-  if (rest.size() == text.size()) return;
+  if (rest.size() == text.size()) return;  // none was found
   replaced += rest;
   text = std::move(replaced);
 }
@@ -52,7 +54,7 @@ void replace_all(std::string& text, std::string_view secret) {
 using BySize = std::set<std::pair<std::size_t, std::string_view>, std::greater<>>;
 
 /// The distinct secrets that are long enough to count, with their lengths, longest first.
-BySize by_size(const std::vector<std::string>& secrets) {
+BySize longest_first(const std::vector<std::string>& secrets) {
   BySize sized;
   for (const std::string& secret : secrets) {
     const std::size_t chars = detail::char_count(secret);
@@ -62,7 +64,7 @@ BySize by_size(const std::vector<std::string>& secrets) {
 }
 
 void remove_secrets(std::string& text, const std::vector<std::string>& secrets) {
-  for (const auto& [chars, secret] : by_size(secrets)) {
+  for (const auto& [chars, secret] : longest_first(secrets)) {
     replace_all(text, secret);
     text = _without_cut_secret(std::move(text), secret);
   }
@@ -88,9 +90,9 @@ void add_cookies(std::vector<std::string>& found, std::string_view pairs) {
   }
 }
 
-/// Of each header whose name marks a credential: the trimmed value, what follows its first word,
-/// and the value of each cookie.
-std::vector<std::string> by_name(const Headers& headers) {
+/// Of each header whose name marks a credential, those of `secrets_of` included: the trimmed value,
+/// what follows its first word, and the value of each cookie.
+std::vector<std::string> secrets_by_name(const Headers& headers) {
   std::vector<std::string> found;
   for (const auto& [name, value] : headers) {
     const std::string lowered = detail::lower(name);
@@ -152,7 +154,7 @@ Secrets secrets_of_url(std::string_view url) {
 Secrets detail::secrets_of_call(const Secrets& given, const Headers& headers,
                                 std::string_view url) {
   return given.followed_by(secrets_of(headers))
-      .followed_by(by_name(headers))
+      .followed_by(secrets_by_name(headers))
       .followed_by(secrets_of_url(url));
 }
 
@@ -173,14 +175,16 @@ std::string _without_cut_secret(std::string text, std::string_view secret) {
 
 std::string redact(std::string_view text, const Secrets& secrets) {
   std::string redacted(text);
-  std::vector<std::string> decoded;
-  for (const std::string& secret : secrets) decoded.push_back(detail::replace_ill_formed(secret));
-  std::vector<std::string> forms(secrets.begin(), secrets.end());  // as bytes, and as UTF-8
-  forms.insert(forms.end(), decoded.begin(), decoded.end());
+  std::vector<std::string> forms(secrets.begin(), secrets.end());
+  std::vector<std::string> well_formed;  // the secrets, as they look in well-formed text
+  for (const std::string& secret : secrets) {
+    well_formed.push_back(detail::replace_ill_formed(secret));
+  }
+  forms.insert(forms.end(), well_formed.begin(), well_formed.end());
   remove_secrets(redacted, forms);
   if (!detail::is_utf8(redacted)) {
     redacted = detail::replace_ill_formed(std::move(redacted));
-    remove_secrets(redacted, decoded);  // one that contains U+FFFD may match only now
+    remove_secrets(redacted, well_formed);  // one that contains U+FFFD may match only now
   }
   for (const detail::Pattern& echo : echoes()) {
     // Better nothing than a secret.
@@ -190,10 +194,11 @@ std::string redact(std::string_view text, const Secrets& secrets) {
 }
 
 std::string excerpt(std::string_view text, const Secrets& secrets, std::size_t limit) {
-  std::size_t margin = EXCERPT_MARGIN_CHARS;
+  std::size_t longest = 0;
   for (const std::string& secret : secrets) {
-    margin = std::max(margin, detail::char_count(secret) + EXCERPT_MARGIN_CHARS);
+    longest = std::max(longest, detail::char_count(secret));
   }
+  const std::size_t margin = longest + EXCERPT_MARGIN_CHARS;
   const std::size_t stretch = limit + std::min(margin, SIZE_MAX - limit);
   const std::string redacted = redact(detail::first_chars(text, stretch), secrets);
   return std::string(detail::first_chars(redacted, limit));

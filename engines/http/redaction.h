@@ -95,7 +95,7 @@ class ENGINES_HTTP_EXPORT Secrets {
 namespace detail {
 
 /// The shortest text that counts as a secret, and the shortest start of one that is removed where
-/// a text ends. A shorter one is not removed, which would garble ordinary text.
+/// a text ends. To remove shorter ones would garble ordinary text.
 inline constexpr std::size_t MIN_SECRET_CHARS = 8;
 
 /// The headers whose values `secrets_of` takes for credentials, in lower case.
@@ -103,8 +103,9 @@ inline constexpr std::array<std::string_view, 3> SECRET_HEADERS = {
     "authorization", "proxy-authorization", "x-api-key"};
 
 /// Credentials that a server echoes back: an authorization field's value, then what follows the
-/// word "bearer". Group 1 stays, the rest is the credential. `\s` is Unicode's White_Space and `\b`
-/// the edge of a run of letters, digits and underscores.
+/// word "bearer". Group 1 stays, the rest is the credential. A quote may be escaped, as in JSON
+/// text within JSON. `\s` is Unicode's White_Space and `\b` the edge of a run of letters, digits
+/// and underscores.
 inline constexpr std::array<std::string_view, 2> ECHOES = {
     R"re((?i)(\bauthorization\b\\?[\"']?\s*[:=]\s*\\?[\"']?)[^\\\"'\r\n,;}]+)re",
     R"re((?i)(\bbearer\s+)[^\s\\\"',;}]+)re"};
@@ -135,8 +136,8 @@ ENGINES_HTTP_EXPORT Secrets secrets_of_call(const Secrets& given, const Headers&
 /// that are not UTF-8 become U+FFFD. Where the search fails, the whole text becomes `REDACTED`.
 ENGINES_HTTP_EXPORT std::string redact(std::string_view text, const Secrets& secrets = {});
 
-/// Where the text ends with a start of `secret` that is shorter than the secret and has at least
-/// eight characters, replaces the longest such start by `REDACTED`.
+/// Where the text ends with a proper prefix of `secret` of at least eight characters, replaces the
+/// longest one by `REDACTED`.
 ENGINES_HTTP_EXPORT std::string _without_cut_secret(std::string text, std::string_view secret);
 
 /// The start of the text, redacted, in at most `limit` characters. The work is bounded by the limit

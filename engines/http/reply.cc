@@ -56,6 +56,7 @@ std::string read_body(Response& reply, const RetryPolicy& policy) {
 
 Json read_json(Response& reply, const RetryPolicy& policy, const Secrets& secrets) {
   const std::string text = detail::replace_ill_formed(read_body(reply, policy));
+  // Without the content type: an endpoint that labels JSON as a web page still answers.
   if (const std::string reason = detail::refusal_of(policy, text, ""); !reason.empty()) {
     throw Refused(
         reason + " instead of a JSON reply",

@@ -23,9 +23,10 @@ Json request_json(std::string_view method, std::string_view url, const Body& bod
 Json _request_json(std::string_view method, std::string_view url, const Body& body,
                    const RetryPolicy& policy, std::string_view label, const Headers& headers,
                    const Secrets& secrets, const Transport& transport, const Inspect& inspect) {
+  // For the log and the last message; `send` collects its own.
   const Secrets hidden = detail::secrets_of_call(secrets, headers, url);
   SendOptions<Json> options{.policy = policy,
-                            .timeout = policy.timeout_s,
+                            .timeout = policy.timeout_s,  // each attempt has its own
                             .read = read_json,
                             .method = std::string(method),
                             .body = body,

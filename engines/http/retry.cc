@@ -49,7 +49,7 @@ class DefaultSinks final : public spdlog::sinks::sink {
     for (const spdlog::sink_ptr& each : target->sinks()) {
       if (target == built_in_ && each == standard_output_) {
         use(standard_error_);
-      } else if (each.get() != this) {
+      } else if (each.get() != this) {  // our logger itself may be the default one
         use(*each);
       }
     }
@@ -66,19 +66,19 @@ std::shared_ptr<spdlog::logger> make_logger() {
   return made;
 }
 
-const std::shared_ptr<spdlog::logger>& built_logger() {
-  static const std::shared_ptr<spdlog::logger> built = make_logger();
-  return built;
+const std::shared_ptr<spdlog::logger>& own_logger() {
+  static const std::shared_ptr<spdlog::logger> made = make_logger();
+  return made;
 }
 
 // Registers the logger as the library loads, so that an application can set it up by its name.
-[[maybe_unused]] const bool registered = built_logger() != nullptr;
+[[maybe_unused]] const bool registered = own_logger() != nullptr;
 
 }  // namespace
 
 std::shared_ptr<spdlog::logger> logger() {
   std::shared_ptr<spdlog::logger> named = spdlog::get(LOGGER_NAME);
-  return named ? named : built_logger();
+  return named ? named : own_logger();
 }
 
 void detail::check_stop(const RetryPolicy& policy, const FailurePtr& last, std::string_view label) {
@@ -106,7 +106,7 @@ void _back_off(const RetryPolicy& policy, int failed, const FailurePtr& last,
   }
   logger()->warn("{} failed (attempt {}/{}): {}; retrying in {:.1f} s", label, failed,
                  int{policy.attempts}, redact(last->message(), secrets), delay);
-  policy.wait(delay, policy.should_stop);
+  policy.wait(delay, policy.should_stop);  // `retry` asks the stop signal itself
 }
 
 void detail::give_up(const RetryPolicy& policy, const FailurePtr& last, std::string_view label,

@@ -81,7 +81,8 @@ struct ENGINES_HTTP_EXPORT ReplyScript {
 };
 
 /// A reply that plays its pieces in order, then ends. At an empty piece one read reports the end
-/// of the body; a later read goes on with the next piece. It records its reads and closes. For use
+/// of the body, unless it has bytes already and stops there; a later read goes on with the next
+/// piece. It records its reads and closes. For use
 /// by one thread at a time.
 class ENGINES_HTTP_EXPORT ScriptedReply final : public Response {
  public:
@@ -126,7 +127,7 @@ struct ENGINES_HTTP_EXPORT Sent {
   Request request;
   /// The attempt's socket timeout, in seconds.
   double timeout;
-  /// Seconds for the whole exchange; none without a deadline and with a clock such as
+  /// Seconds for the whole exchange; none without a deadline or with a clock such as
   /// `ManualTime`'s.
   std::optional<double> time_left;
 

@@ -15,10 +15,9 @@
 //  5. It never returns null.
 //  6. Every error of the network or of the protocol is thrown as one of the kinds below. Whatever
 //     else it throws reaches the caller unchanged.
-//  7. It may ignore `options.should_stop` and `options.time_left`. Above it, the deadline is
-//  checked
-//     before each attempt and each read; the stop signal before each attempt, each backoff and each
-//     read of `lines` and `events`.
+//  7. It may ignore `options.should_stop` and `options.time_left`. The library checks the deadline
+//     before each attempt and each read, and the stop signal before each attempt, each backoff and
+//     each read of `lines` and `events`.
 #pragma once
 
 #include <concepts>
@@ -205,19 +204,22 @@ class ENGINES_HTTP_EXPORT Response {
   friend class detail::Fetched<Response>;
   friend class HTTPError;
 
+  // `read1` and `append1` call `do_append1`, which calls `do_read1`, which calls `do_read`, unless
+  // they are overridden.
   virtual std::string do_read(std::size_t amt) = 0;
   virtual std::string do_read1(std::size_t amt) { return do_read(amt); }
   /// Override it where `do_read1` would have to copy the bytes into a string.
   virtual std::size_t do_append1(std::string& body, std::size_t amt);
   virtual void do_close() = 0;
 
-  virtual bool fetch(std::string& line);  // the next line; false: the body has ended
+  /// The next line; false: the body has ended. Virtual for `HTTPError`, which asks its body.
+  virtual bool fetch(std::string& line);
   std::string take_ahead(std::size_t amt);
   void check_open() const;
 
   std::string ahead_;            // read by line iteration, not yet handed out
   std::size_t ahead_begin_ = 0;  // where the bytes not yet handed out begin
-  bool ended_ = false;           // line iteration has met the end of the body
+  bool ended_ = false;           // line iteration has met the end, and does not read again
   bool closed_ = false;
 };
 
@@ -306,7 +308,7 @@ class ENGINES_HTTP_EXPORT URLError : public OSError {
   explicit URLError(std::string text);
 
   /// Wraps the error that kept the request from being sent, with its dynamic type and its text.
-  /// Throws `std::logic_error` for a reference to a base class, but while it is being handled.
+  /// Throws `std::logic_error` for a reference to a base class, except while it is being handled.
   template <std::derived_from<std::exception> Reason>
   requires(!std::derived_from<Reason, URLError>) explicit URLError(const Reason& reason)
       : URLError(reason.what()) {
@@ -325,7 +327,7 @@ class ENGINES_HTTP_EXPORT HTTPError : public URLError, public Response {
  public:
   /// `body` is the open reply whose status it is; null means an empty body.
   HTTPError(StatusCode code, Headers headers, std::shared_ptr<Response> body);
-  // Throws nothing: with `fetch` overridden, the string of its own Response stays empty.
+  // Throws nothing: its own Response reads no line, so the string in it is empty.
   HTTPError(const HTTPError&) noexcept = default;
   HTTPError& operator=(const HTTPError&) = default;
 

@@ -28,7 +28,7 @@ namespace engines::http::detail {
 /// Writes a type that this header does not know; null for every other type. Specialised beside the
 /// type.
 template <class T>
-inline constexpr void (*own_form)(JsonWriter& out, const T& value) = nullptr;
+inline constexpr void (*own_writer)(JsonWriter& out, const T& value) = nullptr;
 
 template <class T>
 inline constexpr bool is_basic_json = false;
@@ -279,8 +279,8 @@ void write_text_form(JsonWriter& out, const T& value) {
 /// The one place that decides which type becomes which JSON.
 template <class T>
 void write(JsonWriter& out, const T& value) {
-  if constexpr (own_form<T> != nullptr) {
-    own_form<T>(out, value);
+  if constexpr (own_writer<T> != nullptr) {
+    own_writer<T>(out, value);
   } else if constexpr (is_basic_json<T>) {
     write_tree(out, value);
   } else if constexpr (HasHook<T, nlohmann::ordered_json>) {
