@@ -51,5 +51,5 @@ macro(engines_http_find_all)
   engines_http_find(fmt)
   engines_http_find(spdlog)
   engines_http_find(ZLIB)
-  engines_http_find_module(PCRE2 libpcre2-8)
+  engines_http_find_module(PCRE2 libpcre2-8>=10.40)  # \p{White_Space}
 endmacro()

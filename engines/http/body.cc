@@ -55,7 +55,7 @@ Body form_body(const FormFields& fields) {
   return raw_body(std::move(text), "application/x-www-form-urlencoded");
 }
 
-void detail::write_body(JsonWriter& out, const Body& body) {
+void detail::write_body(JsonEncoder& out, const Body& body) {
   if (!body.content_) return out.null();
   if (!body.content_->is_json) {
     throw std::invalid_argument("a body that is not JSON cannot be a part of a JSON value");

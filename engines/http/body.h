@@ -43,7 +43,7 @@
 #include <vector>
 
 #include "engines/http/export.h"
-#include "engines/http/json/write.h"
+#include "engines/http/json/forms.h"
 
 namespace engines::http {
 
@@ -54,14 +54,14 @@ class Body;
 
 namespace detail {
 
-ENGINES_HTTP_EXPORT void write_body(JsonWriter& out, const Body& body);
+ENGINES_HTTP_EXPORT void write_body(JsonEncoder& out, const Body& body);
 template <>
-inline constexpr void (*own_writer<Body>)(JsonWriter&, const Body&) = &write_body;
+inline constexpr void (*own_writer<Body>)(JsonEncoder&, const Body&) = &write_body;
 
-// In json.cc, which alone needs nlohmann's definitions.
-ENGINES_HTTP_EXPORT void write_json(JsonWriter& out, const Json& value);
+// Compiled once, in json.cc: a caller that sends a `Json` needs only its declaration.
+ENGINES_HTTP_EXPORT void write_json(JsonEncoder& out, const Json& value);
 template <>
-inline constexpr void (*own_writer<Json>)(JsonWriter&, const Json&) = &write_json;
+inline constexpr void (*own_writer<Json>)(JsonEncoder&, const Json&) = &write_json;
 
 }  // namespace detail
 
@@ -74,7 +74,7 @@ inline constexpr void (*own_writer<Json>)(JsonWriter&, const Json&) = &write_jso
 /// throws. A binary Json value is the text that its bytes are; a discarded one cannot be encoded.
 template <class T>
 std::string encode_json(const T& value) {
-  detail::JsonWriter out;
+  detail::JsonEncoder out;
   detail::write(out, value);
   return out.take();
 }
@@ -100,7 +100,7 @@ class ENGINES_HTTP_EXPORT Body final {
 
  private:
   friend Body raw_body(std::string bytes, std::string content_type);
-  friend void detail::write_body(detail::JsonWriter& out, const Body& body);
+  friend void detail::write_body(detail::JsonEncoder& out, const Body& body);
 
   struct Content {
     std::string bytes;

@@ -100,7 +100,7 @@ std::string _error_body(const HTTPError& error) {
 std::optional<std::string> html_page(std::string_view body, std::string_view content_type) {
   constexpr std::size_t START_CHARS = 64;
   const std::string start =
-      detail::lower(detail::first_chars(detail::trim_start(body), START_CHARS));
+      detail::lower(detail::first_chars(detail::skip_space_and_separators(body), START_CHARS));
   const bool labelled = detail::lower(content_type).find("text/html") != std::string::npos;
   if (labelled || start.starts_with("<!doctype html") || start.starts_with("<html")) {
     return "an HTML page";

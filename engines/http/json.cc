@@ -11,6 +11,6 @@ std::optional<Json> decode_json(std::string_view text) {
   return detail::decode_utf8_json(text);
 }
 
-void detail::write_json(JsonWriter& out, const Json& value) { write_tree(out, value); }
+void detail::write_json(JsonEncoder& out, const Json& value) { write_tree(out, value); }
 
 }  // namespace engines::http

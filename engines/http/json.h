@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // JSON as the library reads and writes it: RFC 8259, and the numbers NaN, Infinity and -Infinity.
-// The JSON form of each C++ type is described in body.h.
+// `Json`, `encode_json` and the JSON form of each C++ type are in body.h.
 #pragma once
 
 #include <nlohmann/json.hpp>

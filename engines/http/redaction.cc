@@ -2,6 +2,7 @@
 #include "engines/http/redaction.h"
 
 #include <algorithm>
+#include <boost/algorithm/string/replace.hpp>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -27,10 +28,19 @@ constexpr std::array<std::string_view, 9> CREDENTIAL_WORDS = {
 
 // ---- Echoes -------------------------------------------------------------------------------------
 
+/// The pattern as PCRE2 must have it: its `\s` matches U+180E, which is not white space, and from
+/// version 10.43 on its `\b` takes combining marks for parts of words.
+detail::Pattern compiled(std::string_view pattern) {
+  std::string spelled(pattern);
+  boost::replace_all(spelled, R"(\s)", R"(\p{White_Space})");
+  boost::replace_all(spelled, R"((\b)", R"(((?<![\p{L}\p{N}_]))");  // before a word
+  boost::replace_all(spelled, R"(\b)", R"((?![\p{L}\p{N}_]))");     // after it
+  return detail::Pattern(spelled);
+}
+
 const std::array<detail::Pattern, detail::ECHOES.size()>& echoes() {
-  static const std::array compiled{detail::Pattern(detail::ECHOES[0]),
-                                   detail::Pattern(detail::ECHOES[1])};
-  return compiled;
+  static const std::array all{compiled(detail::ECHOES[0]), compiled(detail::ECHOES[1])};
+  return all;
 }
 
 // ---- Known secrets ------------------------------------------------------------------------------

@@ -20,7 +20,7 @@
 namespace engines::http::detail {
 namespace {
 
-using Json = nlohmann::ordered_json;
+using Json = nlohmann::ordered_json;  // as in body.h, which this leaf does not include
 
 constexpr double NOT_A_NUMBER = std::numeric_limits<double>::quiet_NaN();
 constexpr double INFINITE = std::numeric_limits<double>::infinity();
@@ -157,7 +157,8 @@ bool Decoder::read_array() {
   const auto read = std::span(values_).subspan(first);
   array.get_ref<Json::array_t&>().assign(std::move_iterator(read.begin()),
                                          std::move_iterator(read.end()));
-  values_.resize(first);
+  values_.resize(
+      first);  // so that `push` finds room: if it failed, a full array would be destroyed
   return push(std::move(array));
 }
 
@@ -208,9 +209,10 @@ bool Decoder::read_string() {
   return append_string(read) && push(std::move(read));
 }
 
-/// `std::from_chars` accepts more than JSON does: leading zeros, words, and a point without digits
-/// around it. These are refused here. It ends before characters that belong to no number, which the
-/// caller refuses.
+/// Reads an integer. Where the number has a point, an exponent or too many digits, `read_double`
+/// reads all of it again. `std::from_chars` accepts more than JSON does, leading zeros, words, and
+/// a point without digits around it: these are refused here. It ends before characters that belong
+/// to no number, which the caller refuses.
 bool Decoder::read_number() {
   const char* const start = at_;
   const bool negative = take('-');
@@ -223,8 +225,8 @@ bool Decoder::read_number() {
   if (take('.')) return at_ != end_ && is_digit(*at_) && read_double(start);
   if (next_is('e') || next_is('E') || error != std::errc()) return read_double(start);
   if (!negative) return push(magnitude);
-  constexpr std::uint64_t LARGEST = std::uint64_t{1} << 63;
-  if (magnitude == 0 || magnitude > LARGEST)
+  constexpr std::uint64_t LARGEST_NEGATIVE = std::uint64_t{1} << 63;
+  if (magnitude == 0 || magnitude > LARGEST_NEGATIVE)
     return read_double(start);  // as a double, -0 keeps its sign
   return push(static_cast<std::int64_t>(-magnitude));
 }

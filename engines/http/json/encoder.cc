@@ -5,7 +5,6 @@
 
 #include <cmath>
 #include <stdexcept>
-#include <utility>
 
 #include "engines/http/json/syntax.h"
 #include "engines/http/text/utf8.h"
@@ -17,13 +16,13 @@ std::string_view digits_of(const fmt::format_int& number) { return {number.data(
 
 }  // namespace
 
-void JsonWriter::integer(std::int64_t value) { append(digits_of(fmt::format_int(value))); }
+void JsonEncoder::integer(std::int64_t value) { append(digits_of(fmt::format_int(value))); }
 
-void JsonWriter::unsigned_integer(std::uint64_t value) {
+void JsonEncoder::unsigned_integer(std::uint64_t value) {
   append(digits_of(fmt::format_int(value)));
 }
 
-void JsonWriter::number(double value) {
+void JsonEncoder::number(double value) {
   if (std::isnan(value)) return append("NaN");
   if (std::isinf(value)) return append(value < 0 ? "-Infinity" : "Infinity");
   char digits[32];  // the longest is -2.2250738585072014e-308
@@ -33,7 +32,7 @@ void JsonWriter::number(double value) {
   if (std::fabs(value) < FIRST_WITH_EXPONENT && value == std::trunc(value)) append(".0");
 }
 
-void JsonWriter::text(std::string_view value) {
+void JsonEncoder::text(std::string_view value) {
   if (!is_utf8(value)) {
     throw std::invalid_argument("a text that is not valid UTF-8 cannot be encoded as JSON");
   }
@@ -56,26 +55,19 @@ void JsonWriter::text(std::string_view value) {
   append("\"");
 }
 
-void JsonWriter::open(char bracket) {
+void JsonEncoder::open(char bracket) {
   check_depth(++depth_);
   first_ = true;
   append({&bracket, 1});
 }
 
-void JsonWriter::name(std::string_view name) {
+void JsonEncoder::name(std::string_view name) {
   item();
   text(name);
   append(": ");
 }
 
-std::string JsonWriter::take() {
-  flush();
-  return std::move(out_);
-}
-
-void JsonWriter::flush() { out_.append(buffer_.data(), std::exchange(buffered_, 0)); }
-
-void JsonWriter::check_depth(int depth) {
+void JsonEncoder::check_depth(int depth) {
   if (depth <= MAX_JSON_DEPTH) return;
   throw std::invalid_argument(
       fmt::format("a value that is nested more than {} deep, or contains itself, cannot be encoded "

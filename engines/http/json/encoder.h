@@ -2,19 +2,19 @@
 // Writes one JSON text (RFC 8259) piece by piece: how each JSON value is laid out.
 #pragma once
 
-#include <array>
-#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "engines/http/export.h"
 
 namespace engines::http::detail {
 
-/// The caller keeps the order: `item` before each item of an array, `name` and then one value for
-/// each member of an object. After a function has thrown, the writer must not be used.
-class ENGINES_HTTP_EXPORT JsonWriter {
+/// Appends pieces of one JSON text. The caller keeps the order: `item` before each item of an
+/// array, `name` and then one value for each member of an object. After a function has thrown, the
+/// writer must not be used.
+class ENGINES_HTTP_EXPORT JsonEncoder {
  public:
   void null() { append("null"); }
   void boolean(bool value) { append(value ? "true" : "false"); }
@@ -53,26 +53,17 @@ class ENGINES_HTTP_EXPORT JsonWriter {
   /// @}
 
   /// The whole text. Nothing is written after it.
-  std::string take();
+  std::string take() { return std::move(out_); }
 
  private:
   static void check_depth(int depth);
-  void append(std::string_view piece) {
-    if (piece.size() > buffer_.size() - buffered_) {
-      flush();
-      out_.append(piece);
-    } else {
-      buffered_ += piece.copy(buffer_.data() + buffered_, piece.size());
-    }
-  }
-  void flush();
+  void append(std::string_view piece) { out_.append(piece); }
 
   std::string out_;
-  std::array<char, 2048> buffer_;  // short pieces that are not in `out_` yet
-  std::size_t buffered_ = 0;       // characters in it
   int depth_ = 0;
   int links_ = 0;      // calls of `enter` without `leave`
-  bool first_ = true;  // the next item is the first of the innermost open array or object
+  bool first_ = true;  // the next item is the first of the innermost open array or object; not
+                       // after the end of one, which was an item of the one around it
 };
 
 }  // namespace engines::http::detail

@@ -13,8 +13,8 @@ namespace engines::http::detail {
 /// value, and ends the walk through a value that contains itself.
 inline constexpr int MAX_JSON_DEPTH = 1000;
 
-/// The characters with an escape of one letter, and those letters in the same order. The slash,
-/// which is last, need not be escaped.
+/// The characters with an escape of one letter, and those letters in the same order. The slash is
+/// only read: as it stands for itself, the encoder does not escape it.
 inline constexpr std::string_view ESCAPED = "\"\\\n\r\t\b\f/";
 inline constexpr std::string_view ESCAPE_LETTERS = "\"\\nrtbf/";
 
@@ -27,7 +27,7 @@ constexpr bool is_plain(char c) noexcept {
 inline bool are_plain(std::uint64_t eight) noexcept {
   constexpr std::uint64_t EACH = 0x0101010101010101;
   constexpr std::uint64_t HIGH_BITS = 0x80 * EACH;
-  // `x - n * EACH` sets the high bit of some byte that had none where a byte is below n.
+  // `(x - n * EACH) & ~x` has a high bit exactly where some byte of x is below n (up to 0x80).
   const std::uint64_t quote = eight ^ '"' * EACH;
   const std::uint64_t backslash = eight ^ '\\' * EACH;
   const std::uint64_t found = ((eight - 0x20 * EACH) & ~eight) | ((quote - EACH) & ~quote) |

@@ -26,13 +26,13 @@ void append_percent_encoded(std::string& out, unsigned char byte) {
 std::string percent_decoded(std::string_view text) {
   std::string decoded;
   for (std::size_t i = 0; i < text.size(); ++i) {
-    decoded += text[i];
-    if (text[i] != '%' || text.size() - i < 3) continue;
-    const char* const digits = text.data() + i + 1;
+    const std::string_view digits = text.substr(i + 1, 2);
     unsigned char byte = 0;
-    if (std::from_chars(digits, digits + 2, byte, 16).ptr != digits + 2) continue;
-    decoded.back() = static_cast<char>(byte);
-    i += 2;
+    const bool is_encoded =
+        text[i] == '%' && digits.size() == 2 &&
+        std::from_chars(digits.data(), digits.data() + 2, byte, 16).ptr == digits.data() + 2;
+    decoded += is_encoded ? static_cast<char>(byte) : text[i];
+    if (is_encoded) i += 2;
   }
   return decoded;
 }

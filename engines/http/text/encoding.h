@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Bytes as ASCII text.
+// Bytes written as ASCII text, and read from it.
 #pragma once
 
 #include <string>

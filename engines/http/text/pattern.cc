@@ -10,27 +10,19 @@ namespace {
 
 PCRE2_SPTR bytes_of(std::string_view text) { return reinterpret_cast<PCRE2_SPTR>(text.data()); }
 
-/// PCRE2's own `\s` matches U+180E, which is not white space.
-std::string with_unicode_white_space(std::string pattern) {
-  for (std::size_t at = 0; (at = pattern.find("\\s", at)) != std::string::npos;) {
-    pattern.replace(at, 2, "\\p{White_Space}");
-  }
-  return pattern;
-}
-
 }  // namespace
 
 Pattern::Pattern(std::string_view pattern) {
-  const std::string spelled = with_unicode_white_space(std::string(pattern));
   int error = 0;
   PCRE2_SIZE offset = 0;
-  code_.reset(pcre2_compile(bytes_of(spelled), spelled.size(), PCRE2_UTF | PCRE2_UCP, &error,
+  code_.reset(pcre2_compile(bytes_of(pattern), pattern.size(), PCRE2_UTF | PCRE2_UCP, &error,
                             &offset, nullptr));
   context_.reset(pcre2_match_context_create(nullptr));
   if (error == PCRE2_ERROR_HEAP_FAILED || !context_) throw std::bad_alloc();
-  // Without just-in-time compilation it is slower, with the same result.
+  // Where this fails, a text with many matches takes quadratic time; the result is the same.
   if (code_) pcre2_jit_compile(code_.get(), PCRE2_JIT_COMPLETE);
-  pcre2_set_match_limit(context_.get(), UINT32_MAX);  // no text is too long
+  // By default a long text would exceed the number of steps.
+  pcre2_set_match_limit(context_.get(), UINT32_MAX);
 }
 
 bool Pattern::replace(std::string& text, std::string_view replacement) const {
@@ -39,12 +31,13 @@ bool Pattern::replace(std::string& text, std::string_view replacement) const {
   if (!code_) return false;
   std::string replaced(text.size() + 1, '\0');  // PCRE2 adds a NUL
   int result = PCRE2_ERROR_NOMEMORY;
-  // The first try reports how much room the result needs.
+  // A try with too little room reports how much is needed.
   for (int tries = 0; tries < 2 && result == PCRE2_ERROR_NOMEMORY; ++tries) {
     PCRE2_SIZE size = replaced.size();
     result = pcre2_substitute(code_.get(), bytes_of(text), text.size(), 0, OPTIONS, nullptr,
                               context_.get(), bytes_of(replacement), replacement.size(),
                               reinterpret_cast<PCRE2_UCHAR*>(replaced.data()), &size);
+    // Unset: the search itself failed, which has the same code where memory is short.
     if (size == PCRE2_UNSET) return false;
     replaced.resize(size);
   }

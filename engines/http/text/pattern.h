@@ -10,11 +10,11 @@
 
 namespace engines::http::detail {
 
-/// A compiled regular expression over UTF-8 text, with Unicode's classes of characters. Any number
-/// of threads may use it at once.
+/// A compiled regular expression (PCRE2) over UTF-8 text, with Unicode's classes of characters. Any
+/// number of threads may use it at once.
 class Pattern {
  public:
-  /// `\s` matches the White_Space property. What PCRE2 cannot compile makes `replace` fail.
+  /// A pattern that cannot be compiled makes `replace` fail.
   explicit Pattern(std::string_view pattern);
 
   /// Replaces each match in the text, which is well-formed UTF-8; `replacement` may name groups as

@@ -11,7 +11,8 @@ std::string type_name(const std::type_info& type) {
   const std::string_view name = readable;
 
   // The last component of the qualified name begins behind the last `::` outside brackets, and ends
-  // at the first bracket: its template arguments or its ABI tag.
+  // at the first bracket after its first character (it may begin with one, as a lambda's does): its
+  // template arguments or its ABI tag.
   std::size_t begin = 0;
   std::size_t end = name.size();
   int depth = 0;

@@ -43,7 +43,7 @@ std::string lower(std::string_view text) {
   icu::StringByteSink<std::string> sink(&lowered);
   UErrorCode error = U_ZERO_ERROR;
   icu::CaseMap::utf8ToLower("", 0, text, sink, nullptr, error);
-  if (U_FAILURE(error)) throw std::bad_alloc();
+  if (U_FAILURE(error)) throw std::bad_alloc();  // nothing else can fail
   return lowered;
 }
 
@@ -62,7 +62,7 @@ std::string_view trim(std::string_view text) noexcept {
   return text.substr(0, end);
 }
 
-std::string_view trim_start(std::string_view text) noexcept {
+std::string_view skip_space_and_separators(std::string_view text) noexcept {
   return without_leading(text, u_isspace);
 }
 

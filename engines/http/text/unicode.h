@@ -16,7 +16,7 @@ bool equal_ignoring_case(std::string_view a, std::string_view b);
 /// The text without the white space (the White_Space property) at both ends.
 std::string_view trim(std::string_view text) noexcept;
 
-/// The text without its leading white space, the information separators U+001C to U+001F included.
-std::string_view trim_start(std::string_view text) noexcept;
+/// The text without leading white space and information separators (U+001C to U+001F).
+std::string_view skip_space_and_separators(std::string_view text) noexcept;
 
 }  // namespace engines::http::detail

@@ -24,9 +24,11 @@ std::size_t skip_ascii(std::string_view text, std::size_t position) noexcept {
 
 bool is_utf8(std::string_view text) noexcept {
   for (std::size_t position = 0;;) {
-    const std::size_t start = position = skip_ascii(text, position);
-    if (start == text.size()) return true;
+    position = skip_ascii(text, position);
+    if (position == text.size()) return true;
+    const std::size_t start = position;
     if (next_char(text, position) != REPLACEMENT) continue;
+    // U+FFFD itself is well formed.
     if (text.substr(start, position - start) != "\ufffd") return false;
   }
 }

@@ -25,10 +25,11 @@
 
 namespace engines::http::detail {
 
-/// Writes a type that this header does not know; null for every other type. Specialised beside the
-/// type.
+/// The function that writes a `T`, specialised beside the type; null: `write` decides. It is a
+/// variable because an overload of `write` for a type such as `Body` would fit whatever converts to
+/// that.
 template <class T>
-inline constexpr void (*own_writer)(JsonWriter& out, const T& value) = nullptr;
+inline constexpr void (*own_writer)(JsonEncoder& out, const T& value) = nullptr;
 
 template <class T>
 inline constexpr bool is_basic_json = false;
@@ -43,24 +44,26 @@ inline constexpr bool is_basic_json<nlohmann::basic_json<
 template <class T>
 concept Nullable = is_a<T, std::optional> || is_a<T, std::unique_ptr> || is_a<T, std::shared_ptr>;
 
-// Whether a type has a hook of its own. `to_json(json, value)` also considers the functions of
-// nlohmann's namespaces, which from version 3.11.3 on include overloads for every built-in type.
-// They are templates that deduce the type of the value. So they cannot be called with a stand-in
-// that only converts to the value; and where a rival template deduces the type, too, the call is
-// ambiguous.
+// Whether a type has a hook of its own. From version 3.11.3 on nlohmann's namespaces are searched
+// for `to_json(json, value)`, too, whatever the value, and have an overload for every built-in
+// type. Those must not count. Two questions find a type's own hook:
+//
+//  1. Is there a function that names the type or a base of it? It can be called with a `StandIn`,
+//     which converts to the type; a template that deduces the type cannot. Of nlohmann's, those
+//     that name a type can be called with a `Stranger`, too, whose namespaces are others.
+//  2. Is there a template that names the type's own template? It fits better than a rival that
+//  takes
+//     any type; nlohmann's, which take any type, too, are ambiguous with it.
 
-/// Converts to a `T`, and has the same associated namespaces: the functions that name `T` or a base
-/// of it can be called.
+/// Converts to a `T`, and has the same associated namespaces.
 template <class T>
 struct StandIn {
   const T& value;
-  operator const T&() const& { return value; }
-  operator const T&() const&& = delete;
+  operator const T&() const { return value; }
 
   /// Converts to a `T`, too, but as a nested class does not have its associated namespaces.
   struct Stranger {
-    operator const T&() const&;
-    operator const T&() const&& = delete;
+    operator const T&() const;
   };
 };
 
@@ -82,7 +85,7 @@ concept LosesToHook = requires(Value& json, const T& value) {
 
 }  // namespace rival
 
-/// There is a hook that names `T` or a base of it.
+/// The answer to the first question.
 template <class T, class Value>
 concept HasHookByName =
     CanCallHook<Value, StandIn<T>> && !CanCallHook<Value, typename StandIn<T>::Stranger>;
@@ -92,13 +95,13 @@ template <class T>
 concept StandardTemplate = Nullable<T> || is_a<T, std::pair> || is_a<T, std::tuple> ||
     is_a<T, std::vector> || is_a<T, std::basic_string>;
 
-/// There is a hook that fits better than the rival: it names `T`, or its template.
+/// The answer to the second question.
 template <class T, class Value>
-concept HasHookByTemplate = !StandardTemplate<T> && rival::LosesToHook<Value, T>;
+concept HasTemplatedHook = !StandardTemplate<T> && rival::LosesToHook<Value, T>;
 
 template <class T, class Value>
 concept HasHook = (std::is_class_v<T> || std::is_enum_v<T> ||
-                   std::is_union_v<T>)&&(HasHookByName<T, Value> || HasHookByTemplate<T, Value>);
+                   std::is_union_v<T>)&&(HasHookByName<T, Value> || HasTemplatedHook<T, Value>);
 
 template <class T>
 concept NoValue = std::same_as<T, std::nullptr_t> || std::same_as<T, std::nullopt_t> ||
@@ -130,10 +133,10 @@ concept Variant = requires(const T& value) {
 };
 
 template <class T>
-void write(JsonWriter& out, const T& value);
+void write(JsonEncoder& out, const T& value);
 
 template <class T>
-void write_scalar(JsonWriter& out, const T& value) {
+void write_scalar(JsonEncoder& out, const T& value) {
   if constexpr (Boolean<T>) {
     out.boolean(value);
   } else if constexpr (std::floating_point<T>) {
@@ -146,7 +149,7 @@ void write_scalar(JsonWriter& out, const T& value) {
 }
 
 template <class T>
-void write_text(JsonWriter& out, const T& text) {
+void write_text(JsonEncoder& out, const T& text) {
   if constexpr (CString<T>) {
     if (text == nullptr) return out.null();
   }
@@ -155,7 +158,7 @@ void write_text(JsonWriter& out, const T& text) {
 
 /// Writes the value that this one holds or refers to.
 template <class T>
-void write_held(JsonWriter& out, const T& value) {
+void write_held(JsonEncoder& out, const T& value) {
   out.enter();
   if constexpr (Nullable<T>) {
     value ? write(out, *value) : out.null();
@@ -168,7 +171,7 @@ void write_held(JsonWriter& out, const T& value) {
 }
 
 template <class Key>
-void write_name(JsonWriter& out, const Key& key) {
+void write_name(JsonEncoder& out, const Key& key) {
   static_assert(Text<Key> || Boolean<Key> || Character<Key> || Number<Key>,
                 "a member name is a text, an integer, a bool or a floating-point number");
   if constexpr (CString<Key>) {
@@ -177,14 +180,14 @@ void write_name(JsonWriter& out, const Key& key) {
   if constexpr (Text<Key> || Character<Key>) {
     out.name(view(key));
   } else {
-    JsonWriter form;
+    JsonEncoder form;
     write_scalar(form, key);
     out.name(form.take());
   }
 }
 
 template <class T>
-void write_object(JsonWriter& out, const T& members) {
+void write_object(JsonEncoder& out, const T& members) {
   out.open('{');
   for (const auto& [name, member] : members) {
     write_name(out, name);
@@ -194,7 +197,7 @@ void write_object(JsonWriter& out, const T& members) {
 }
 
 template <class T>
-void write_array(JsonWriter& out, const T& items) {
+void write_array(JsonEncoder& out, const T& items) {
   out.open('[');
   for (const auto& item : items) {
     out.item();
@@ -204,7 +207,7 @@ void write_array(JsonWriter& out, const T& items) {
 }
 
 template <class T>
-void write_tuple(JsonWriter& out, const T& tuple) {
+void write_tuple(JsonEncoder& out, const T& tuple) {
   out.open('[');
   std::apply([&out](const auto&... items) { ((out.item(), write(out, items)), ...); }, tuple);
   out.close(']');
@@ -212,7 +215,7 @@ void write_tuple(JsonWriter& out, const T& tuple) {
 
 /// Any basic_json; a template, so that its definition is needed only where one is used.
 template <class Value>
-void write_tree(JsonWriter& out, const Value& value) {
+void write_tree(JsonEncoder& out, const Value& value) {
   using Kind = typename Value::value_t;
   switch (value.type()) {
     case Kind::null:
@@ -242,7 +245,7 @@ void write_tree(JsonWriter& out, const Value& value) {
 }
 
 template <class Value, class T>
-void write_by_hook(JsonWriter& out, const T& value) {
+void write_by_hook(JsonEncoder& out, const T& value) {
   Value json;
   if constexpr (HasHookByName<T, Value>) {
     const StandIn<T> named{value};
@@ -254,7 +257,7 @@ void write_by_hook(JsonWriter& out, const T& value) {
 }
 
 template <class T>
-void write_text_form(JsonWriter& out, const T& value) {
+void write_other(JsonEncoder& out, const T& value) {
   static_assert(!std::is_pointer_v<T> && !std::is_function_v<T> && !WideCharacter<T>,
                 "raw pointers and wide characters have no JSON form");
   if constexpr (requires { out.text(to_string(value)); }) {
@@ -270,7 +273,7 @@ void write_text_form(JsonWriter& out, const T& value) {
     out.text(printed([&value](std::ostream& stream) { operator<<(stream, value); }));
   } else if constexpr (std::is_enum_v<T>) {
     write_scalar(out, static_cast<std::underlying_type_t<T>>(value));
-  } else {
+  } else {  // what the first assertion refuses is not refused twice
     static_assert(std::is_pointer_v<T> || std::is_function_v<T> || WideCharacter<T>,
                   "this type has no JSON form; give it a to_json(Json&, const T&)");
   }
@@ -278,7 +281,7 @@ void write_text_form(JsonWriter& out, const T& value) {
 
 /// The one place that decides which type becomes which JSON.
 template <class T>
-void write(JsonWriter& out, const T& value) {
+void write(JsonEncoder& out, const T& value) {
   if constexpr (own_writer<T> != nullptr) {
     own_writer<T>(out, value);
   } else if constexpr (is_basic_json<T>) {
@@ -302,7 +305,7 @@ void write(JsonWriter& out, const T& value) {
   } else if constexpr (is_a<T, std::pair> || is_a<T, std::tuple>) {
     write_tuple(out, value);
   } else {
-    write_text_form(out, value);
+    write_other(out, value);
   }
 }
 
