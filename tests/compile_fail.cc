@@ -4,6 +4,7 @@
 #include "engines/http/classification.h"
 #include "engines/http/requests.h"
 #include "engines/http/retry.h"
+#include "engines/http/testing.h"
 
 using namespace engines::http;
 

@@ -44,7 +44,7 @@ Body raw_body(std::string bytes, std::string content_type) {
   return Body(Body::Content{std::move(bytes), std::move(content_type), false});
 }
 
-Body form_body(const FormFields& fields) {
+Body detail::form_body(const FormFields& fields) {
   std::string text;
   for (const auto& [name, value] : fields) {
     if (!text.empty()) text += '&';
@@ -53,6 +53,12 @@ Body form_body(const FormFields& fields) {
     append_form_text(text, value);
   }
   return raw_body(std::move(text), "application/x-www-form-urlencoded");
+}
+
+Body form_body(std::initializer_list<detail::GivenField> fields) {
+  FormFields texts;
+  for (const auto& [name, value] : fields) texts.emplace_back(name.text, value.text);
+  return detail::form_body(texts);
 }
 
 void detail::write_body(JsonEncoder& out, const Body& body) {

@@ -33,6 +33,7 @@
 #pragma once
 
 #include <concepts>
+#include <initializer_list>
 #include <memory>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
@@ -43,6 +44,7 @@
 #include <vector>
 
 #include "engines/http/export.h"
+#include "engines/http/given_text.h"
 #include "engines/http/json/forms.h"
 
 namespace engines::http {
@@ -56,12 +58,12 @@ namespace detail {
 
 ENGINES_HTTP_EXPORT void write_body(JsonEncoder& out, const Body& body);
 template <>
-inline constexpr void (*own_writer<Body>)(JsonEncoder&, const Body&) = &write_body;
+inline constexpr auto own_writer<Body> = &write_body;
 
 // Compiled once, in json.cc: a caller that sends a `Json` needs only its declaration.
 ENGINES_HTTP_EXPORT void write_json(JsonEncoder& out, const Json& value);
 template <>
-inline constexpr void (*own_writer<Json>)(JsonEncoder&, const Json&) = &write_json;
+inline constexpr auto own_writer<Json> = &write_json;
 
 }  // namespace detail
 
@@ -123,6 +125,10 @@ ENGINES_HTTP_EXPORT Body raw_body(std::string bytes, std::string content_type);
 /// The names and values of a form, in order.
 using FormFields = std::vector<std::pair<std::string, std::string>>;
 
+namespace detail {
+ENGINES_HTTP_EXPORT Body form_body(const FormFields& fields);
+}
+
 /// A body of type "application/x-www-form-urlencoded", percent-encoded as the URL standard's form
 /// serialiser does; from a braced list or any range of pairs of strings:
 ///
@@ -130,13 +136,13 @@ using FormFields = std::vector<std::pair<std::string, std::string>>;
 ///
 /// Throws `std::invalid_argument` for text that is not valid UTF-8.
 /// @{
-ENGINES_HTTP_EXPORT Body form_body(const FormFields& fields);
+ENGINES_HTTP_EXPORT Body form_body(std::initializer_list<detail::GivenField> fields);
 
 template <std::ranges::input_range Range>
-requires(!std::same_as<std::remove_cvref_t<Range>, FormFields>) Body form_body(Range&& range) {
+Body form_body(Range&& range) {
   FormFields fields;
   for (auto&& [name, value] : range) fields.emplace_back(name, value);
-  return form_body(fields);
+  return detail::form_body(fields);
 }
 /// @}
 

@@ -24,26 +24,13 @@
 #include <vector>
 
 #include "engines/http/export.h"
+#include "engines/http/given_text.h"
 #include "engines/http/transport.h"
 
 namespace engines::http {
 
 /// Replaces every secret, cut-off secret and echoed credential.
 inline constexpr std::string_view REDACTED = "[redacted]";
-
-namespace detail {
-
-/// An element of a braced list of secrets. Unlike a string it is not made from two pointers:
-/// `{{"a", "b"}}` is two secrets, not one text from a pair of iterators.
-struct ENGINES_HTTP_EXPORT OneSecret {
-  template <class Text>
-  requires std::is_convertible_v<Text, std::string> OneSecret(Text&& secret)
-      : text([&]() -> std::string { return std::forward<Text>(secret); }()) {}
-
-  std::string text;
-};
-
-}  // namespace detail
 
 /// An immutable sequence of secrets; copies share it. It converts from any range of strings, which
 /// is read once, so a one-pass range will do.
@@ -53,9 +40,9 @@ class ENGINES_HTTP_EXPORT Secrets {
   /// No secrets, or these, in this order.
   /// @{
   Secrets(std::nullopt_t) noexcept {}
-  Secrets(std::initializer_list<detail::OneSecret> secrets) {
+  Secrets(std::initializer_list<detail::GivenText> secrets) {
     std::vector<std::string> texts;
-    for (const detail::OneSecret& secret : secrets) texts.push_back(secret.text);
+    for (const detail::GivenText& secret : secrets) texts.push_back(secret.text);
     *this = Secrets(std::move(texts));
   }
   Secrets(std::vector<std::string> secrets) {

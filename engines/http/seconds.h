@@ -13,10 +13,11 @@ namespace engines::http {
 /// `double`.
 class ENGINES_HTTP_EXPORT Seconds {
  public:
-  /// A number of seconds.
+  /// A number of seconds: no boolean and no character.
   template <class Number>
-  requires std::is_arithmetic_v<Number>
-  constexpr Seconds(Number seconds) noexcept : seconds_(static_cast<double>(seconds)) {}
+  requires(std::is_arithmetic_v<Number> &&
+           sizeof(Number) > 1) constexpr Seconds(Number seconds) noexcept
+      : seconds_(static_cast<double>(seconds)) {}
 
   /// A duration, as those of std::chrono.
   template <class Duration>

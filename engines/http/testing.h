@@ -27,6 +27,7 @@
 #include <utility>
 #include <vector>
 
+#include "engines/http/classification.h"
 #include "engines/http/export.h"
 #include "engines/http/held.h"
 #include "engines/http/json.h"
@@ -156,6 +157,7 @@ class ENGINES_HTTP_EXPORT ScriptedTransport {
   /// Throws this error, which is kept as a `Piece` keeps it.
   template <class Error>
   ScriptedTransport& fail(const Error& error) {
+    static_assert(!detail::ErrorHandle<Error>, "pass the error, not a handle to it");
     return then([thrown = detail::hold<Error>(error)->thrown](
                     const Request&, TransportOptions) -> std::shared_ptr<Response> {
       std::rethrow_exception(thrown);

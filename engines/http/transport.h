@@ -36,6 +36,7 @@
 
 #include "engines/http/export.h"
 #include "engines/http/failure.h"
+#include "engines/http/given_text.h"
 #include "engines/http/held.h"
 #include "engines/http/seconds.h"
 #include "engines/http/stop_signal.h"
@@ -53,7 +54,9 @@ class ENGINES_HTTP_EXPORT Headers {
   /// No headers, or these, in this order.
   /// @{
   Headers(std::nullopt_t) noexcept {}
-  Headers(std::initializer_list<Entry> entries) : entries_(entries) {}
+  Headers(std::initializer_list<detail::GivenField> entries) {
+    for (const auto& [name, value] : entries) add(name.text, value.text);
+  }
   explicit Headers(std::vector<Entry>&& entries) noexcept : entries_(std::move(entries)) {}
 
   template <std::ranges::input_range Range>

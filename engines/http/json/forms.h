@@ -29,7 +29,9 @@ namespace engines::http::detail {
 /// variable because an overload of `write` for a type such as `Body` would fit whatever converts to
 /// that.
 template <class T>
-inline constexpr void (*own_writer)(JsonEncoder& out, const T& value) = nullptr;
+inline constexpr auto own_writer = nullptr;
+template <class T>
+concept HasOwnWriter = !std::same_as<decltype(own_writer<T>), const std::nullptr_t>;
 
 template <class T>
 inline constexpr bool is_basic_json = false;
@@ -282,7 +284,7 @@ void write_other(JsonEncoder& out, const T& value) {
 /// The one place that decides which type becomes which JSON.
 template <class T>
 void write(JsonEncoder& out, const T& value) {
-  if constexpr (own_writer<T> != nullptr) {
+  if constexpr (HasOwnWriter<T>) {
     own_writer<T>(out, value);
   } else if constexpr (is_basic_json<T>) {
     write_tree(out, value);
