@@ -18,8 +18,6 @@
 #include <system_error>
 #include <utility>
 
-#include "engines/http/net/proxy.h"
-
 namespace engines::http::net {
 namespace {
 
@@ -143,11 +141,7 @@ void check_certificates(const PoolOptions& options) {
 
 unsigned fork_depth() noexcept { return forks; }
 
-bool Route::is_forwarded() const { return proxy && is_forwarding(*proxy, origin); }
-const Url* Route::tunnel() const { return proxy && !is_forwarded() ? &*proxy : nullptr; }
-const Origin& Route::peer() const { return is_forwarded() ? proxy->origin : origin; }
-
-Connection::Connection(Route route, const PoolOptions& options, Limits& limits)
+Connection::Connection(Route route, const PoolOptions& options, const Limits& limits)
     : route_(std::move(route)),
       is_secure_(route_.peer().scheme == "https"),
       proxy_headers_(nullptr, &curl_slist_free_all),
@@ -271,23 +265,20 @@ std::size_t Connection::on_proxy_line(char* text, std::size_t, std::size_t size,
 bool Connection::is_over() noexcept {
   if (failure_) return true;
   try {
-    limits_->check(Phase::connecting, connect_until_);
+    limits_->check();
   } catch (...) {
     failure_ = std::current_exception();
   }
   return failure_ != nullptr;
 }
 
-void Connection::connect(Limits& limits) {
-  const TimePoint from = SteadyClock::now();
+void Connection::connect(const Limits& limits) {
   limits_ = &limits;
-  connect_until_ = from + limits.longest_wait(Phase::connecting);
   // libcurl divides this among a host's addresses, so that a dead one leaves time for the next.
-  const int longest = milliseconds(connect_until_ - from);
-  set(CURLOPT_CONNECTTIMEOUT_MS, std::max(static_cast<long>(longest), 1L));
+  set(CURLOPT_CONNECTTIMEOUT_MS, std::max(static_cast<long>(milliseconds(limits.left())), 1L));
   for (;;) {
     // At most 50 ms: libcurl must be called so often to try a host's next address.
-    const Duration wait = limits.check(Phase::connecting, connect_until_);
+    const Duration wait = limits.check();
     int running = 0;
     const CURLMcode code = curl_multi_perform(multi_.get(), &running);
     if (code == CURLM_OUT_OF_MEMORY) throw std::bad_alloc();
@@ -304,7 +295,6 @@ void Connection::connect(Limits& limits) {
   error_text_[0] = '\0';
   curl_easy_getinfo(easy_.get(), CURLINFO_OS_ERRNO, &connect_errno_);
   curl_easy_getinfo(easy_.get(), CURLINFO_ACTIVESOCKET, &socket_);
-  limits.spend(Phase::connecting, SteadyClock::now() - from);
 }
 
 void Connection::fail(CURLcode code) const {
@@ -316,11 +306,11 @@ void Connection::fail(CURLcode code) const {
       throw std::bad_alloc();
     case CURLE_COULDNT_RESOLVE_HOST:
     case CURLE_COULDNT_RESOLVE_PROXY:
-      throw URLError(gaierror(text(code == CURLE_COULDNT_RESOLVE_PROXY || route_.is_forwarded()
+      throw URLError(gaierror(text(code == CURLE_COULDNT_RESOLVE_PROXY || route_.forwarder()
                                        ? "the proxy's name did not resolve"
                                        : "the host name did not resolve")));
     case CURLE_OPERATION_TIMEDOUT:
-      limits_->time_out(Phase::connecting);
+      limits_->time_out();
     case CURLE_PEER_FAILED_VERIFICATION:
       throw URLError(OSError(text("the peer's certificate is not trusted")));
     case CURLE_SSL_CACERT_BADFILE:

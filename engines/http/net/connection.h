@@ -8,31 +8,13 @@
 
 #include <exception>
 #include <memory>
-#include <optional>
-#include <string>
 
 #include "engines/http/net/limits.h"
+#include "engines/http/net/proxy.h"
 #include "engines/http/net/stream.h"
-#include "engines/http/net/url.h"
 #include "engines/http/pool_options.h"
 
 namespace engines::http::net {
-
-/// Where a connection leads. Requests share a connection only where their routes are equal, origins
-/// included: a forwarding proxy may send all that comes on one connection to the same server.
-struct Route {
-  Origin origin;                     // what the requests are for
-  std::optional<Url> proxy;          // none: there is none
-  std::string tunnel_authorization;  // its `Proxy-Authorization`; empty: the proxy URL's userinfo
-
-  bool operator==(const Route&) const = default;
-  /// Whether the proxy forwards the requests.
-  bool is_forwarded() const;
-  /// The proxy, where it is a tunnel to the origin; else null.
-  const Url* tunnel() const;
-  /// Whom an exchange speaks to: the origin, or the proxy that forwards its requests.
-  const Origin& peer() const;
-};
 
 /// Throws `ValueError`, which names the option, for certificates and keys of the options that
 /// cannot be used.
@@ -44,9 +26,9 @@ unsigned fork_depth() noexcept;
 
 class Connection final : public Stream {
  public:
-  /// Connects. Throws a `URLError`, `Stopped`, or `ValueError`, which names the option or the
-  /// variable, for certificates that cannot be used.
-  Connection(Route route, const PoolOptions& options, Limits& limits);
+  /// Connects, within the wait that the limits have begun. Throws a `URLError`, `Stopped`, or
+  /// `ValueError`, which names the option or the variable, for certificates that cannot be used.
+  Connection(Route route, const PoolOptions& options, const Limits& limits);
   ~Connection() override;
 
   const Route& route() const noexcept { return route_; }
@@ -79,7 +61,7 @@ class Connection final : public Stream {
   void set_up(const PoolOptions& options);
   void set_up_proxy();
   void set_up_tls(const PoolOptions& options);
-  void connect(Limits& limits);
+  void connect(const Limits& limits);
   bool is_over() noexcept;
   [[noreturn]] void fail(CURLcode code) const;
   StreamError error_of(CURLcode code) const;
@@ -97,8 +79,7 @@ class Connection final : public Stream {
   CURLcode io_error_ = CURLE_OK;  // of the last failed send or receive
   char error_text_[CURL_ERROR_SIZE] = {};
   const Limits* limits_ = nullptr;  // null once connected
-  TimePoint connect_until_;
-  std::exception_ptr failure_;  // of a callback; thrown by `connect`
+  std::exception_ptr failure_;      // of a callback; thrown by `connect`
   std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> proxy_headers_;
   std::unique_ptr<CURLM, decltype(&curl_multi_cleanup)> multi_;  // owns the connection
   std::unique_ptr<CURL, FreeEasy> easy_;
