@@ -26,6 +26,7 @@ struct Played {
 
   std::string run() {
     exchange.run("POST / HTTP/1.1\r\n\r\n", "{}", false);
+    exchange.decode_content();
     return std::to_string(exchange.status());
   }
   /// "200 kept [body]", "200 closed [body]", or how the exchange failed and what came before it.

@@ -14,12 +14,6 @@
 namespace engines::http {
 namespace {
 
-/// What one call shares between its hops.
-struct Call {
-  std::shared_ptr<net::Pool> pool;
-  net::Limits limits;
-};
-
 net::Route route_of(const net::Hop& hop, const PoolOptions& options) {
   const net::Origin& origin = hop.url.origin;
   net::Route route{origin, net::proxy_for(origin, options.proxy), {}};
@@ -32,14 +26,16 @@ net::Route route_of(const net::Hop& hop, const PoolOptions& options) {
 class Reply final : public Response {
  public:
   /// Sends the hop's request and waits for the final head.
-  Reply(std::shared_ptr<Call> call, const net::Hop& hop) : call_(std::move(call)) {
-    const PoolOptions& options = call_->pool->options();
+  Reply(std::shared_ptr<net::Pool> pool, std::shared_ptr<net::Limits> call_limits,
+        const net::Hop& hop)
+      : pool_(std::move(pool)), limits_(std::move(call_limits)) {
+    const PoolOptions& options = pool_->options();
     net::Route route = route_of(hop, options);
-    net::Limits& limits = call_->limits;
+    net::Limits& limits = *limits_;
     limits.origin = hop.url.origin.address();
     limits.begin(net::Phase::connecting);
     limits.check();
-    connection_ = call_->pool->take(route);
+    connection_ = pool_->take(route);
     if (!connection_) {
       connection_ = std::make_unique<net::Connection>(std::move(route), options, limits);
     }
@@ -66,7 +62,7 @@ class Reply final : public Response {
   void do_close() override {
     if (!connection_) return;
     const bool is_reusable = connection_->is_ours() && exchange_->finish();
-    if (is_reusable) call_->pool->keep(std::move(connection_));
+    if (is_reusable) pool_->keep(std::move(connection_));
     connection_.reset();
   }
 
@@ -75,7 +71,8 @@ class Reply final : public Response {
     return exchange_->read(out, amt, fill);
   }
 
-  std::shared_ptr<Call> call_;
+  std::shared_ptr<net::Pool> pool_;
+  std::shared_ptr<net::Limits> limits_;  // of the call, shared with the replies before it
   std::unique_ptr<net::Connection> connection_;
   std::optional<net::Exchange> exchange_;
 };
@@ -85,10 +82,9 @@ std::shared_ptr<Response> follow(const Request& request, const TransportOptions&
                                  const std::shared_ptr<net::Pool>& pool) {
   net::Hop hop = net::first_hop(request);
   const PoolOptions& pool_options = pool->options();
-  const auto call = std::make_shared<Call>(
-      Call{.pool = pool, .limits = net::Limits(options, pool_options.connect_timeout_s)});
+  const auto limits = std::make_shared<net::Limits>(options, pool_options.connect_timeout_s);
   for (int followed = 0;; ++followed) {
-    auto reply = std::make_shared<Reply>(call, hop);
+    auto reply = std::make_shared<Reply>(pool, limits, hop);
     const StatusCode status = *reply->status();
     if (status >= 200 && status < 300) return reply;
     std::optional<net::Hop> next;

@@ -7,7 +7,7 @@
 #include <openssl/types.h>
 
 #include <exception>
-#include <memory>
+#include <string_view>
 
 #include "engines/http/net/limits.h"
 #include "engines/http/net/proxy.h"
@@ -20,10 +20,6 @@ namespace engines::http::net {
 /// cannot be used.
 void check_certificates(const PoolOptions& options);
 
-/// How many forks lead from the first process to this one: another number in a child than in its
-/// parent. It makes no system call, for each call needs it several times.
-unsigned fork_depth() noexcept;
-
 class Connection final : public Stream {
  public:
   /// Connects, within the wait that the limits have begun. Throws a `URLError`, `Stopped`, or
@@ -35,7 +31,7 @@ class Connection final : public Stream {
 
   /// Whether this process made the connection. One that came through a fork shares its socket with
   /// the parent: anything done to it, closing included, would be seen by the parent's peer.
-  bool is_ours() const noexcept { return fork_depth_ == fork_depth(); }
+  bool is_ours() const noexcept;
 
   /// Whether the peer has neither ended the connection nor sent anything: what came unasked would
   /// be taken for the next reply.
@@ -48,13 +44,9 @@ class Connection final : public Stream {
   StreamError error() const override;
 
  private:
-  struct FreeEasy {
-    CURLM* multi = nullptr;
-    void operator()(CURL* easy) const noexcept {
-      curl_multi_remove_handle(multi, easy);
-      curl_easy_cleanup(easy);
-    }
-  };
+  /// Without the handles' options.
+  explicit Connection(Route route);
+
   template <class Value>
   void set(CURLoption option, Value value);
 
@@ -62,7 +54,7 @@ class Connection final : public Stream {
   void set_up_proxy();
   void set_up_tls(const PoolOptions& options);
   void connect(const Limits& limits);
-  bool is_over() noexcept;
+  bool must_end(std::string_view proxy_line = {}) noexcept;
   [[noreturn]] void fail(CURLcode code) const;
   StreamError error_of(CURLcode code) const;
 
@@ -72,17 +64,17 @@ class Connection final : public Stream {
   static std::size_t on_proxy_line(char* text, std::size_t, std::size_t size, void* self) noexcept;
 
   const Route route_;
-  const unsigned fork_depth_ = fork_depth();
-  const bool is_secure_;  // whether the peer is spoken to over TLS
+  const unsigned fork_depth_;  // of the process that made the connection
+  const bool is_secure_;       // whether the peer is spoken to over TLS
   curl_socket_t socket_ = CURL_SOCKET_BAD;
   long connect_errno_ = 0;        // CURLINFO_OS_ERRNO after connecting
   CURLcode io_error_ = CURLE_OK;  // of the last failed send or receive
   char error_text_[CURL_ERROR_SIZE] = {};
   const Limits* limits_ = nullptr;  // null once connected
   std::exception_ptr failure_;      // of a callback; thrown by `connect`
-  std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> proxy_headers_;
-  std::unique_ptr<CURLM, decltype(&curl_multi_cleanup)> multi_;  // owns the connection
-  std::unique_ptr<CURL, FreeEasy> easy_;
+  curl_slist* proxy_headers_ = nullptr;
+  CURLM* const multi_;  // owns the connection
+  CURL* const easy_;
 };
 
 }  // namespace engines::http::net

@@ -104,9 +104,7 @@ class Exchange::Parser final : public beast::http::basic_parser<false> {
   void parse(std::string_view part) {
     beast::error_code error;
     const std::size_t used = put({part.data(), part.size()}, error);
-    if (error == beast::http::error::need_more) error = {};
-    if (!error && used < part.size()) error = beast::http::error::partial_message;
-    if (!error) return;
+    if (used == part.size() && (!error || error == beast::http::error::need_more)) return;
     const std::string quote = " malformed: " + error.message();
     if (exchange_.status_ == 0) throw BadStatusLine("the reply's status line is" + quote);
     throw HTTPException("the reply's headers are" + quote);
@@ -239,10 +237,9 @@ std::string_view Exchange::next_part_of_head() {
   const std::string_view bytes = input();
   const bool has_no_fields = bytes.starts_with("\r\n");
   const std::string_view end_mark = status_ == 0 ? "\n" : has_no_fields ? "\r\n" : "\r\n\r\n";
-  const std::size_t end = bytes.find(end_mark, searched_);
-  const bool is_whole = end != std::string_view::npos;
+  const std::size_t end = bytes.find(end_mark);
+  const bool is_whole = end != bytes.npos;
   const std::size_t size = is_whole ? end + end_mark.size() : bytes.size();
-  searched_ = is_whole ? 0 : size - std::min<std::size_t>(size, 3);  // a mark may have begun there
   const std::size_t most = std::min(options_.max_header_bytes, MAX_HEADER_BYTES);
   if (head_bytes_ + size > most) {
     throw HTTPException("the reply's headers are longer than " + std::to_string(most) + " bytes");
@@ -259,15 +256,9 @@ void Exchange::count_header_lines(std::size_t lines) {
 
 void Exchange::take_final_head() {
   is_reusable_ = is_sent_ && parser_->keep_alive();
-  if (parser_->is_done()) {
-    framing_ = Framing::none;
-  } else if (parser_->chunked()) {
-    framing_ = Framing::chunked;
-  } else {
-    const auto length = parser_->content_length();
-    framing_ = length ? Framing::sized : Framing::until_end;
-    bytes_left_ = length.value_or(std::numeric_limits<std::uint64_t>::max());
-  }
+  has_ended_ = parser_->is_done();
+  if (has_ended_ || parser_->chunked()) return;
+  bytes_left_ = parser_->content_length().value_or(std::numeric_limits<std::uint64_t>::max());
 }
 
 void Exchange::fail_without_head(Io state) const {
@@ -308,7 +299,7 @@ std::size_t Exchange::read(std::string& out, std::size_t amt, bool fill) {
       const Duration longest = limits_.check();
       if (take_body(out, amt - (out.size() - begin)) > 0) {
         if (!fill) break;
-      } else if (framing_ == Framing::none) {
+      } else if (has_ended_) {
         break;
       } else if (!receive_body()) {
         stream_.wait(false, longest);
@@ -349,7 +340,7 @@ std::size_t Exchange::decode(std::string_view bytes, std::string& out, std::size
   }
   const std::size_t size = out.size();
   const std::size_t used = gzip_->decode(bytes, out, amt);
-  if (framing_ == Framing::none && out.size() == size && !gzip_->is_complete()) {
+  if (has_ended_ && out.size() == size && !gzip_->is_complete()) {
     throw IncompleteRead("the reply was cut short: its gzip coding has no end");
   }
   return used;
@@ -357,7 +348,7 @@ std::size_t Exchange::decode(std::string_view bytes, std::string& out, std::size
 
 /// What has arrived of the body, up to the end of a chunk.
 std::string_view Exchange::arrived() {
-  while (framing_ == Framing::chunked && bytes_left_ == 0 && take_chunk_start()) continue;
+  while (!has_ended_ && bytes_left_ == 0 && take_chunk_start()) continue;
   return input().substr(0, bytes_left_);
 }
 
@@ -380,7 +371,7 @@ bool Exchange::take_chunk_start() {
   const std::string_view trailers = bytes.substr(line.size(), end + 2 - line.size());
   count_header_lines(static_cast<std::size_t>(std::ranges::count(trailers, '\n')));
   input_.consume(end + 4);
-  framing_ = Framing::none;
+  has_ended_ = true;
   return true;
 }
 
@@ -388,13 +379,13 @@ bool Exchange::take_chunk_start() {
 void Exchange::consume(std::size_t size) {
   input_.consume(size);
   bytes_left_ -= size;
-  if (bytes_left_ == 0 && framing_ == Framing::sized) framing_ = Framing::none;
+  if (bytes_left_ == 0 && !parser_->chunked()) has_ended_ = true;
 }
 
 /// Returns false where nothing has come, neither bytes nor the end of the body.
 bool Exchange::receive_body() {
   std::size_t most = std::min<std::uint64_t>(bytes_left_, RECEIVE_BYTES);
-  if (framing_ == Framing::chunked) most = RECEIVE_BYTES - input().size();
+  if (parser_->chunked()) most = RECEIVE_BYTES - input().size();
   if (most == 0) {
     throw HTTPException("a chunk size or the trailers of the reply are longer than " +
                         std::to_string(RECEIVE_BYTES) + " bytes");
@@ -403,10 +394,10 @@ bool Exchange::receive_body() {
   if (state == Io::moved || state == Io::blocked) return state == Io::moved;
   const StreamError error = stream_.error();
   if (state == Io::broken) throw ConnectionError(described("the connection broke", error));
-  if (framing_ != Framing::until_end || !stream_.ended_properly()) {
+  if (!parser_->need_eof() || !stream_.ended_properly()) {
     throw IncompleteRead(described("the reply was cut short", error));
   }
-  framing_ = Framing::none;
+  has_ended_ = true;
   return true;
 }
 
@@ -419,12 +410,12 @@ bool Exchange::finish() {
         consume(size);
         dropped += size;
       }
-      if (framing_ == Framing::none || !receive_body()) break;
+      if (has_ended_ || !receive_body()) break;
     }
   } catch (...) {
     return false;
   }
-  return framing_ == Framing::none && input().empty();
+  return has_ended_ && input().empty();
 }
 
 }  // namespace engines::http::net

@@ -57,7 +57,6 @@ class Exchange {
 
  private:
   class Parser;
-  enum class Framing { none, sized, chunked, until_end };
 
   Io receive(std::size_t at_most);
   std::string_view input() const;
@@ -85,17 +84,16 @@ class Exchange {
 
   bool is_head_request_ = false;
   bool is_sent_ = false;            // the whole request
-  std::unique_ptr<Parser> parser_;  // of the current head
+  std::unique_ptr<Parser> parser_;  // of the current head; it also has the framing of the body
   StatusCode status_ = 0;           // of the current head; 0: its status line has not come
   Headers headers_;                 // of the current head
   std::size_t head_bytes_ = 0;      // of the heads so far, interim ones included
-  std::size_t searched_ = 0;        // bytes of the input, for the end of a part of a head
   std::size_t header_lines_ = 0;    // of the heads and the trailers
   bool is_reusable_ = false;        // as far as is known from the head
 
-  Framing framing_ = Framing::none;  // of what is left of the body
-  std::uint64_t bytes_left_ = 0;     // of the body or, with chunks, of the current one
-  bool has_chunk_ = false;           // whether a chunk has begun
+  bool has_ended_ = false;        // the body
+  std::uint64_t bytes_left_ = 0;  // of the body or, with chunks, of the current one
+  bool has_chunk_ = false;        // whether a chunk has begun
   std::optional<GzipDecoder> gzip_;
   std::string unknown_coding_;  // of the content
   std::exception_ptr failure_;  // of a read

@@ -30,8 +30,6 @@ class Pool {
     TimePoint since;
   };
 
-  /// As `take`, without checking that the connection is quiet.
-  std::unique_ptr<Connection> take_latest(const Route& route);
   /// Closes those that have been idle for too long or came through a fork.
   void close_stale(TimePoint now);
 

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "engines/http/net/stream.h"
 
-#include <cerrno>
 #include <system_error>
 
 namespace engines::http::net {
@@ -13,21 +12,6 @@ std::string described(std::string_view situation, const StreamError& error) {
   // text is the start of one looked for.
   if (!error.text.empty()) text += ": " + error.text;
   return text;
-}
-
-void throw_unsent(std::string_view situation, const StreamError& error) {
-  const std::string text = described(situation, error);
-  switch (error.os_error) {
-    case ECONNREFUSED:
-    case ECONNRESET:
-    case ECONNABORTED:
-    case EPIPE:
-      throw URLError(ConnectionError(text));
-    case ETIMEDOUT:
-      throw URLError(TimeoutError(text));
-    default:
-      throw URLError(OSError(text));
-  }
 }
 
 }  // namespace engines::http::net

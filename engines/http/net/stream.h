@@ -32,10 +32,6 @@ struct StreamError {
 /// "situation (the system's text): quote".
 std::string described(std::string_view situation, const StreamError& error);
 
-/// Throws a `URLError` whose reason has the kind that `os_error` means: the request was not sent
-/// completely.
-[[noreturn]] void throw_unsent(std::string_view situation, const StreamError& error);
-
 class Stream {
  public:
   Stream() = default;
