@@ -40,7 +40,7 @@ Outcome play(const std::string& reply, std::uint8_t way, std::size_t piece, std:
     exchange.run("", "", (way & HEAD) != 0);
     outcome.status = exchange.status();
     outcome.headers = exchange.headers();
-    exchange.decode_content();
+    if ((way & GZIP) != 0) exchange.decode_content();
     for (std::size_t size = 1; size > 0 && outcome.body.size() < 100'000;) {
       size = exchange.read(outcome.body, amt, fill);
       expect(size <= amt, "no read gives more than is asked for");
@@ -54,7 +54,7 @@ Outcome play(const std::string& reply, std::uint8_t way, std::size_t piece, std:
   expect(outcome.headers.size() <= 20, "a bounded number of headers");
   expect((way & GZIP) != 0 || outcome.body.size() <= reply.size(), "a body of what was sent");
   const bool is_kept = exchange.finish();
-  expect(!is_kept || (way & GZIP) != 0 || outcome.failure.empty(), "none is kept after a failure");
+  expect(!is_kept || outcome.failure.empty(), "none is kept after a failure");
   if (outcome.body.size() > 100'000) outcome = {};  // read in part, as far as the way went
   return outcome;
 }

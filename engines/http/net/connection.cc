@@ -161,7 +161,7 @@ Connection::Connection(Route route)
       multi_(new_multi()),
       easy_(curl_easy_init()) {}
 
-// Once the other constructor has ended, the destructor releases the handles of a failed connection.
+// What this throws leaves the handles to the destructor, because another constructor has ended.
 Connection::Connection(Route route, const PoolOptions& options, const Limits& limits)
     : Connection(std::move(route)) {
   if (!multi_ || !easy_) throw std::bad_alloc();
@@ -171,7 +171,7 @@ Connection::Connection(Route route, const PoolOptions& options, const Limits& li
 }
 
 Connection::~Connection() {
-  if (!is_ours()) return;  // the handles are left as they are
+  if (!is_ours()) return;  // the handles are left as they are: they share the parent's socket
   curl_multi_remove_handle(multi_, easy_);
   curl_easy_cleanup(easy_);
   curl_multi_cleanup(multi_);

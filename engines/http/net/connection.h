@@ -44,7 +44,7 @@ class Connection final : public Stream {
   StreamError error() const override;
 
  private:
-  /// Without the handles' options.
+  /// Makes the handles and sets no options.
   explicit Connection(Route route);
 
   template <class Value>

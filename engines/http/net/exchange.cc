@@ -37,6 +37,14 @@ std::string basic_authorization(const Credentials& credentials) {
   return "Basic " + detail::base64(credentials.user + ":" + credentials.password);
 }
 
+/// How many of the bytes are header fields with the empty line after them; 0: they are not whole.
+/// No end of fields begins before `from`.
+std::size_t length_of_fields(std::string_view bytes, std::size_t from) {
+  if (bytes.starts_with("\r\n")) return 2;
+  const std::size_t end = bytes.find("\r\n\r\n", from);
+  return end == bytes.npos ? 0 : end + 4;
+}
+
 /// The size in the line that begins a chunk (RFC 9112, section 7.1), after the end of the chunk
 /// `before`. Extensions are ignored.
 std::uint64_t chunk_size(std::string_view line, std::string_view before) {
@@ -235,16 +243,13 @@ bool Exchange::parse_head() {
 /// the status line, then all fields. Empty while it is not whole.
 std::string_view Exchange::next_part_of_head() {
   const std::string_view bytes = input();
-  const bool has_no_fields = bytes.starts_with("\r\n");
-  const std::string_view end_mark = status_ == 0 ? "\n" : has_no_fields ? "\r\n" : "\r\n\r\n";
-  const std::size_t end = bytes.find(end_mark);
-  const bool is_whole = end != bytes.npos;
-  const std::size_t size = is_whole ? end + end_mark.size() : bytes.size();
+  const std::size_t size = status_ == 0 ? bytes.find('\n') + 1 : length_of_fields(bytes, searched_);
+  searched_ = size > 0 ? 0 : std::max<std::size_t>(bytes.size(), 3) - 3;
   const std::size_t most = std::min(options_.max_header_bytes, MAX_HEADER_BYTES);
-  if (head_bytes_ + size > most) {
+  if (head_bytes_ + (size == 0 ? bytes.size() : size) > most) {
     throw HTTPException("the reply's headers are longer than " + std::to_string(most) + " bytes");
   }
-  return is_whole ? bytes.substr(0, size) : "";
+  return bytes.substr(0, size);
 }
 
 void Exchange::count_header_lines(std::size_t lines) {
@@ -295,15 +300,15 @@ std::size_t Exchange::read(std::string& out, std::size_t amt, bool fill) {
   const std::size_t begin = out.size();
   limits_.begin(Phase::reading_body);
   try {
+    limits_.check();
     while (out.size() - begin < amt) {
+      const std::size_t had = out.size();
+      const std::size_t used = decode(arrived(), out, amt - (had - begin));
+      consume(used);
+      if (used > 0 || out.size() > had) continue;
+      if (has_ended_ || (!fill && had > begin)) break;
       const Duration longest = limits_.check();
-      if (take_body(out, amt - (out.size() - begin)) > 0) {
-        if (!fill) break;
-      } else if (has_ended_) {
-        break;
-      } else if (!receive_body()) {
-        stream_.wait(false, longest);
-      }
+      if (!receive_body()) stream_.wait(false, longest);
     }
   } catch (const TimeoutError&) {  // after some bytes it is forgotten: the next read waits anew
     if (out.size() == begin) failure_ = std::current_exception();
@@ -312,19 +317,6 @@ std::size_t Exchange::read(std::string& out, std::size_t amt, bool fill) {
   }
   if (failure_ && out.size() == begin) std::rethrow_exception(failure_);
   return out.size() - begin;
-}
-
-/// Appends what has arrived of the body and returns how many bytes; 0: none has, or the body has
-/// ended.
-std::size_t Exchange::take_body(std::string& out, std::size_t amt) {
-  const std::size_t begin = out.size();
-  for (;;) {
-    const std::size_t size = out.size();
-    if (size - begin == amt) return amt;
-    const std::size_t used = decode(arrived(), out, amt - (size - begin));
-    consume(used);
-    if (used == 0 && out.size() == size) return size - begin;
-  }
 }
 
 /// Appends the first of these bytes of the body, decoded, and returns how many it has used.
@@ -357,20 +349,19 @@ std::string_view Exchange::arrived() {
 bool Exchange::take_chunk_start() {
   const std::string_view bytes = input();
   const std::string_view before = has_chunk_ ? "\r\n" : "";
-  const std::size_t line_end = bytes.find('\n', before.size());
-  if (line_end == bytes.npos) return false;
-  const std::string_view line = bytes.substr(0, line_end + 1);
-  bytes_left_ = chunk_size(line, before);
+  const std::size_t line = bytes.find('\n', before.size()) + 1;
+  if (line == 0) return false;
+  bytes_left_ = chunk_size(bytes.substr(0, line), before);
   if (bytes_left_ > 0) {
     has_chunk_ = true;
-    input_.consume(line.size());
+    input_.consume(line);
     return true;
   }
-  const std::size_t end = bytes.find("\r\n\r\n", line.size() - 2);
-  if (end == bytes.npos) return false;
-  const std::string_view trailers = bytes.substr(line.size(), end + 2 - line.size());
-  count_header_lines(static_cast<std::size_t>(std::ranges::count(trailers, '\n')));
-  input_.consume(end + 4);
+  const std::string_view trailers = bytes.substr(line, length_of_fields(bytes.substr(line), 0));
+  if (trailers.empty()) return false;
+  const auto lines = static_cast<std::size_t>(std::ranges::count(trailers, '\n'));
+  count_header_lines(lines - 1);  // the last one is empty
+  input_.consume(line + trailers.size());
   has_ended_ = true;
   return true;
 }

@@ -74,7 +74,6 @@ class Exchange {
   std::string_view arrived();
   bool take_chunk_start();
   void consume(std::size_t size);
-  std::size_t take_body(std::string& out, std::size_t amt);
   std::size_t decode(std::string_view bytes, std::string& out, std::size_t amt);
 
   Stream& stream_;
@@ -88,8 +87,9 @@ class Exchange {
   StatusCode status_ = 0;           // of the current head; 0: its status line has not come
   Headers headers_;                 // of the current head
   std::size_t head_bytes_ = 0;      // of the heads so far, interim ones included
-  std::size_t header_lines_ = 0;    // of the heads and the trailers
-  bool is_reusable_ = false;        // as far as is known from the head
+  std::size_t searched_ = 0;      // bytes of the input in which no end of the header fields begins
+  std::size_t header_lines_ = 0;  // of the heads and the trailers
+  bool is_reusable_ = false;      // as far as is known from the head
 
   bool has_ended_ = false;        // the body
   std::uint64_t bytes_left_ = 0;  // of the body or, with chunks, of the current one

@@ -35,11 +35,10 @@ class Limits {
  public:
   Limits(const TransportOptions& options, std::optional<Seconds> connect_timeout);
 
-  /// Begins a wait. What precedes it, since the last one ended, counts against no bound but that of
-  /// the whole call.
+  /// Begins a wait in this phase. The time between two waits is part of no bound but the call's.
   void begin(Phase phase);
 
-  /// Ends the wait, and counts it against the budget of its phase.
+  /// Ends the wait, and subtracts its time from the budget of its phase.
   void end();
 
   /// Throws `Stopped` once the stop signal returns true, and a timeout once the time of the wait or

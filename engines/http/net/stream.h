@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 #include "engines/http/net/limits.h"
 
@@ -30,7 +31,14 @@ struct StreamError {
 };
 
 /// "situation (the system's text): quote".
-std::string described(std::string_view situation, const StreamError& error);
+inline std::string described(std::string_view situation, const StreamError& error) {
+  std::string text(situation);
+  if (error.os_error != 0) text += " (" + std::generic_category().message(error.os_error) + ")";
+  // The quote comes last: a library below may have cut it inside a secret, and only at the end of a
+  // text is the start of one looked for.
+  if (!error.text.empty()) text += ": " + error.text;
+  return text;
+}
 
 class Stream {
  public:
