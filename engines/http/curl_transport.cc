@@ -26,21 +26,19 @@ net::Route route_of(const net::Hop& hop, const PoolOptions& options) {
 class Reply final : public Response {
  public:
   /// Sends the hop's request and waits for the final head.
-  Reply(std::shared_ptr<net::Pool> pool, std::shared_ptr<net::Limits> call_limits,
-        const net::Hop& hop)
-      : pool_(std::move(pool)), limits_(std::move(call_limits)) {
+  Reply(std::shared_ptr<net::Pool> pool, std::shared_ptr<net::Limits> limits, const net::Hop& hop)
+      : pool_(std::move(pool)), limits_(std::move(limits)) {
     const PoolOptions& options = pool_->options();
     net::Route route = route_of(hop, options);
-    net::Limits& limits = *limits_;
-    limits.origin = hop.url.origin.address();
-    limits.begin(net::Phase::connecting);
-    limits.check();
+    limits_->origin = hop.url.origin.address();
+    limits_->begin(net::Phase::connecting);
+    limits_->check();
     connection_ = pool_->take(route);
     if (!connection_) {
-      connection_ = std::make_unique<net::Connection>(std::move(route), options, limits);
+      connection_ = std::make_unique<net::Connection>(std::move(route), options, *limits_);
     }
-    limits.end();
-    exchange_.emplace(*connection_, limits, options);
+    limits_->end();
+    exchange_.emplace(*connection_, *limits_, options);
     exchange_->run(net::request_head(hop, connection_->route(), options), hop.body.value_or(""),
                    hop.method == "HEAD");
     if (!hop.headers.get("accept-encoding")) exchange_->decode_content();

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <algorithm>
-#include <cerrno>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -42,8 +41,8 @@ class ScriptedStream final : public net::Stream {
     arrived_ += std::min(bytes_.size() - arrived_, piece_);
   }
   bool ended_properly() const override { return then_ == Then::ends; }
-  net::StreamError error() const override {
-    return {then_ == Then::resets ? ECONNRESET : 0, "quote"};
+  std::string reason() const override {
+    return then_ == Then::resets ? " (Connection reset by peer): quote" : ": quote";
   }
 
   std::string sent;

@@ -298,7 +298,8 @@ void Connection::connect(const Limits& limits) {
     if (failure_) std::rethrow_exception(failure_);
     int queued = 0;
     if (const CURLMsg* const message = curl_multi_info_read(multi_, &queued)) {
-      if (message->data.result != CURLE_OK) fail(message->data.result);
+      error_ = message->data.result;
+      if (error_ != CURLE_OK) fail();
       break;
     }
     curl_multi_poll(multi_, nullptr, 0, milliseconds(wait), nullptr);
@@ -309,16 +310,15 @@ void Connection::connect(const Limits& limits) {
   curl_easy_getinfo(easy_, CURLINFO_ACTIVESOCKET, &socket_);
 }
 
-void Connection::fail(CURLcode code) const {
-  const StreamError error = error_of(code);
-  // Without the errno, which does not describe these failures.
-  const auto text = [&](const char* situation) { return described(situation, {0, error.text}); };
-  switch (code) {
+void Connection::fail() const {
+  // Without the errno, which does not describe most of these failures.
+  const auto text = [&](const char* situation) { return situation + quote(); };
+  switch (error_) {
     case CURLE_OUT_OF_MEMORY:
       throw std::bad_alloc();
     case CURLE_COULDNT_RESOLVE_HOST:
     case CURLE_COULDNT_RESOLVE_PROXY:
-      throw URLError(gaierror(text(code == CURLE_COULDNT_RESOLVE_PROXY || route_.forwarder()
+      throw URLError(gaierror(text(error_ == CURLE_COULDNT_RESOLVE_PROXY || route_.forwarder()
                                        ? "the proxy's name did not resolve"
                                        : "the host name did not resolve")));
     case CURLE_OPERATION_TIMEDOUT:
@@ -330,9 +330,9 @@ void Connection::fail(CURLcode code) const {
     case CURLE_SSL_CERTPROBLEM:
       refuse(text("PoolOptions::client_certificate or client_key cannot be used"));
     case CURLE_SSL_CONNECT_ERROR:
-      fail_by_errno(described("cannot set up a secure connection", error), error.os_error);
+      fail_by_errno("cannot set up a secure connection" + reason(), os_error());
     default:
-      fail_by_errno(described("cannot connect", error), error.os_error);
+      fail_by_errno("cannot connect" + reason(), os_error());
   }
 }
 
@@ -344,7 +344,7 @@ IoResult Connection::send(std::string_view bytes) {
   const CURLcode code = curl_easy_send(easy_, bytes.data(), bytes.size(), &sent);
   if (code == CURLE_OK) return {Io::moved, sent};
   if (code == CURLE_AGAIN) return {Io::blocked};
-  io_error_ = code;
+  error_ = code;
   return {Io::broken};
 }
 
@@ -354,10 +354,10 @@ IoResult Connection::receive(char* to, std::size_t room) {
   if (code == CURLE_OK) return {received == 0 ? Io::ended : Io::moved, received};
   if (code == CURLE_AGAIN) return {Io::blocked};
   if (code == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
-  io_error_ = code;
+  error_ = code;
   // Without an errno, TLS ended: by an alert, or without close_notify (which libcurl 7.88 reports
   // as a normal end).
-  return {error().os_error == 0 ? Io::ended : Io::broken};
+  return {os_error() == 0 ? Io::ended : Io::broken};
 }
 
 void Connection::wait(bool to_send, Duration at_most) {
@@ -367,26 +367,32 @@ void Connection::wait(bool to_send, Duration at_most) {
 }
 
 bool Connection::ended_properly() const {
-  if (io_error_ != CURLE_OK) return false;
+  if (error_ != CURLE_OK) return false;
   const auto [backend, session] = tls_session(easy_);
   if (!is_secure_ || backend != CURLSSLBACKEND_OPENSSL) return true;
   return session && (SSL_get_shutdown(static_cast<SSL*>(session)) & SSL_RECEIVED_SHUTDOWN) != 0;
 }
 
-StreamError Connection::error() const {
-  StreamError error = error_of(io_error_);
+/// The errno of what failed last; 0: none.
+int Connection::os_error() const {
+  long error = 0;
+  curl_easy_getinfo(easy_, CURLINFO_OS_ERRNO, &error);
   // libcurl keeps the errno of an address that failed before another one succeeded.
-  if (error.os_error == connect_errno_) error.os_error = 0;
-  return error;
+  return error == connect_errno_ ? 0 : static_cast<int>(error);
 }
 
-/// The system's and libcurl's report of an operation that ended with this code.
-StreamError Connection::error_of(CURLcode code) const {
-  long os_error = 0;
-  curl_easy_getinfo(easy_, CURLINFO_OS_ERRNO, &os_error);
-  // libcurl does not describe every error.
-  const bool is_described = error_text_[0] != '\0' || code == CURLE_OK;
-  return {static_cast<int>(os_error), is_described ? error_text_ : curl_easy_strerror(code)};
+/// libcurl's description of what failed last, if there is one.
+std::string Connection::quote() const {
+  const bool is_described = error_text_[0] != '\0' || error_ == CURLE_OK;
+  const std::string text = is_described ? error_text_ : curl_easy_strerror(error_);
+  return text.empty() ? "" : ": " + text;
+}
+
+std::string Connection::reason() const {
+  const int error = os_error();
+  // The quote comes last: a library below may have cut it inside a secret, and only at the end of a
+  // text is the start of one looked for.
+  return (error == 0 ? "" : " (" + std::generic_category().message(error) + ")") + quote();
 }
 
 bool Connection::is_quiet() {

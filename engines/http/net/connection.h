@@ -7,6 +7,7 @@
 #include <openssl/types.h>
 
 #include <exception>
+#include <string>
 #include <string_view>
 
 #include "engines/http/net/limits.h"
@@ -41,7 +42,7 @@ class Connection final : public Stream {
   IoResult receive(char* to, std::size_t room) override;
   void wait(bool to_send, Duration at_most) override;
   bool ended_properly() const override;
-  StreamError error() const override;
+  std::string reason() const override;
 
  private:
   /// Makes the handles and sets no options.
@@ -55,8 +56,9 @@ class Connection final : public Stream {
   void set_up_tls(const PoolOptions& options);
   void connect(const Limits& limits);
   bool must_end(std::string_view proxy_line = {}) noexcept;
-  [[noreturn]] void fail(CURLcode code) const;
-  StreamError error_of(CURLcode code) const;
+  [[noreturn]] void fail() const;
+  int os_error() const;
+  std::string quote() const;
 
   static CURLcode on_tls_context(CURL*, void* context, void* self) noexcept;
   static void on_tls_message(int, int, int, const void*, std::size_t, SSL* session,
@@ -67,8 +69,8 @@ class Connection final : public Stream {
   const unsigned fork_depth_;  // of the process that made the connection
   const bool is_secure_;       // whether the peer is spoken to over TLS
   curl_socket_t socket_ = CURL_SOCKET_BAD;
-  long connect_errno_ = 0;        // CURLINFO_OS_ERRNO after connecting
-  CURLcode io_error_ = CURLE_OK;  // of the last failed send or receive
+  long connect_errno_ = 0;     // CURLINFO_OS_ERRNO after connecting
+  CURLcode error_ = CURLE_OK;  // of the last operation that failed
   char error_text_[CURL_ERROR_SIZE] = {};
   const Limits* limits_ = nullptr;  // null once connected
   std::exception_ptr failure_;      // of a callback; thrown by `connect`

@@ -267,17 +267,16 @@ void Exchange::take_final_head() {
 }
 
 void Exchange::fail_without_head(Io state) const {
-  const StreamError error = stream_.error();
+  const std::string reason = stream_.reason();
   const bool is_in_fields = status_ != 0;
   if (!is_sent_ && !is_in_fields && input().empty()) {
-    throw URLError(
-        ConnectionError(described("the connection broke while the request was sent", error)));
+    throw URLError(ConnectionError("the connection broke while the request was sent" + reason));
   }
-  if (state == Io::broken) throw ConnectionError(described("the connection broke", error));
+  if (state == Io::broken) throw ConnectionError("the connection broke" + reason);
   if (is_in_fields) {
-    throw HTTPException(described("the connection was closed inside the reply's headers", error));
+    throw HTTPException("the connection was closed inside the reply's headers" + reason);
   }
-  throw DroppedConnection(described("the connection was dropped before a reply began", error));
+  throw DroppedConnection("the connection was dropped before a reply began" + reason);
 }
 
 // ---- The body -----------------------------------------------------------------------------------
@@ -383,10 +382,9 @@ bool Exchange::receive_body() {
   }
   const Io state = receive(most);
   if (state == Io::moved || state == Io::blocked) return state == Io::moved;
-  const StreamError error = stream_.error();
-  if (state == Io::broken) throw ConnectionError(described("the connection broke", error));
+  if (state == Io::broken) throw ConnectionError("the connection broke" + stream_.reason());
   if (!parser_->need_eof() || !stream_.ended_properly()) {
-    throw IncompleteRead(described("the reply was cut short", error));
+    throw IncompleteRead("the reply was cut short" + stream_.reason());
   }
   has_ended_ = true;
   return true;

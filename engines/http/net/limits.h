@@ -27,10 +27,9 @@ int milliseconds(Duration duration);
 /// What a call is doing.
 enum class Phase { connecting, sending, awaiting_head, reading_body };
 
-/// The bounds of one call. The timeout bounds each wait. Connecting, and waiting for the final
-/// head, have one budget each over all redirects; the first read of the body has what these left of
-/// twice the timeout, so that an origin which is slow at everything holds a call no longer than
-/// that.
+/// The bounds of one call. The timeout bounds each wait; connecting, and waiting for the final
+/// head, have one budget each over all redirects. The first read of the body has what these left of
+/// twice the timeout: a slow origin holds a call no longer than that.
 class Limits {
  public:
   Limits(const TransportOptions& options, std::optional<Seconds> connect_timeout);

@@ -21,14 +21,14 @@ const int atfork_error = pthread_atfork(&lock_pools, &unlock_pools, &unlock_pool
 
 }  // namespace
 
-Pool::Pool(PoolOptions options)
-    : options_(std::move(options)), max_idle_time_(duration_of(options_.max_idle_s)) {
+Pool::Pool(PoolOptions options) : options_(std::move(options)) {
   if (atfork_error != 0) throw std::bad_alloc();
 }
 
 void Pool::close_stale(TimePoint now) {
+  const Duration longest = duration_of(options_.max_idle_s);
   std::erase_if(idle_, [&](const Idle& one) {
-    return !one.connection->is_ours() || now - one.since > max_idle_time_;
+    return !one.connection->is_ours() || now - one.since > longest;
   });
 }
 

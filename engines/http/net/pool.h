@@ -34,7 +34,6 @@ class Pool {
   void close_stale(TimePoint now);
 
   const PoolOptions options_;
-  const Duration max_idle_time_;
   std::vector<Idle> idle_;  // least recently used first
 };
 

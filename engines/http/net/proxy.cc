@@ -90,11 +90,12 @@ bool is_excluded(std::string_view no_proxy, std::string_view host) {
 
 std::optional<Url> proxy_for(const Origin& origin, const std::optional<std::string>& option) {
   if (option) return parsed({"PoolOptions::proxy", *option});
+  const Setting proxy = origin.scheme == "https"
+                            ? environment({"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"})
+                            : environment({"http_proxy", "all_proxy", "ALL_PROXY"});
+  if (proxy.value.empty()) return std::nullopt;
   if (is_excluded(environment({"no_proxy", "NO_PROXY"}).value, origin.host)) return std::nullopt;
-  if (origin.scheme == "http") {
-    return parsed(environment({"http_proxy", "all_proxy", "ALL_PROXY"}));
-  }
-  return parsed(environment({"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}));
+  return parsed(proxy);
 }
 
 const Url* Route::forwarder() const {

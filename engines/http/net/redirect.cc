@@ -43,23 +43,23 @@ bool names_origin(std::string_view host, const Origin& origin) {
 }
 
 void check_header(const std::string& name, const std::string& value, const Hop& hop) {
+  const auto is = [&](std::string_view other) { return detail::equal_ignoring_case(name, other); };
   if (!is_token(name)) {
     refuse("a header name of the request is empty or holds a forbidden character");
   }
   if (std::ranges::any_of(value, is_forbidden_in_value)) {
     refuse("the request's header " + name + " holds a control character in its value");
   }
-  if (detail::equal_ignoring_case(name, "content-length") &&
-      value != std::to_string(hop.body.value_or("").size())) {
+  if (is("content-length") && value != std::to_string(hop.body.value_or("").size())) {
     refuse("the request's header Content-Length contradicts its body");
   }
-  if (detail::equal_ignoring_case(name, "transfer-encoding")) {
+  if (is("transfer-encoding")) {
     refuse("the request's header Transfer-Encoding contradicts its body, which is sent as it is");
   }
-  if (detail::equal_ignoring_case(name, "host") && !names_origin(value, hop.url.origin)) {
+  if (is("host") && !names_origin(value, hop.url.origin)) {
     refuse("the request's header Host contradicts its URL");
   }
-  if (detail::equal_ignoring_case(name, "expect")) {
+  if (is("expect")) {
     refuse("the request's header Expect cannot be sent");
   }
 }

@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
-#include <system_error>
 
 #include "engines/http/net/limits.h"
 
@@ -16,29 +15,13 @@ enum class Io {
   moved,    ///< some bytes moved
   blocked,  ///< none can move now
   ended,    ///< the peer has ended the connection; of receiving only
-  broken,   ///< the connection broke: see `Stream::error`
+  broken,   ///< the connection broke: see `Stream::reason`
 };
 
 struct IoResult {
   Io state;
   std::size_t bytes = 0;  // how many moved
 };
-
-/// Why a connection broke.
-struct StreamError {
-  int os_error = 0;       // errno; 0: none
-  std::string text = {};  // the underlying library's: quoted, never parsed
-};
-
-/// "situation (the system's text): quote".
-inline std::string described(std::string_view situation, const StreamError& error) {
-  std::string text(situation);
-  if (error.os_error != 0) text += " (" + std::generic_category().message(error.os_error) + ")";
-  // The quote comes last: a library below may have cut it inside a secret, and only at the end of a
-  // text is the start of one looked for.
-  if (!error.text.empty()) text += ": " + error.text;
-  return text;
-}
 
 class Stream {
  public:
@@ -59,8 +42,9 @@ class Stream {
   /// After `ended`: false where TLS ended without close_notify, so that anyone in between may have
   /// cut the connection (RFC 9112, section 9.8). True for a plain one, of which that is not known.
   virtual bool ended_properly() const = 0;
-  /// After `broken`; after `ended`, there may be a text.
-  virtual StreamError error() const = 0;
+  /// After `broken`, and perhaps after `ended`: why, to be appended to a text. " (the system's
+  /// text): quote", where each part may be missing.
+  virtual std::string reason() const = 0;
 };
 
 }  // namespace engines::http::net
