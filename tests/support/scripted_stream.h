@@ -34,13 +34,13 @@ class ScriptedStream final : public net::Stream {
       return {net::Io::moved, size};
     }
     if (arrived_ < bytes_.size() || then_ == Then::stalls) return {net::Io::blocked};
+    if (then_ == Then::cuts) return {net::Io::cut};
     return {then_ == Then::resets ? net::Io::broken : net::Io::ended};
   }
   void wait(bool, net::Duration at_most) override {
     if (arrived_ == bytes_.size()) std::this_thread::sleep_for(at_most);
     arrived_ += std::min(bytes_.size() - arrived_, piece_);
   }
-  bool ended_properly() const override { return then_ == Then::ends; }
   std::string reason() const override {
     return then_ == Then::resets ? " (Connection reset by peer): quote" : ": quote";
   }

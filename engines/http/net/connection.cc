@@ -351,26 +351,29 @@ IoResult Connection::send(std::string_view bytes) {
 IoResult Connection::receive(char* to, std::size_t room) {
   std::size_t received = 0;
   const CURLcode code = curl_easy_recv(easy_, to, room, &received);
-  if (code == CURLE_OK) return {received == 0 ? Io::ended : Io::moved, received};
+  if (code == CURLE_OK && received > 0) return {Io::moved, received};
+  if (code == CURLE_OK) return {is_cut() ? Io::cut : Io::ended};
   if (code == CURLE_AGAIN) return {Io::blocked};
   if (code == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
   error_ = code;
-  // Without an errno, TLS ended: by an alert, or without close_notify (which libcurl 7.88 reports
-  // as a normal end).
-  return {os_error() == 0 ? Io::ended : Io::broken};
+  // Without an errno, TLS ended by an alert, or without close_notify, which libcurl 7.88 reports as
+  // a normal end.
+  return {os_error() == 0 ? Io::cut : Io::broken};
+}
+
+/// After an end: whether TLS ended without close_notify, or something failed before: the system
+/// reports a reset once, to a send for example, and then an end.
+bool Connection::is_cut() const {
+  if (error_ != CURLE_OK) return true;
+  const auto [backend, session] = tls_session(easy_);
+  if (!is_secure_ || backend != CURLSSLBACKEND_OPENSSL) return false;
+  return !session || (SSL_get_shutdown(static_cast<SSL*>(session)) & SSL_RECEIVED_SHUTDOWN) == 0;
 }
 
 void Connection::wait(bool to_send, Duration at_most) {
   const short events = to_send ? POLLIN | POLLOUT : POLLIN;
   pollfd connection{.fd = socket_, .events = events, .revents = 0};
   poll(&connection, 1, milliseconds(at_most));
-}
-
-bool Connection::ended_properly() const {
-  if (error_ != CURLE_OK) return false;
-  const auto [backend, session] = tls_session(easy_);
-  if (!is_secure_ || backend != CURLSSLBACKEND_OPENSSL) return true;
-  return session && (SSL_get_shutdown(static_cast<SSL*>(session)) & SSL_RECEIVED_SHUTDOWN) != 0;
 }
 
 /// The errno of what failed last; 0: none.

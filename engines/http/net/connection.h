@@ -41,7 +41,6 @@ class Connection final : public Stream {
   IoResult send(std::string_view bytes) override;
   IoResult receive(char* to, std::size_t room) override;
   void wait(bool to_send, Duration at_most) override;
-  bool ended_properly() const override;
   std::string reason() const override;
 
  private:
@@ -57,6 +56,7 @@ class Connection final : public Stream {
   void connect(const Limits& limits);
   bool must_end(std::string_view proxy_line = {}) noexcept;
   [[noreturn]] void fail() const;
+  bool is_cut() const;
   int os_error() const;
   std::string quote() const;
 

@@ -383,7 +383,7 @@ bool Exchange::receive_body() {
   const Io state = receive(most);
   if (state == Io::moved || state == Io::blocked) return state == Io::moved;
   if (state == Io::broken) throw ConnectionError("the connection broke" + stream_.reason());
-  if (!parser_->need_eof() || !stream_.ended_properly()) {
+  if (!parser_->need_eof() || state == Io::cut) {
     throw IncompleteRead("the reply was cut short" + stream_.reason());
   }
   has_ended_ = true;
