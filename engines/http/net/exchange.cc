@@ -42,7 +42,7 @@ std::string basic_authorization(const Credentials& credentials) {
 std::size_t length_of_fields(std::string_view bytes, std::size_t from) {
   if (bytes.starts_with("\r\n")) return 2;
   const std::size_t end = bytes.find("\r\n\r\n", from);
-  return end == bytes.npos ? 0 : end + 4;
+  return end == std::string_view::npos ? 0 : end + 4;
 }
 
 /// The size in the line that begins a chunk (RFC 9112, section 7.1), after the end of the chunk
