@@ -30,7 +30,7 @@ bool has_no_control(std::string_view text) {
 }
 
 void check_hop(const net::Hop& hop) {
-  const net::Url& url = *hop.url;
+  const net::Url& url = hop.url;
   expect(url.origin.scheme == "http" || url.origin.scheme == "https", "one of two schemes");
   expect(!url.origin.host.empty(), "a host");
   const int port = std::stoi(url.origin.port);
@@ -40,7 +40,7 @@ void check_hop(const net::Hop& hop) {
   expect(authority.find('@') >= authority.find_first_of("/?#"), "no userinfo");
   expect(url.target.starts_with('/') && is_plain(url.target), "a target");
   expect(is_plain(hop.method), "a method");
-  for (const auto& [name, value] : *hop.headers) {
+  for (const auto& [name, value] : hop.headers) {
     expect(is_plain(name) && name.find(':') == name.npos, "a header name");
     expect(has_no_control(value), "nothing that could begin another header");
   }
@@ -52,8 +52,8 @@ void follow(net::Hop hop, FuzzedDataProvider& input) {
     const int status = input.ConsumeIntegralInRange(300, 309);
     auto next = net::next_hop(hop, status, input.ConsumeRandomLengthString(200));
     if (!next) return;
-    expect(next->url->origin == hop.url->origin ||
-               (!next->headers->get("authorization") && !next->headers->get("x-api-key") &&
+    expect(next->url.origin == hop.url.origin ||
+               (!next->headers.get("authorization") && !next->headers.get("x-api-key") &&
                 !next->credentials),
            "no credential goes to another origin");
     hop = *std::move(next);
@@ -75,9 +75,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   try {
     const http::Request request(address, fields);
     const net::Hop hop = net::first_hop(request);
-    if (hop.url->credentials && !hop.url->credentials->password.empty()) {
+    if (hop.url.credentials && !hop.url.credentials->password.empty()) {
       const http::Secrets secrets = http::secrets_of_url(address);
-      expect(std::ranges::count(secrets, hop.url->credentials->password) > 0,
+      expect(std::ranges::count(secrets, hop.url.credentials->password) > 0,
              "a password is a secret");
     }
     follow(hop, input);

@@ -4,9 +4,9 @@
 // reply.
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "engines/http/net/exchange.h"
-#include "engines/http/net/gzip.h"
 #include "fuzz/expect.h"
 #include "tests/support/scripted_stream.h"
 
@@ -40,10 +40,9 @@ Outcome play(const std::string& reply, std::uint8_t way, std::size_t piece, std:
     exchange.run("", "", (way & HEAD) != 0);
     outcome.status = exchange.status();
     outcome.headers = exchange.headers();
-    net::GzipDecoder decoder([&](std::string& coded) { return exchange.read(coded, amt, false); });
+    if ((way & GZIP) != 0) exchange.decode_content();
     for (std::size_t size = 1; size > 0 && outcome.body.size() < 100'000;) {
-      size = (way & GZIP) != 0 ? decoder.read(outcome.body, amt, fill)
-                               : exchange.read(outcome.body, amt, fill);
+      size = exchange.read(outcome.body, amt, fill);
       expect(size <= amt, "no read gives more than is asked for");
     }
   } catch (const http::OSError& error) {
@@ -55,16 +54,24 @@ Outcome play(const std::string& reply, std::uint8_t way, std::size_t piece, std:
   expect(outcome.headers.size() <= 20, "a bounded number of headers");
   expect((way & GZIP) != 0 || outcome.body.size() <= reply.size(), "a body of what was sent");
   const bool is_kept = exchange.finish();
-  expect(!is_kept || (way & GZIP) != 0 || outcome.failure.empty(), "none is kept after a failure");
+  expect(!is_kept || outcome.failure.empty(), "none is kept after a failure");
   if (outcome.body.size() > 100'000) outcome = {};  // read in part, as far as the way went
   return outcome;
+}
+
+/// With a content coding in the first head.
+std::string coded(std::string reply) {
+  const std::size_t status_line = reply.find("\r\n");
+  return status_line == reply.npos ? reply
+                                   : reply.insert(status_line, "\r\nContent-Encoding: gzip");
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0) return 0;
-  const std::string reply(reinterpret_cast<const char*>(data) + 1, size - 1);
+  std::string reply(reinterpret_cast<const char*>(data) + 1, size - 1);
+  if ((*data & GZIP) != 0) reply = coded(std::move(reply));
   const Outcome whole = play(reply, *data, SIZE_MAX, 65536, false);
   expect(play(reply, *data, 1, 65536, true) == whole, "the same byte by byte");
   expect(play(reply, *data, 7, 3, false) == whole, "the same in small reads");

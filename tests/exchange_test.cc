@@ -26,6 +26,7 @@ struct Played {
 
   std::string run() {
     exchange.run("POST / HTTP/1.1\r\n\r\n", "{}", false);
+    exchange.decode_content();
     return std::to_string(exchange.status());
   }
   /// "200 kept [body]", "200 closed [body]", or how the exchange failed and what came before it.
@@ -114,11 +115,12 @@ TEST(RequestHead, HasWhatTheCallerGaveAndTheRestByDefault) {
   for (const Row& row : table("request_heads", 7)) {
     RequestFields fields{.headers = headers_of(row[3]), .method = row[0]};
     if (row[2] != "-") fields.data = row[2];
-    const auto proxy = row[4].empty() ? std::nullopt : std::optional(parse_proxy_url(row[4]));
+    const Request request(row[1], fields);
+    const Hop hop = first_hop(request);
+    const Route route{hop.url.origin, proxy_for(hop.url.origin, row[4]), {}};
     PoolOptions options;
     if (!row[5].empty()) options.user_agent = row[5];
-    const Request request(row[1], fields);
-    EXPECT_EQ(request_head(first_hop(request), proxy ? &*proxy : nullptr, options), row[6]);
+    EXPECT_EQ(request_head(hop, route, options), row[6]);
   }
 }
 

@@ -28,7 +28,7 @@ std::string chosen(const std::string& url, const std::string& variables,
   }
   return test::outcome([&] {
     const auto given = option == "-" ? std::nullopt : std::optional(option);
-    const auto proxy = proxy_for(parse_url(url)->origin, given);
+    const auto proxy = proxy_for(parse_url(url).origin, given);
     return proxy ? proxy->origin.host : "none";
   });
 }

@@ -20,9 +20,9 @@ std::string taken_apart(const Url& url) {
 }
 
 std::string read_as(const std::string& what, const std::string& text) {
-  if (what == "URL") return taken_apart(*parse_url(text));
+  if (what == "URL") return taken_apart(parse_url(text));
   if (what == "proxy") return taken_apart(parse_proxy_url(text));
-  const auto url = resolve(*parse_url("http://u:p@h:81/a/b?c"), text);
+  const auto url = resolve(parse_url("http://u:p@h:81/a/b?c"), text);
   return url ? url->text : "none";
 }
 

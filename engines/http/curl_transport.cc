@@ -7,32 +7,18 @@
 #include <utility>
 
 #include "engines/http/net/exchange.h"
-#include "engines/http/net/gzip.h"
 #include "engines/http/net/pool.h"
 #include "engines/http/net/proxy.h"
 #include "engines/http/net/redirect.h"
-#include "engines/http/text/unicode.h"
 
 namespace engines::http {
 namespace {
 
-/// The most that is read of a coded body at a time.
-constexpr std::size_t CODED_BYTES = 65536;
-/// The most that is quoted of a coding's name.
-constexpr std::size_t MOST_QUOTED = 64;
-
-/// What one call shares between its hops.
-struct Call {
-  std::shared_ptr<net::Pool> pool;
-  net::Limits limits;
-};
-
 net::Route route_of(const net::Hop& hop, const PoolOptions& options) {
-  net::Route route{.origin = hop.url->origin,
-                   .proxy = net::proxy_for(hop.url->origin, options.proxy),
-                   .tunnel_authorization = {}};
+  const net::Origin& origin = hop.url.origin;
+  net::Route route{origin, net::proxy_for(origin, options.proxy), {}};
   if (route.tunnel()) {
-    route.tunnel_authorization = hop.headers->get("proxy-authorization").value_or("");
+    route.tunnel_authorization = hop.headers.get("proxy-authorization").value_or("");
   }
   return route;
 }
@@ -40,20 +26,22 @@ net::Route route_of(const net::Hop& hop, const PoolOptions& options) {
 class Reply final : public Response {
  public:
   /// Sends the hop's request and waits for the final head.
-  Reply(std::shared_ptr<Call> call, const net::Hop& hop) : call_(std::move(call)) {
-    const PoolOptions& options = call_->pool->options();
+  Reply(std::shared_ptr<net::Pool> pool, std::shared_ptr<net::Limits> limits, const net::Hop& hop)
+      : pool_(std::move(pool)), limits_(std::move(limits)) {
+    const PoolOptions& options = pool_->options();
     net::Route route = route_of(hop, options);
-    call_->limits.origin = hop.url->origin.address();
-    call_->limits.check(net::Phase::connecting);
-    connection_ = call_->pool->take(route);
+    limits_->origin = hop.url.origin.address();
+    limits_->begin(net::Phase::connecting);
+    limits_->check();
+    connection_ = pool_->take(route);
     if (!connection_) {
-      connection_ = std::make_unique<net::Connection>(std::move(route), options, call_->limits);
+      connection_ = std::make_unique<net::Connection>(std::move(route), options, *limits_);
     }
-    exchange_.emplace(*connection_, call_->limits, options);
-    const std::optional<net::Url>& proxy = connection_->route().proxy;
-    exchange_->run(net::request_head(hop, proxy ? &*proxy : nullptr, options),
-                   hop.body.value_or(""), hop.method == "HEAD");
-    if (!hop.headers->get("accept-encoding")) set_up_decoding();
+    limits_->end();
+    exchange_.emplace(*connection_, *limits_, options);
+    exchange_->run(net::request_head(hop, connection_->route(), options), hop.body.value_or(""),
+                   hop.method == "HEAD");
+    if (!hop.headers.get("accept-encoding")) exchange_->decode_content();
   }
   ~Reply() override { do_close(); }
 
@@ -72,49 +60,19 @@ class Reply final : public Response {
   void do_close() override {
     if (!connection_) return;
     const bool is_reusable = connection_->is_ours() && exchange_->finish();
-    if (is_reusable) call_->pool->keep(std::move(connection_));
+    if (is_reusable) pool_->keep(std::move(connection_));
     connection_.reset();
   }
 
   std::size_t read(std::string& out, std::size_t amt, bool fill) {
     if (!connection_->is_ours()) throw OSError("the reply belongs to the process that opened it");
-    if (!decoder_) return exchange_->read(out, amt, fill);
-    const net::Limits& limits = call_->limits;
-    limits.check(net::Phase::reading_body);
-    read_until_ = net::SteadyClock::now() + limits.longest_wait(net::Phase::reading_body);
-    return decoder_->read(out, amt, fill);
+    return exchange_->read(out, amt, fill);
   }
 
-  /// A reply in any coding but identity is read through the decoder.
-  void set_up_decoding() {
-    for (const auto& [name, value] : *headers()) {
-      if (value.empty() || !detail::equal_ignoring_case(name, "content-encoding")) continue;
-      coding_ += (coding_.empty() ? "" : ", ") + detail::lower(value);
-    }
-    if (coding_.empty() || coding_ == "identity") return;
-    decoder_.emplace([this](std::string& coded) { return receive_coded(coded); });
-  }
-
-  /// Appends encoded bytes for the decoder. Throws where there is a body in another coding than
-  /// gzip; a reply without a body may name any.
-  std::size_t receive_coded(std::string& coded) {
-    call_->limits.check(net::Phase::reading_body, read_until_);
-    const std::size_t size = exchange_->read(coded, CODED_BYTES, false, read_until_);
-    has_coded_body_ = has_coded_body_ || size > 0;
-    const bool is_gzip = coding_ == "gzip" || coding_ == "x-gzip";  // RFC 9110, section 8.4.1.3
-    if (is_gzip || !has_coded_body_) return size;
-    throw HTTPException("the reply has a content coding that was not asked for: " +
-                        coding_.substr(0, MOST_QUOTED));
-  }
-
-  std::shared_ptr<Call> call_;
+  std::shared_ptr<net::Pool> pool_;
+  std::shared_ptr<net::Limits> limits_;  // of the call, shared with the replies before it
   std::unique_ptr<net::Connection> connection_;
   std::optional<net::Exchange> exchange_;
-  // Of a coded body:
-  std::string coding_;
-  bool has_coded_body_ = false;
-  std::optional<net::GzipDecoder> decoder_;
-  net::TimePoint read_until_;  // of the current read, which may need several of the exchange
 };
 
 /// The final reply to the request, redirects followed.
@@ -122,10 +80,9 @@ std::shared_ptr<Response> follow(const Request& request, const TransportOptions&
                                  const std::shared_ptr<net::Pool>& pool) {
   net::Hop hop = net::first_hop(request);
   const PoolOptions& pool_options = pool->options();
-  const auto call = std::make_shared<Call>(
-      Call{.pool = pool, .limits = net::Limits(options, pool_options.connect_timeout_s)});
+  const auto limits = std::make_shared<net::Limits>(options, pool_options.connect_timeout_s);
   for (int followed = 0;; ++followed) {
-    auto reply = std::make_shared<Reply>(call, hop);
+    auto reply = std::make_shared<Reply>(pool, limits, hop);
     const StatusCode status = *reply->status();
     if (status >= 200 && status < 300) return reply;
     std::optional<net::Hop> next;

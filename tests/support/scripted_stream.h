@@ -3,7 +3,6 @@
 #pragma once
 
 #include <algorithm>
-#include <cerrno>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -35,15 +34,15 @@ class ScriptedStream final : public net::Stream {
       return {net::Io::moved, size};
     }
     if (arrived_ < bytes_.size() || then_ == Then::stalls) return {net::Io::blocked};
+    if (then_ == Then::cuts) return {net::Io::cut};
     return {then_ == Then::resets ? net::Io::broken : net::Io::ended};
   }
   void wait(bool, net::Duration at_most) override {
     if (arrived_ == bytes_.size()) std::this_thread::sleep_for(at_most);
     arrived_ += std::min(bytes_.size() - arrived_, piece_);
   }
-  bool ended_properly() const override { return then_ == Then::ends; }
-  net::StreamError error() const override {
-    return {then_ == Then::resets ? ECONNRESET : 0, "quote"};
+  std::string reason() const override {
+    return then_ == Then::resets ? " (Connection reset by peer): quote" : ": quote";
   }
 
   std::string sent;

@@ -10,15 +10,16 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <new>
+#include <sstream>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
 #include <utility>
-
-#include "engines/http/net/proxy.h"
 
 namespace engines::http::net {
 namespace {
@@ -29,8 +30,10 @@ constexpr long RECEIVE_BYTES = 65536;
 /// The most that is sent over TLS at a time. OpenSSL reports no progress within one write.
 constexpr std::size_t TLS_RECORD_BYTES = 16384;
 
-std::atomic<unsigned> forks = 0;  // between the first process and this one
-const int atfork_error = pthread_atfork(nullptr, nullptr, [] { ++forks; });
+/// How many forks lead from the first process to this one. It is counted, because a system call
+/// such as getpid(2) would be needed several times in each call.
+std::atomic<unsigned> fork_depth = 0;
+const int atfork_error = pthread_atfork(nullptr, nullptr, [] { ++fork_depth; });
 
 CURLM* new_multi() {
   // Never undone: another user of libcurl in the process may still need it.
@@ -54,18 +57,14 @@ std::string url_of(const Origin& origin) {
 
 [[noreturn]] void refuse(const std::string& what) { throw std::invalid_argument(what); }
 
-/// The value of one of OpenSSL's variables; empty: not set. Throws where none of its paths can be
-/// read.
-std::string trust_variable(const char* name, bool is_directory_list) {
+/// The value of one of OpenSSL's variables, a list of paths; empty: not set. Throws where none of
+/// the paths, with the suffix, can be read.
+std::string trust_variable(const char* name, char separator, const char* suffix) {
   const char* const value = std::getenv(name);
   if (value == nullptr || *value == '\0') return {};
-  std::string paths = value;
-  for (std::size_t begin = 0; begin < paths.size();) {
-    const std::size_t colon = is_directory_list ? paths.find(':', begin) : std::string::npos;
-    const std::size_t end = std::min(colon, paths.size());
-    const std::string path = paths.substr(begin, end - begin);
-    if (access((is_directory_list ? path + "/." : path).c_str(), R_OK) == 0) return paths;
-    begin = end + 1;
+  std::istringstream paths(value);
+  for (std::string path; std::getline(paths, path, separator);) {
+    if (access((path + suffix).c_str(), R_OK) == 0) return value;
   }
   refuse(std::string(name) + " names nothing that can be read");
 }
@@ -89,8 +88,8 @@ std::pair<std::string, std::string> trust(CURL* easy, const PoolOptions& options
   if (!options.ca_file.empty() || !options.ca_directory.empty()) {
     return {options.ca_file, options.ca_directory};
   }
-  std::string file = trust_variable("SSL_CERT_FILE", false);
-  std::string directory = trust_variable("SSL_CERT_DIR", true);
+  std::string file = trust_variable("SSL_CERT_FILE", '\0', "");
+  std::string directory = trust_variable("SSL_CERT_DIR", ':', "/.");
   char* platform_directory = nullptr;
   curl_easy_getinfo(easy, CURLINFO_CAPATH, &platform_directory);
   if (directory.empty() && platform_directory != nullptr && is_hashed(platform_directory)) {
@@ -109,6 +108,21 @@ curl_tlssessioninfo tls_session(CURL* easy) {
   curl_tlssessioninfo* session = nullptr;
   curl_easy_getinfo(easy, CURLINFO_TLS_SSL_PTR, &session);
   return session != nullptr ? *session : curl_tlssessioninfo{CURLSSLBACKEND_NONE, nullptr};
+}
+
+/// Throws the kind that the errno of a failed connection means.
+[[noreturn]] void fail_by_errno(const std::string& text, int os_error) {
+  switch (os_error) {
+    case ECONNREFUSED:
+    case ECONNRESET:
+    case ECONNABORTED:
+    case EPIPE:
+      throw URLError(ConnectionError(text));
+    case ETIMEDOUT:
+      throw URLError(TimeoutError(text));
+    default:
+      throw URLError(OSError(text));
+  }
 }
 
 }  // namespace
@@ -141,33 +155,35 @@ void check_certificates(const PoolOptions& options) {
 
 // ---- Connecting ---------------------------------------------------------------------------------
 
-unsigned fork_depth() noexcept { return forks; }
-
-bool Route::is_forwarded() const { return proxy && is_forwarding(*proxy, origin); }
-const Url* Route::tunnel() const { return proxy && !is_forwarded() ? &*proxy : nullptr; }
-const Origin& Route::peer() const { return is_forwarded() ? proxy->origin : origin; }
-
-Connection::Connection(Route route, const PoolOptions& options, Limits& limits)
+Connection::Connection(Route route)
     : route_(std::move(route)),
+      fork_depth_(fork_depth),
       is_secure_(route_.peer().scheme == "https"),
-      proxy_headers_(nullptr, &curl_slist_free_all),
-      multi_(new_multi(), &curl_multi_cleanup),
-      easy_(curl_easy_init(), {multi_.get()}) {
+      multi_(new_multi()),
+      easy_(curl_easy_init()) {}
+
+// What this throws leaves the handles to the destructor, because another constructor has ended.
+Connection::Connection(Route route, const PoolOptions& options, const Limits& limits)
+    : Connection(std::move(route)) {
   if (!multi_ || !easy_) throw std::bad_alloc();
   set_up(options);
-  if (curl_multi_add_handle(multi_.get(), easy_.get()) != CURLM_OK) throw std::bad_alloc();
+  if (curl_multi_add_handle(multi_, easy_) != CURLM_OK) throw std::bad_alloc();
   connect(limits);
 }
 
 Connection::~Connection() {
-  if (is_ours()) return;  // else the handles are left as they are: see `is_ours`
-  static_cast<void>(easy_.release());
-  static_cast<void>(multi_.release());
+  if (!is_ours()) return;  // the handles are left as they are: they share the parent's socket
+  curl_multi_remove_handle(multi_, easy_);
+  curl_easy_cleanup(easy_);
+  curl_multi_cleanup(multi_);
+  curl_slist_free_all(proxy_headers_);
 }
+
+bool Connection::is_ours() const noexcept { return fork_depth_ == fork_depth; }
 
 template <class Value>
 void Connection::set(CURLoption option, Value value) {
-  const CURLcode code = curl_easy_setopt(easy_.get(), option, value);
+  const CURLcode code = curl_easy_setopt(easy_, option, value);
   if (code == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
   if (code != CURLE_OK) throw std::logic_error(curl_easy_strerror(code));
 }
@@ -178,12 +194,10 @@ void Connection::set_up(const PoolOptions& options) {
   set(CURLOPT_ERRORBUFFER, error_text_);
   set(CURLOPT_PROTOCOLS_STR, "http,https");
   set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-  set(CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
   set(CURLOPT_USERAGENT, or_null(options.user_agent));  // sent with CONNECT
-  set(CURLOPT_TCP_NODELAY, 1L);
-  set(CURLOPT_BUFFERSIZE, RECEIVE_BYTES);  // bounds curl_easy_recv
-  set(CURLOPT_NOSIGNAL, 1L);               // signals belong to the application
-  set(CURLOPT_QUICK_EXIT, 1L);             // no wait for a name lookup that has not ended
+  set(CURLOPT_BUFFERSIZE, RECEIVE_BYTES);               // bounds curl_easy_recv
+  set(CURLOPT_NOSIGNAL, 1L);                            // signals belong to the application
+  set(CURLOPT_QUICK_EXIT, 1L);  // no wait for a name lookup that has not ended
   set(CURLOPT_OPENSOCKETFUNCTION, &on_socket);
   set_up_proxy();
   const Url* const tunnel = route_.tunnel();
@@ -201,9 +215,9 @@ void Connection::set_up_proxy() {
   }
   if (!route_.tunnel_authorization.empty()) {
     const std::string line = "Proxy-Authorization: " + route_.tunnel_authorization;
-    proxy_headers_.reset(curl_slist_append(nullptr, line.c_str()));
+    proxy_headers_ = curl_slist_append(nullptr, line.c_str());
     if (!proxy_headers_) throw std::bad_alloc();
-    set(CURLOPT_PROXYHEADER, proxy_headers_.get());
+    set(CURLOPT_PROXYHEADER, proxy_headers_);
   }
   set(CURLOPT_HEADERFUNCTION, &on_proxy_line);
   set(CURLOPT_HEADERDATA, this);
@@ -212,7 +226,7 @@ void Connection::set_up_proxy() {
 void Connection::set_up_tls(const PoolOptions& options) {
   set(CURLOPT_SSL_VERIFYPEER, 1L);
   set(CURLOPT_SSL_VERIFYHOST, 2L);
-  const auto [file, directory] = trust(easy_.get(), options);
+  const auto [file, directory] = trust(easy_, options);
   if (!file.empty() || !directory.empty()) {
     set(CURLOPT_CAINFO, or_null(file));
     set(CURLOPT_CAPATH, or_null(directory));
@@ -223,7 +237,7 @@ void Connection::set_up_tls(const PoolOptions& options) {
     set(CURLOPT_SSLCERT, options.client_certificate.c_str());
     set(CURLOPT_SSLKEY, key_file(options).c_str());
   }
-  if (tls_session(easy_.get()).backend != CURLSSLBACKEND_OPENSSL) return;
+  if (tls_session(easy_).backend != CURLSSLBACKEND_OPENSSL) return;
   set(CURLOPT_SSL_CTX_FUNCTION, &on_tls_context);
   set(CURLOPT_SSL_CTX_DATA, this);
 }
@@ -245,82 +259,71 @@ void Connection::on_tls_message(int, int, int, const void*, std::size_t, SSL* se
                                 void* self) noexcept {
   auto& connection = *static_cast<Connection*>(self);
   const bool is_connecting = connection.limits_ != nullptr;
-  if (is_connecting && connection.is_over()) SSL_set0_rbio(session, BIO_new(BIO_s_null()));
+  if (is_connecting && connection.must_end()) SSL_set0_rbio(session, BIO_new(BIO_s_null()));
 }
 
-/// Ends connecting where the proxy refuses the tunnel, because libcurl would read the body of the
-/// refusal to its end, and once the time is over, which libcurl does not check between lines.
+/// libcurl does not check the time between the lines of a proxy's reply.
 std::size_t Connection::on_proxy_line(char* text, std::size_t, std::size_t size,
                                       void* self) noexcept {
-  auto& connection = *static_cast<Connection*>(self);
-  try {
-    const std::string_view line(text, size);
-    constexpr std::size_t STATUS = 9;  // after "HTTP/1.1 "
-    if (line.starts_with("HTTP/") && line.size() > STATUS + 3 && line[STATUS] != '1' &&
-        line[STATUS] != '2') {
-      throw URLError(OSError("cannot connect: the proxy refused the tunnel, status " +
-                             std::string(line.substr(STATUS, 3))));
-    }
-  } catch (...) {
-    connection.failure_ = std::current_exception();
-  }
-  return connection.is_over() ? 0 : size;
+  return static_cast<Connection*>(self)->must_end({text, size}) ? 0 : size;
 }
 
-/// Whether connecting must end; `failure_` is the reason.
-bool Connection::is_over() noexcept {
-  if (failure_) return true;
+/// Whether connecting must end: its time is over, or this line of the proxy's reply refuses the
+/// tunnel (libcurl would read the body of the refusal to its end). `failure_` is the reason.
+bool Connection::must_end(std::string_view proxy_line) noexcept {
+  constexpr std::size_t STATUS = 9;  // after "HTTP/1.1 "
   try {
-    limits_->check(Phase::connecting, connect_until_);
+    if (proxy_line.starts_with("HTTP/") && proxy_line.size() > STATUS + 3 &&
+        proxy_line[STATUS] != '1' && proxy_line[STATUS] != '2') {
+      throw URLError(OSError("cannot connect: the proxy refused the tunnel, status " +
+                             std::string(proxy_line.substr(STATUS, 3))));
+    }
+    if (!failure_) limits_->check();
   } catch (...) {
     failure_ = std::current_exception();
   }
   return failure_ != nullptr;
 }
 
-void Connection::connect(Limits& limits) {
-  const TimePoint from = SteadyClock::now();
+void Connection::connect(const Limits& limits) {
   limits_ = &limits;
-  connect_until_ = from + limits.longest_wait(Phase::connecting);
   // libcurl divides this among a host's addresses, so that a dead one leaves time for the next.
-  const int longest = milliseconds(connect_until_ - from);
-  set(CURLOPT_CONNECTTIMEOUT_MS, std::max(static_cast<long>(longest), 1L));
+  set(CURLOPT_CONNECTTIMEOUT_MS, std::max(static_cast<long>(milliseconds(limits.left())), 1L));
   for (;;) {
     // At most 50 ms: libcurl must be called so often to try a host's next address.
-    const Duration wait = limits.check(Phase::connecting, connect_until_);
+    const Duration wait = limits.check();
     int running = 0;
-    const CURLMcode code = curl_multi_perform(multi_.get(), &running);
+    const CURLMcode code = curl_multi_perform(multi_, &running);
     if (code == CURLM_OUT_OF_MEMORY) throw std::bad_alloc();
     if (code != CURLM_OK) throw URLError(OSError(curl_multi_strerror(code)));
     if (failure_) std::rethrow_exception(failure_);
     int queued = 0;
-    if (const CURLMsg* const message = curl_multi_info_read(multi_.get(), &queued)) {
-      if (message->data.result != CURLE_OK) fail(message->data.result);
+    if (const CURLMsg* const message = curl_multi_info_read(multi_, &queued)) {
+      error_ = message->data.result;
+      if (error_ != CURLE_OK) fail();
       break;
     }
-    curl_multi_poll(multi_.get(), nullptr, 0, milliseconds(wait), nullptr);
+    curl_multi_poll(multi_, nullptr, 0, milliseconds(wait), nullptr);
   }
   limits_ = nullptr;
   error_text_[0] = '\0';
-  curl_easy_getinfo(easy_.get(), CURLINFO_OS_ERRNO, &connect_errno_);
-  curl_easy_getinfo(easy_.get(), CURLINFO_ACTIVESOCKET, &socket_);
-  limits.spend(Phase::connecting, SteadyClock::now() - from);
+  curl_easy_getinfo(easy_, CURLINFO_OS_ERRNO, &connect_errno_);
+  curl_easy_getinfo(easy_, CURLINFO_ACTIVESOCKET, &socket_);
 }
 
-void Connection::fail(CURLcode code) const {
-  const StreamError error = error_of(code);
-  // Without the errno, which does not describe these failures.
-  const auto text = [&](const char* situation) { return described(situation, {0, error.text}); };
-  switch (code) {
+void Connection::fail() const {
+  // Without the errno, which does not describe most of these failures.
+  const auto text = [&](const char* situation) { return situation + quote(); };
+  switch (error_) {
     case CURLE_OUT_OF_MEMORY:
       throw std::bad_alloc();
     case CURLE_COULDNT_RESOLVE_HOST:
     case CURLE_COULDNT_RESOLVE_PROXY:
-      throw URLError(gaierror(text(code == CURLE_COULDNT_RESOLVE_PROXY || route_.is_forwarded()
+      throw URLError(gaierror(text(error_ == CURLE_COULDNT_RESOLVE_PROXY || route_.forwarder()
                                        ? "the proxy's name did not resolve"
                                        : "the host name did not resolve")));
     case CURLE_OPERATION_TIMEDOUT:
-      limits_->time_out(Phase::connecting);
+      limits_->time_out();
     case CURLE_PEER_FAILED_VERIFICATION:
       throw URLError(OSError(text("the peer's certificate is not trusted")));
     case CURLE_SSL_CACERT_BADFILE:
@@ -328,9 +331,9 @@ void Connection::fail(CURLcode code) const {
     case CURLE_SSL_CERTPROBLEM:
       refuse(text("PoolOptions::client_certificate or client_key cannot be used"));
     case CURLE_SSL_CONNECT_ERROR:
-      throw_unsent("cannot set up a secure connection", error);
+      fail_by_errno("cannot set up a secure connection" + reason(), os_error());
     default:
-      throw_unsent("cannot connect", error);
+      fail_by_errno("cannot connect" + reason(), os_error());
   }
 }
 
@@ -339,23 +342,33 @@ void Connection::fail(CURLcode code) const {
 IoResult Connection::send(std::string_view bytes) {
   if (is_secure_) bytes = bytes.substr(0, TLS_RECORD_BYTES);
   std::size_t sent = 0;
-  const CURLcode code = curl_easy_send(easy_.get(), bytes.data(), bytes.size(), &sent);
+  const CURLcode code = curl_easy_send(easy_, bytes.data(), bytes.size(), &sent);
   if (code == CURLE_OK) return {Io::moved, sent};
   if (code == CURLE_AGAIN) return {Io::blocked};
-  io_error_ = code;
+  error_ = code;
   return {Io::broken};
 }
 
 IoResult Connection::receive(char* to, std::size_t room) {
   std::size_t received = 0;
-  const CURLcode code = curl_easy_recv(easy_.get(), to, room, &received);
-  if (code == CURLE_OK) return {received == 0 ? Io::ended : Io::moved, received};
+  const CURLcode code = curl_easy_recv(easy_, to, room, &received);
+  if (code == CURLE_OK && received > 0) return {Io::moved, received};
+  if (code == CURLE_OK) return {is_cut() ? Io::cut : Io::ended};
   if (code == CURLE_AGAIN) return {Io::blocked};
   if (code == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
-  io_error_ = code;
-  // Without an errno, TLS ended: by an alert, or without close_notify (which libcurl 7.88 reports
-  // as a normal end).
-  return {error().os_error == 0 ? Io::ended : Io::broken};
+  error_ = code;
+  // Without an errno, TLS ended by an alert, or without close_notify, which libcurl 7.88 reports as
+  // a normal end.
+  return {os_error() == 0 ? Io::cut : Io::broken};
+}
+
+/// After an end: whether TLS ended without close_notify, or something failed before: the system
+/// reports a reset once, to a send for example, and then an end.
+bool Connection::is_cut() const {
+  if (error_ != CURLE_OK) return true;
+  const auto [backend, session] = tls_session(easy_);
+  if (!is_secure_ || backend != CURLSSLBACKEND_OPENSSL) return false;
+  return !session || (SSL_get_shutdown(static_cast<SSL*>(session)) & SSL_RECEIVED_SHUTDOWN) == 0;
 }
 
 void Connection::wait(bool to_send, Duration at_most) {
@@ -364,27 +377,26 @@ void Connection::wait(bool to_send, Duration at_most) {
   poll(&connection, 1, milliseconds(at_most));
 }
 
-bool Connection::ended_properly() const {
-  if (io_error_ != CURLE_OK) return false;
-  const auto [backend, session] = tls_session(easy_.get());
-  if (!is_secure_ || backend != CURLSSLBACKEND_OPENSSL) return true;
-  return session && (SSL_get_shutdown(static_cast<SSL*>(session)) & SSL_RECEIVED_SHUTDOWN) != 0;
-}
-
-StreamError Connection::error() const {
-  StreamError error = error_of(io_error_);
+/// The errno of what failed last; 0: none.
+int Connection::os_error() const {
+  long error = 0;
+  curl_easy_getinfo(easy_, CURLINFO_OS_ERRNO, &error);
   // libcurl keeps the errno of an address that failed before another one succeeded.
-  if (error.os_error == connect_errno_) error.os_error = 0;
-  return error;
+  return error == connect_errno_ ? 0 : static_cast<int>(error);
 }
 
-/// The system's and libcurl's report of an operation that ended with this code.
-StreamError Connection::error_of(CURLcode code) const {
-  long os_error = 0;
-  curl_easy_getinfo(easy_.get(), CURLINFO_OS_ERRNO, &os_error);
-  // libcurl does not describe every error.
-  const bool is_described = error_text_[0] != '\0' || code == CURLE_OK;
-  return {static_cast<int>(os_error), is_described ? error_text_ : curl_easy_strerror(code)};
+/// libcurl's description of what failed last, if there is one.
+std::string Connection::quote() const {
+  const bool is_described = error_text_[0] != '\0' || error_ == CURLE_OK;
+  const std::string text = is_described ? error_text_ : curl_easy_strerror(error_);
+  return text.empty() ? "" : ": " + text;
+}
+
+std::string Connection::reason() const {
+  const int error = os_error();
+  // The quote comes last: a library below may have cut it inside a secret, and only at the end of a
+  // text is the start of one looked for.
+  return (error == 0 ? "" : " (" + std::generic_category().message(error) + ")") + quote();
 }
 
 bool Connection::is_quiet() {

@@ -7,53 +7,32 @@
 #include <openssl/types.h>
 
 #include <exception>
-#include <memory>
-#include <optional>
 #include <string>
+#include <string_view>
 
 #include "engines/http/net/limits.h"
+#include "engines/http/net/proxy.h"
 #include "engines/http/net/stream.h"
-#include "engines/http/net/url.h"
 #include "engines/http/pool_options.h"
 
 namespace engines::http::net {
-
-/// Where a connection leads. Requests share a connection only where their routes are equal, origins
-/// included: a forwarding proxy may send all that comes on one connection to the same server.
-struct Route {
-  Origin origin;                     // what the requests are for
-  std::optional<Url> proxy;          // none: there is none
-  std::string tunnel_authorization;  // its `Proxy-Authorization`; empty: the proxy URL's userinfo
-
-  bool operator==(const Route&) const = default;
-  /// Whether the proxy forwards the requests.
-  bool is_forwarded() const;
-  /// The proxy, where it is a tunnel to the origin; else null.
-  const Url* tunnel() const;
-  /// Whom an exchange speaks to: the origin, or the proxy that forwards its requests.
-  const Origin& peer() const;
-};
 
 /// Throws `ValueError`, which names the option, for certificates and keys of the options that
 /// cannot be used.
 void check_certificates(const PoolOptions& options);
 
-/// How many forks lead from the first process to this one: another number in a child than in its
-/// parent. It makes no system call, for each call needs it several times.
-unsigned fork_depth() noexcept;
-
 class Connection final : public Stream {
  public:
-  /// Connects. Throws a `URLError`, `Stopped`, or `ValueError`, which names the option or the
-  /// variable, for certificates that cannot be used.
-  Connection(Route route, const PoolOptions& options, Limits& limits);
+  /// Connects, within the wait that the limits have begun. Throws a `URLError`, `Stopped`, or
+  /// `ValueError`, which names the option or the variable, for certificates that cannot be used.
+  Connection(Route route, const PoolOptions& options, const Limits& limits);
   ~Connection() override;
 
   const Route& route() const noexcept { return route_; }
 
   /// Whether this process made the connection. One that came through a fork shares its socket with
   /// the parent: anything done to it, closing included, would be seen by the parent's peer.
-  bool is_ours() const noexcept { return fork_depth_ == fork_depth(); }
+  bool is_ours() const noexcept;
 
   /// Whether the peer has neither ended the connection nor sent anything: what came unasked would
   /// be taken for the next reply.
@@ -62,27 +41,24 @@ class Connection final : public Stream {
   IoResult send(std::string_view bytes) override;
   IoResult receive(char* to, std::size_t room) override;
   void wait(bool to_send, Duration at_most) override;
-  bool ended_properly() const override;
-  StreamError error() const override;
+  std::string reason() const override;
 
  private:
-  struct FreeEasy {
-    CURLM* multi = nullptr;
-    void operator()(CURL* easy) const noexcept {
-      curl_multi_remove_handle(multi, easy);
-      curl_easy_cleanup(easy);
-    }
-  };
+  /// Makes the handles and sets no options.
+  explicit Connection(Route route);
+
   template <class Value>
   void set(CURLoption option, Value value);
 
   void set_up(const PoolOptions& options);
   void set_up_proxy();
   void set_up_tls(const PoolOptions& options);
-  void connect(Limits& limits);
-  bool is_over() noexcept;
-  [[noreturn]] void fail(CURLcode code) const;
-  StreamError error_of(CURLcode code) const;
+  void connect(const Limits& limits);
+  bool must_end(std::string_view proxy_line = {}) noexcept;
+  [[noreturn]] void fail() const;
+  bool is_cut() const;
+  int os_error() const;
+  std::string quote() const;
 
   static CURLcode on_tls_context(CURL*, void* context, void* self) noexcept;
   static void on_tls_message(int, int, int, const void*, std::size_t, SSL* session,
@@ -90,18 +66,17 @@ class Connection final : public Stream {
   static std::size_t on_proxy_line(char* text, std::size_t, std::size_t size, void* self) noexcept;
 
   const Route route_;
-  const unsigned fork_depth_ = fork_depth();
-  const bool is_secure_;  // whether the peer is spoken to over TLS
+  const unsigned fork_depth_;  // of the process that made the connection
+  const bool is_secure_;       // whether the peer is spoken to over TLS
   curl_socket_t socket_ = CURL_SOCKET_BAD;
-  long connect_errno_ = 0;        // CURLINFO_OS_ERRNO after connecting
-  CURLcode io_error_ = CURLE_OK;  // of the last failed send or receive
+  long connect_errno_ = 0;     // CURLINFO_OS_ERRNO after connecting
+  CURLcode error_ = CURLE_OK;  // of the last operation that failed
   char error_text_[CURL_ERROR_SIZE] = {};
   const Limits* limits_ = nullptr;  // null once connected
-  TimePoint connect_until_;
-  std::exception_ptr failure_;  // of a callback; thrown by `connect`
-  std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> proxy_headers_;
-  std::unique_ptr<CURLM, decltype(&curl_multi_cleanup)> multi_;  // owns the connection
-  std::unique_ptr<CURL, FreeEasy> easy_;
+  std::exception_ptr failure_;      // of a callback; thrown by `connect`
+  curl_slist* proxy_headers_ = nullptr;
+  CURLM* const multi_;  // owns the connection
+  CURL* const easy_;
 };
 
 }  // namespace engines::http::net

@@ -13,7 +13,9 @@
 #include <string>
 #include <string_view>
 
+#include "engines/http/net/gzip.h"
 #include "engines/http/net/limits.h"
+#include "engines/http/net/proxy.h"
 #include "engines/http/net/redirect.h"
 #include "engines/http/net/stream.h"
 #include "engines/http/pool_options.h"
@@ -21,9 +23,8 @@
 
 namespace engines::http::net {
 
-/// The head of a request (RFC 9112, section 3). `proxy` is the one that is used for its origin, or
-/// null.
-std::string request_head(const Hop& hop, const Url* proxy, const PoolOptions& options);
+/// The head of a request (RFC 9112, section 3).
+std::string request_head(const Hop& hop, const Route& route, const PoolOptions& options);
 
 class Exchange {
  public:
@@ -40,53 +41,62 @@ class Exchange {
   StatusCode status() const noexcept { return status_; }
   const Headers& headers() const noexcept { return headers_; }
 
-  /// Appends up to `amt` bytes of the body to `out` and returns how many; 0: it has ended. Waits
-  /// for the first bytes; with `fill` it goes on, within the same time, until it has `amt`. The
-  /// wait ends at `until`, where that is given. After some bytes an error is not thrown: the read
-  /// returns those. Every later read throws it, unless it was a timeout.
-  std::size_t read(std::string& out, std::size_t amt, bool fill,
-                   std::optional<TimePoint> until = std::nullopt);
+  /// From now on the body is decoded, where the headers say that it is in the gzip coding. A body
+  /// in another coding cannot be read: `read` throws an `HTTPException`.
+  void decode_content();
 
-  /// Reads the rest of the body as far as it has arrived, up to 64 KiB. Returns whether the stream
+  /// Appends up to `amt` bytes of the body to `out` and returns how many; 0: it has ended. Waits
+  /// for the first bytes; with `fill` it goes on, within the same time, until it has `amt`. After
+  /// some bytes an error is not thrown: the read returns those. Every later read throws it, unless
+  /// it was a timeout.
+  std::size_t read(std::string& out, std::size_t amt, bool fill);
+
+  /// Drops the rest of the body as far as it has arrived, up to 64 KiB. Returns whether the stream
   /// can be used for another exchange.
   bool finish();
 
  private:
   class Parser;
-  enum class Framing { none, sized, chunked, until_end };
 
   Io receive(std::size_t at_most);
   std::string_view input() const;
 
-  void send(std::string_view bytes);
+  bool send(std::string_view bytes);
+  void start_head();
   bool receive_head();
   bool parse_head();
   std::string_view next_part_of_head();
+  void count_header_lines(std::size_t lines);
   void take_final_head();
   [[noreturn]] void fail_without_head(Io state) const;
 
-  std::size_t take_body(std::string& out, std::size_t amt);
-  std::size_t take_chunked(std::string& out, std::size_t amt);
-  bool receive_body(std::size_t at_most);
+  bool receive_body();
+  std::string_view arrived();
+  bool take_chunk_start();
+  void consume(std::size_t size);
+  std::size_t decode(std::string_view bytes, std::string& out, std::size_t amt);
 
   Stream& stream_;
   Limits& limits_;
   const PoolOptions& options_;
   boost::beast::flat_buffer input_;  // received and not used yet
-  std::unique_ptr<Parser> parser_;
 
   bool is_head_request_ = false;
-  bool is_sent_ = false;          // the whole request
-  std::size_t head_bytes_ = 0;    // of the heads so far, interim ones included
-  std::size_t searched_ = 0;      // bytes of the input, for the end of a part of a head
+  bool is_sent_ = false;            // the whole request
+  std::unique_ptr<Parser> parser_;  // of the current head; it also has the framing of the body
+  StatusCode status_ = 0;           // of the current head; 0: its status line has not come
+  Headers headers_;                 // of the current head
+  std::size_t head_bytes_ = 0;      // of the heads so far, interim ones included
+  std::size_t searched_ = 0;      // bytes of the input in which no end of the header fields begins
   std::size_t header_lines_ = 0;  // of the heads and the trailers
+  bool is_reusable_ = false;      // as far as is known from the head
 
-  StatusCode status_ = 0;  // of the final head; 0: it has not come
-  Headers headers_;
-  bool is_reusable_ = false;         // as far as is known from the head
-  Framing framing_ = Framing::none;  // of what is left of the body
-  std::uint64_t bytes_left_ = 0;     // of a body that is not chunked
-  std::exception_ptr failure_;       // of a read
+  bool has_ended_ = false;        // the body
+  std::uint64_t bytes_left_ = 0;  // of the body or, with chunks, of the current one
+  bool has_chunk_ = false;        // whether a chunk has begun
+  std::optional<GzipDecoder> gzip_;
+  std::string unknown_coding_;  // of the content
+  std::exception_ptr failure_;  // of a read
 };
 
 }  // namespace engines::http::net

@@ -24,9 +24,6 @@ std::string_view text_of(Phase phase) {
   return TEXTS[static_cast<std::size_t>(phase)];
 }
 
-/// Until the request is sent, a failure is a `URLError`.
-bool is_before_sent(Phase phase) { return phase == Phase::connecting || phase == Phase::sending; }
-
 }  // namespace
 
 Duration duration_of(double seconds) {
@@ -46,39 +43,46 @@ Limits::Limits(const TransportOptions& options, std::optional<Seconds> connect_t
   if (options.time_left) end_ = SteadyClock::now() + duration_of(*options.time_left);
 }
 
-Duration Limits::longest_wait(Phase phase) const {
-  if (phase == Phase::connecting) return connect_timeout_ - connecting_;
-  if (phase == Phase::awaiting_head) return timeout_ - awaiting_head_;
-  if (phase == Phase::sending || has_read_) return timeout_;
-  // The first read shares what connecting and the head have left over, so that a origin which is
-  // slow at everything holds an attempt no longer than twice the timeout.
-  return std::clamp(2 * timeout_ - connecting_ - awaiting_head_, Duration::zero(), timeout_);
+void Limits::begin(Phase phase) {
+  Duration longest = timeout_;
+  if (phase == Phase::connecting) longest = connect_timeout_ - connecting_;
+  if (phase == Phase::awaiting_head) longest -= awaiting_head_;
+  if (phase == Phase::reading_body && !has_read_) {
+    longest = std::min(longest, 2 * timeout_ - connecting_ - awaiting_head_);
+    has_read_ = true;
+  }
+  phase_ = phase;
+  from_ = SteadyClock::now();
+  until_ = from_ + longest;
 }
 
-void Limits::spend(Phase phase, Duration waited) {
-  if (phase == Phase::connecting) connecting_ += waited;
-  if (phase == Phase::awaiting_head) awaiting_head_ += waited;
+void Limits::end() {
+  const Duration waited = SteadyClock::now() - from_;
+  if (phase_ == Phase::connecting) connecting_ += waited;
+  if (phase_ == Phase::awaiting_head) awaiting_head_ += waited;
 }
 
-void Limits::time_out(Phase phase) const {
-  const Duration timeout = phase == Phase::connecting ? connect_timeout_ : timeout_;
+void Limits::time_out() const {
+  const Duration timeout = phase_ == Phase::connecting ? connect_timeout_ : timeout_;
   const std::string bound =
       SteadyClock::now() < end_
           ? fmt::format("{:g} s", std::chrono::duration<double>(timeout).count())
           : std::string("all the time that was left for the call");
-  const std::string text = fmt::format("timed out after {} while {} {} {}", bound, text_of(phase),
-                                       is_before_sent(phase) ? "to" : "from", origin);
-  if (is_before_sent(phase)) throw URLError(TimeoutError(text));
+  // Until the request is sent, a failure is a `URLError`.
+  const bool is_before_sent = phase_ == Phase::connecting || phase_ == Phase::sending;
+  const std::string text = fmt::format("timed out after {} while {} {} {}", bound, text_of(phase_),
+                                       is_before_sent ? "to" : "from", origin);
+  if (is_before_sent) throw URLError(TimeoutError(text));
   throw TimeoutError(text);
 }
 
-Duration Limits::check(Phase phase, TimePoint until) const {
+Duration Limits::check() const {
   if (should_stop_ && should_stop_()) {
     // This text bypasses redaction, so it must not name the host, which a redirect may have chosen.
-    throw Stopped("the transport was asked to stop while " + std::string(text_of(phase)));
+    throw Stopped("the transport was asked to stop while " + std::string(text_of(phase_)));
   }
-  const Duration left = std::min(until, end_) - SteadyClock::now();
-  if (left <= Duration::zero()) time_out(phase);
+  const Duration left = std::min(until_, end_) - SteadyClock::now();
+  if (left <= Duration::zero()) time_out();
   return std::min(left, STOP_POLL);
 }
 

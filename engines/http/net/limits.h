@@ -27,28 +27,28 @@ int milliseconds(Duration duration);
 /// What a call is doing.
 enum class Phase { connecting, sending, awaiting_head, reading_body };
 
-/// The bounds of one call. Connecting, and waiting for the final head, have one budget each over
-/// all redirects. The first read of the body has what these left of twice the timeout, but no more
-/// than the timeout, which bounds every other wait.
+/// The bounds of one call. The timeout bounds each wait; connecting, and waiting for the final
+/// head, have one budget each over all redirects. The first read of the body has what these left of
+/// twice the timeout: a slow origin holds a call no longer than that.
 class Limits {
  public:
   Limits(const TransportOptions& options, std::optional<Seconds> connect_timeout);
 
-  /// How long a wait that begins now may take in this phase.
-  Duration longest_wait(Phase phase) const;
+  /// Begins a wait in this phase. The time between two waits is part of no bound but the call's.
+  void begin(Phase phase);
 
-  /// Counts a wait of connecting, or of waiting for a head, against its budget.
-  void spend(Phase phase, Duration waited);
+  /// Ends the wait, and subtracts its time from the budget of its phase.
+  void end();
 
-  /// Ends the first read of the body.
-  void end_read() noexcept { has_read_ = true; }
+  /// Throws `Stopped` once the stop signal returns true, and a timeout once the time of the wait or
+  /// of the call is over. Otherwise returns how long to wait at most before the next check.
+  Duration check() const;
 
-  /// Throws `Stopped` once the stop signal returns true, and a timeout once the call's time is over
-  /// or `until` has come. Otherwise returns how long to wait at most before the next check.
-  Duration check(Phase phase, TimePoint until = TimePoint::max()) const;
+  /// The time that is left of the wait.
+  Duration left() const { return until_ - SteadyClock::now(); }
 
-  /// Throws the timeout of this phase.
-  [[noreturn]] void time_out(Phase phase) const;
+  /// Throws the timeout of the wait.
+  [[noreturn]] void time_out() const;
 
   /// The origin of the current request, "host:port", for the texts of timeouts.
   std::string origin;
@@ -56,11 +56,17 @@ class Limits {
  private:
   Duration timeout_;
   Duration connect_timeout_;
+  TimePoint end_ = TimePoint::max();  // of the whole call
+  StopSignal should_stop_;
+
   Duration connecting_ = Duration::zero();     // spent on connecting so far
   Duration awaiting_head_ = Duration::zero();  // spent on waiting for heads so far
-  bool has_read_ = false;                      // whether a read of the body has ended
-  TimePoint end_ = TimePoint::max();           // of the whole call
-  StopSignal should_stop_;
+  bool has_read_ = false;                      // whether a read of the body has begun
+
+  // Of the current wait:
+  Phase phase_ = Phase::connecting;
+  TimePoint from_;
+  TimePoint until_;
 };
 
 }  // namespace engines::http::net

@@ -21,35 +21,32 @@ const int atfork_error = pthread_atfork(&lock_pools, &unlock_pools, &unlock_pool
 
 }  // namespace
 
-Pool::Pool(PoolOptions options)
-    : options_(std::move(options)), max_idle_time_(duration_of(options_.max_idle_s)) {
+Pool::Pool(PoolOptions options) : options_(std::move(options)) {
   if (atfork_error != 0) throw std::bad_alloc();
 }
 
 void Pool::close_stale(TimePoint now) {
+  const Duration longest = duration_of(options_.max_idle_s);
   std::erase_if(idle_, [&](const Idle& one) {
-    return !one.connection->is_ours() || now - one.since > max_idle_time_;
+    return !one.connection->is_ours() || now - one.since > longest;
   });
-}
-
-std::unique_ptr<Connection> Pool::take_latest(const Route& route) {
-  const std::lock_guard lock(mutex);
-  close_stale(SteadyClock::now());
-  const auto found = std::find_if(idle_.rbegin(), idle_.rend(), [&](const Idle& one) {
-    return one.connection->route() == route;
-  });
-  if (found == idle_.rend()) return nullptr;
-  std::unique_ptr<Connection> connection = std::move(found->connection);
-  idle_.erase(std::next(found).base());
-  return connection;
 }
 
 std::unique_ptr<Connection> Pool::take(const Route& route) {
-  std::unique_ptr<Connection> connection;
-  do {
-    connection = take_latest(route);
-  } while (connection && !connection->is_quiet());
-  return connection;
+  for (;;) {
+    std::unique_ptr<Connection> connection;
+    {
+      const std::lock_guard lock(mutex);
+      close_stale(SteadyClock::now());
+      const auto found = std::find_if(idle_.rbegin(), idle_.rend(), [&](const Idle& one) {
+        return one.connection->route() == route;
+      });
+      if (found == idle_.rend()) return nullptr;
+      connection = std::move(found->connection);
+      idle_.erase(std::next(found).base());
+    }
+    if (connection->is_quiet()) return connection;
+  }
 }
 
 void Pool::keep(std::unique_ptr<Connection> connection) noexcept {

@@ -30,13 +30,10 @@ class Pool {
     TimePoint since;
   };
 
-  /// As `take`, without checking that the connection is quiet.
-  std::unique_ptr<Connection> take_latest(const Route& route);
   /// Closes those that have been idle for too long or came through a fork.
   void close_stale(TimePoint now);
 
   const PoolOptions options_;
-  const Duration max_idle_time_;
   std::vector<Idle> idle_;  // least recently used first
 };
 

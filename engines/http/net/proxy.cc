@@ -9,23 +9,24 @@
 #include <initializer_list>
 #include <stdexcept>
 #include <system_error>
-#include <utility>
 
 #include "engines/http/text/unicode.h"
 
 namespace engines::http::net {
 namespace {
 
-/// Where a setting comes from, and its value.
-using Setting = std::pair<const char*, std::string_view>;
+struct Setting {
+  const char* name;  // of the variable or the option
+  std::string_view value;
+};
 
-/// The first of the variables that is set and not empty.
+/// The first of the variables that is set and not empty; an empty value: none is.
 Setting environment(std::initializer_list<const char*> names) {
   for (const char* const name : names) {
     const char* const value = std::getenv(name);
     if (value != nullptr && *value != '\0') return {name, value};
   }
-  return {};
+  return {"", ""};
 }
 
 /// The 4 bytes of an IPv4 address or the 16 of an IPv6 address; empty: it is no address.
@@ -48,10 +49,10 @@ bool is_in_network(const std::string& address, std::string_view network) {
     const auto [read_end, error] = std::from_chars(network.data() + slash + 1, end, bits);
     if (error != std::errc() || read_end != end || bits > 8 * base.size()) return false;
   }
-  const std::size_t whole =
-      bits / 8;  // bytes; after the last one there is a NUL, of which no bit is compared
-  return address.compare(0, whole, base, 0, whole) == 0 &&
-         ((address[whole] ^ base[whole]) & 0xFF) >> (8 - bits % 8) == 0;
+  for (std::size_t bit = 0; bit < bits; ++bit) {
+    if (((address[bit / 8] ^ base[bit / 8]) << bit % 8 & 0x80) != 0) return false;
+  }
+  return true;
 }
 
 /// Whether the host is the domain or within it.
@@ -61,6 +62,16 @@ bool is_in_domain(std::string_view host, std::string_view domain) {
   const std::size_t begin = host.size() - domain.size();
   return detail::equal_ignoring_case(host.substr(begin), domain) &&
          (begin == 0 || host[begin - 1] == '.');
+}
+
+/// The proxy that the setting names; none where its value is empty.
+std::optional<Url> parsed(const Setting& setting) {
+  if (setting.value.empty()) return std::nullopt;
+  try {
+    return parse_proxy_url(setting.value);
+  } catch (const std::invalid_argument& error) {
+    throw std::invalid_argument(std::string(setting.name) + ": " + error.what());
+  }
 }
 
 }  // namespace
@@ -78,25 +89,21 @@ bool is_excluded(std::string_view no_proxy, std::string_view host) {
 }
 
 std::optional<Url> proxy_for(const Origin& origin, const std::optional<std::string>& option) {
-  const auto [name, url] =
-      option ? Setting("PoolOptions::proxy", *option)
-      : origin.scheme == "https"
-          ? environment({"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"})
-          : environment({"http_proxy", "all_proxy", "ALL_PROXY"});
-  if (url.empty()) return std::nullopt;
-  if (!option && is_excluded(environment({"no_proxy", "NO_PROXY"}).second, origin.host)) {
-    return std::nullopt;
-  }
-  try {
-    return parse_proxy_url(url);
-  } catch (const std::invalid_argument& error) {
-    throw std::invalid_argument(std::string(name) + ": " + error.what());
-  }
+  if (option) return parsed({"PoolOptions::proxy", *option});
+  const Setting proxy = origin.scheme == "https"
+                            ? environment({"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"})
+                            : environment({"http_proxy", "all_proxy", "ALL_PROXY"});
+  if (proxy.value.empty()) return std::nullopt;
+  if (is_excluded(environment({"no_proxy", "NO_PROXY"}).value, origin.host)) return std::nullopt;
+  return parsed(proxy);
 }
 
-bool is_forwarding(const Url& proxy, const Origin& origin) {
-  const std::string& scheme = proxy.origin.scheme;
-  return origin.scheme == "http" && (scheme == "http" || scheme == "https");
+const Url* Route::forwarder() const {
+  const bool forwards =
+      proxy && origin.scheme == "http" && proxy->origin.scheme.starts_with("http");
+  return forwards ? &*proxy : nullptr;
 }
+
+const Url* Route::tunnel() const { return proxy && !forwarder() ? &*proxy : nullptr; }
 
 }  // namespace engines::http::net

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Which proxy is used for an origin.
+// Which proxy is used for an origin, and where a connection leads with it.
 #pragma once
 
 #include <optional>
@@ -20,9 +20,21 @@ namespace engines::http::net {
 /// Throws `ValueError`, which names the option or the variable and quotes nothing of the URL.
 std::optional<Url> proxy_for(const Origin& origin, const std::optional<std::string>& option);
 
-/// Whether a request to the origin is sent to the proxy itself, which forwards it. Otherwise the
-/// proxy is a tunnel, which passes on the bytes of a connection to the origin.
-bool is_forwarding(const Url& proxy, const Origin& origin);
+/// Where a connection leads. Requests share a connection only where their routes are equal, origins
+/// included: a forwarding proxy may send all that comes on one connection to the same server.
+struct Route {
+  Origin origin;                     // what the requests are for
+  std::optional<Url> proxy;          // none: there is none
+  std::string tunnel_authorization;  // its `Proxy-Authorization`; empty: the proxy URL's userinfo
+
+  bool operator==(const Route&) const = default;
+  /// The proxy, where the requests are sent to it and it forwards them; else null.
+  const Url* forwarder() const;
+  /// The proxy, where it passes on the bytes of a connection to the origin; else null.
+  const Url* tunnel() const;
+  /// Whom an exchange speaks to: the origin, or the proxy that forwards its requests.
+  const Origin& peer() const { return forwarder() ? proxy->origin : origin; }
+};
 
 /// Whether the list of no_proxy covers the host. An IPv6 address is in brackets.
 bool is_excluded(std::string_view no_proxy, std::string_view host);

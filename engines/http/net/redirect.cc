@@ -43,23 +43,23 @@ bool names_origin(std::string_view host, const Origin& origin) {
 }
 
 void check_header(const std::string& name, const std::string& value, const Hop& hop) {
+  const auto is = [&](std::string_view other) { return detail::equal_ignoring_case(name, other); };
   if (!is_token(name)) {
     refuse("a header name of the request is empty or holds a forbidden character");
   }
   if (std::ranges::any_of(value, is_forbidden_in_value)) {
     refuse("the request's header " + name + " holds a control character in its value");
   }
-  if (detail::equal_ignoring_case(name, "content-length") &&
-      value != std::to_string(hop.body.value_or("").size())) {
+  if (is("content-length") && value != std::to_string(hop.body.value_or("").size())) {
     refuse("the request's header Content-Length contradicts its body");
   }
-  if (detail::equal_ignoring_case(name, "transfer-encoding")) {
+  if (is("transfer-encoding")) {
     refuse("the request's header Transfer-Encoding contradicts its body, which is sent as it is");
   }
-  if (detail::equal_ignoring_case(name, "host") && !names_origin(value, hop.url->origin)) {
+  if (is("host") && !names_origin(value, hop.url.origin)) {
     refuse("the request's header Host contradicts its URL");
   }
-  if (detail::equal_ignoring_case(name, "expect")) {
+  if (is("expect")) {
     refuse("the request's header Expect cannot be sent");
   }
 }
@@ -74,12 +74,12 @@ Hop first_hop(const Request& request) {
   Hop hop{.url = parse_url(request.url),
           .credentials = {},
           .method = request.method,
-          .headers = {std::shared_ptr<void>(), &request.headers},
+          .headers = request.headers,
           .body = request.data};
   if (!is_token(hop.method)) refuse("the request's method is empty or holds a forbidden character");
   if (hop.method == "CONNECT") refuse("the request's method CONNECT cannot be sent");
-  for (const auto& [name, value] : *hop.headers) check_header(name, value, hop);
-  if (!hop.headers->get("authorization")) hop.credentials = hop.url->credentials;
+  for (const auto& [name, value] : hop.headers) check_header(name, value, hop);
+  if (!hop.headers.get("authorization")) hop.credentials = hop.url.credentials;
   return hop;
 }
 
@@ -87,22 +87,20 @@ std::optional<Hop> next_hop(const Hop& hop, StatusCode status,
                             const std::optional<std::string>& location) {
   const bool repeats = status == 307 || status == 308;
   if (!repeats && status != 301 && status != 302 && status != 303) return std::nullopt;
-  auto url = resolve(*hop.url, location.value_or(""));
+  auto url = resolve(hop.url, location.value_or(""));
   if (!url) return std::nullopt;
   Hop next = hop;
-  next.url = std::move(url);
-  Headers headers = *hop.headers;
+  next.url = *std::move(url);
   const bool only_reads = hop.method == "GET" || hop.method == "HEAD";
   if (status == 303 ? !only_reads : !repeats && hop.method == "POST") {
     next.method = "GET";
     next.body.reset();
-    headers = filtered(headers, CONTENT, false);
+    next.headers = filtered(next.headers, CONTENT, false);
   }
-  if (next.url->origin != hop.url->origin) {
+  if (next.url.origin != hop.url.origin) {
     next.credentials.reset();
-    headers = filtered(headers, HARMLESS, true);
+    next.headers = filtered(next.headers, HARMLESS, true);
   }
-  next.headers = std::make_shared<const Headers>(std::move(headers));
   return next;
 }
 

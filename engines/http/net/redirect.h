@@ -2,7 +2,6 @@
 // The requests of one call: the first, checked before it is sent, and those that follow redirects.
 #pragma once
 
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -13,14 +12,13 @@
 namespace engines::http::net {
 
 struct Hop {
-  std::shared_ptr<const Url> url;
+  Url url;
   /// The userinfo to send; none after a redirect to another origin, or where the headers hold an
   /// `Authorization`.
   std::optional<Credentials> credentials;
   std::string method;
-  /// Borrowed from the caller's request, or made for a redirect.
-  std::shared_ptr<const Headers> headers;
-  /// The body, borrowed from the caller's request; none sends no body.
+  Headers headers;
+  /// Borrowed from the request; none: no body is sent.
   std::optional<std::string_view> body;
 };
 
@@ -35,7 +33,7 @@ bool is_forbidden_in_value(char c) noexcept;
 ///   - a `Content-Length`, `Transfer-Encoding` or `Host` that contradicts the request, and the
 ///     method `CONNECT`: the peer would see another end of the message, or another request;
 ///   - `Expect`: a body is sent without waiting for 100 (Continue).
-/// The request must outlive the hop.
+/// The request must outlive the hop, which borrows its body.
 Hop first_hop(const Request& request);
 
 /// What follows a reply with this status and `Location`; none where the reply is final

@@ -10,31 +10,19 @@
 
 namespace engines::http::net {
 
-/// The outcome of an operation on a stream.
+/// The outcome of an operation on a stream. Only receiving ends or is cut.
 enum class Io {
   moved,    ///< some bytes moved
   blocked,  ///< none can move now
-  ended,    ///< the peer has ended the connection; of receiving only
-  broken,   ///< the connection broke: see `Stream::error`
+  ended,    ///< the peer has ended the connection
+  cut,      ///< it ended, but not as it should: TLS without close_notify (RFC 9112, section 9.8)
+  broken,   ///< the connection broke
 };
 
 struct IoResult {
   Io state;
   std::size_t bytes = 0;  // how many moved
 };
-
-/// Why a connection broke.
-struct StreamError {
-  int os_error = 0;       // errno; 0: none
-  std::string text = {};  // the underlying library's: quoted, never parsed
-};
-
-/// "situation (the system's text): quote".
-std::string described(std::string_view situation, const StreamError& error);
-
-/// Throws a `URLError` whose reason has the kind that `os_error` means: the request was not sent
-/// completely.
-[[noreturn]] void throw_unsent(std::string_view situation, const StreamError& error);
 
 class Stream {
  public:
@@ -52,11 +40,9 @@ class Stream {
   /// Waits, for `at_most`, until something can be received or, with `to_send`, sent.
   virtual void wait(bool to_send, Duration at_most) = 0;
 
-  /// After `ended`: false where TLS ended without close_notify, so that anyone in between may have
-  /// cut the connection (RFC 9112, section 9.8). True for a plain one, of which that is not known.
-  virtual bool ended_properly() const = 0;
-  /// After `broken`; after `ended`, there may be a text.
-  virtual StreamError error() const = 0;
+  /// After `broken`, and perhaps after `ended` and `cut`: why, to be appended to a text. " (the
+  /// system's text): quote", where each part may be missing.
+  virtual std::string reason() const = 0;
 };
 
 }  // namespace engines::http::net

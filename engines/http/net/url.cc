@@ -4,6 +4,7 @@
 #include <curl/curl.h>
 
 #include <algorithm>
+#include <memory>
 #include <new>
 #include <stdexcept>
 
@@ -118,37 +119,34 @@ std::string Origin::host_field() const {
   return port == (scheme == "https" ? "443" : "80") ? host : address();
 }
 
-std::shared_ptr<const Url> parse_url(std::string_view text) {
-  return std::make_shared<const Url>(parse(text, false));
-}
+Url parse_url(std::string_view text) { return parse(text, false); }
 
 Url parse_proxy_url(std::string_view text) {
   const bool has_scheme = text.find("://") != std::string_view::npos;
   return parse((has_scheme ? "" : "http://") + std::string(text), true);
 }
 
-std::shared_ptr<const Url> resolve(const Url& base, std::string_view location) {
+std::optional<Url> resolve(const Url& base, std::string_view location) {
   if (location.starts_with('#')) location = base.text;
   std::string reference;
   for (const char c : location.substr(0, location.find('#'))) {  // a fragment is not sent
     const auto byte = static_cast<unsigned char>(c);
-    if (is_control(byte)) return nullptr;
+    if (is_control(byte)) return std::nullopt;
     if (byte == ' ' || byte >= 0x80) {
       detail::append_percent_encoded(reference, byte);
     } else {
       reference += c;
     }
   }
-  if (reference.empty()) return nullptr;
+  if (reference.empty()) return std::nullopt;
   const Handle handle = handle_of(base.text);
-  const CURLUcode code =
-      curl_url_set(handle.get(), CURLUPART_URL, reference.c_str(), CURLU_NON_SUPPORT_SCHEME);
+  const CURLUcode code = curl_url_set(handle.get(), CURLUPART_URL, reference.c_str(), 0);
   if (code == CURLUE_OUT_OF_MEMORY) throw std::bad_alloc();
-  if (code != CURLUE_OK) return nullptr;
+  if (code != CURLUE_OK) return std::nullopt;
   try {
     return parse_url(part_of(handle, CURLUPART_URL));
   } catch (const std::invalid_argument&) {
-    return nullptr;
+    return std::nullopt;
   }
 }
 

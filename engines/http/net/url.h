@@ -2,7 +2,6 @@
 // URLs taken apart (RFC 3986): of a request, of a redirect, of a proxy.
 #pragma once
 
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -43,14 +42,14 @@ struct Url {
 /// Takes an absolute http or https URL apart. Throws `ValueError`, which names the part that cannot
 /// be sent and quotes nothing of it: a missing or other scheme, no host, a bad port, white space,
 /// control characters and characters outside ASCII (which a URL percent-encodes).
-std::shared_ptr<const Url> parse_url(std::string_view text);
+Url parse_url(std::string_view text);
 
 /// The same for the URL of a proxy: http (where there is no scheme), https, socks4, socks4a, socks5
 /// or socks5h. Where it has no port: 443 with https, else 1080.
 Url parse_proxy_url(std::string_view text);
 
-/// Where a `Location` leads from `base` (RFC 9110, section 10.2.2); null where that is no http or
+/// Where a `Location` leads from `base` (RFC 9110, section 10.2.2); none where that is no http or
 /// https URL. Spaces and bytes outside ASCII, which servers send, are percent-encoded.
-std::shared_ptr<const Url> resolve(const Url& base, std::string_view location);
+std::optional<Url> resolve(const Url& base, std::string_view location);
 
 }  // namespace engines::http::net
