@@ -5,7 +5,6 @@
 #include <boost/beast/core/string.hpp>
 #include <boost/beast/http/basic_parser.hpp>
 #include <charconv>
-#include <cstring>
 #include <limits>
 #include <system_error>
 #include <utility>
@@ -51,7 +50,9 @@ std::uint64_t chunk_size(std::string_view line, std::string_view before) {
   std::uint64_t size = 0;
   const char* const digits = line.data() + before.size();
   const auto [end, error] = std::from_chars(digits, line.data() + line.size(), size, 16);
-  const bool ends_well = line.ends_with("\r\n") && std::strchr("\r; \t", *end);
+  // After the size comes an extension, or the end of the line.
+  const bool ends_well =
+      line.ends_with("\r\n") && std::string_view("\r; \t").find(*end) != std::string_view::npos;
   if (!line.starts_with(before) || error != std::errc() || !ends_well) {
     throw HTTPException("the reply's chunks are malformed");
   }
