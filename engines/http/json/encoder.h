@@ -2,6 +2,7 @@
 // Writes one JSON text (RFC 8259) piece by piece: how each JSON value is laid out.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -16,6 +17,8 @@ namespace engines::http::detail {
 /// writer must not be used.
 class ENGINES_HTTP_EXPORT JsonEncoder {
  public:
+  JsonEncoder() { out_.reserve(USUAL_BYTES); }
+
   void null() { append("null"); }
   void boolean(bool value) { append(value ? "true" : "false"); }
   void integer(std::int64_t value);
@@ -58,6 +61,8 @@ class ENGINES_HTTP_EXPORT JsonEncoder {
  private:
   static void check_depth(int depth);
   void append(std::string_view piece) { out_.append(piece); }
+
+  static constexpr std::size_t USUAL_BYTES = 512;  // most bodies are longer
 
   std::string out_;
   int depth_ = 0;

@@ -8,6 +8,7 @@
 #include <limits>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "engines/http/text/encoding.h"
 #include "engines/http/text/unicode.h"
@@ -28,6 +29,8 @@ constexpr int DRAINING_RECEIVES = 4;
 constexpr std::size_t COPIED_BODY_BYTES = 61440;
 /// Larger values of `max_header_bytes` count as this.
 constexpr std::size_t MAX_HEADER_BYTES = 307200;
+/// More header fields than most replies have.
+constexpr std::size_t USUAL_HEADERS = 16;
 /// The most that is quoted of a coding's name.
 constexpr std::size_t MOST_QUOTED = 64;
 
@@ -100,13 +103,14 @@ std::string request_head(const Hop& hop, const Route& route, const PoolOptions& 
 
 // ---- Parser -------------------------------------------------------------------------------------
 
-/// Parses one head into the status and the headers of the exchange.
+/// Parses one head: its status, into the exchange, and its fields.
 class Exchange::Parser final : public beast::http::basic_parser<false> {
  public:
   explicit Parser(Exchange& exchange) : exchange_(exchange) {
     header_limit(std::numeric_limits<std::uint32_t>::max());  // the exchange has its own limit
     body_limit(std::numeric_limits<std::uint64_t>::max());
     skip(exchange.is_head_request_);
+    fields.reserve(USUAL_HEADERS);
   }
 
   /// Parses the status line, or all that follows it.
@@ -118,6 +122,8 @@ class Exchange::Parser final : public beast::http::basic_parser<false> {
     if (exchange_.status_ == 0) throw BadStatusLine("the reply's status line is" + quote);
     throw HTTPException("the reply's headers are" + quote);
   }
+
+  std::vector<Headers::Entry> fields;
 
  private:
   void on_response_impl(int code, beast::string_view, int, beast::error_code&) override {
@@ -135,7 +141,8 @@ class Exchange::Parser final : public beast::http::basic_parser<false> {
         !beast::iequals(value, "identity")) {
       throw HTTPException("the reply has a transfer coding that was not asked for");
     }
-    exchange_.headers_.add({name.data(), name.size()}, {value.data(), value.size()});
+    fields.emplace_back(std::string(name.data(), name.size()),
+                        std::string(value.data(), value.size()));
   }
 
   // The body is not parsed here, and no request is.
@@ -209,7 +216,6 @@ bool Exchange::send(std::string_view bytes) {
 void Exchange::start_head() {
   parser_ = std::make_unique<Parser>(*this);
   status_ = 0;
-  headers_ = {};
 }
 
 /// Receives and parses what has arrived. Returns whether the final head is complete.
@@ -261,6 +267,7 @@ void Exchange::count_header_lines(std::size_t lines) {
 }
 
 void Exchange::take_final_head() {
+  headers_ = Headers(std::move(parser_->fields));
   is_reusable_ = is_sent_ && parser_->keep_alive();
   has_ended_ = parser_->is_done();
   if (has_ended_ || parser_->chunked()) return;

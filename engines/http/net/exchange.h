@@ -85,7 +85,7 @@ class Exchange {
   bool is_sent_ = false;            // the whole request
   std::unique_ptr<Parser> parser_;  // of the current head; it also has the framing of the body
   StatusCode status_ = 0;           // of the current head; 0: its status line has not come
-  Headers headers_;                 // of the current head
+  Headers headers_;                 // of the final head
   std::size_t head_bytes_ = 0;      // of the heads so far, interim ones included
   std::size_t searched_ = 0;      // bytes of the input in which no end of the header fields begins
   std::size_t header_lines_ = 0;  // of the heads and the trailers

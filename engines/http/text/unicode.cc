@@ -4,7 +4,6 @@
 #include <unicode/bytestream.h>
 #include <unicode/casemap.h>
 #include <unicode/uchar.h>
-#include <unicode/utf8.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -14,10 +13,6 @@
 
 namespace engines::http::detail {
 namespace {
-
-bool is_ascii(std::string_view text) noexcept {
-  return std::ranges::all_of(text, [](char c) { return U8_IS_SINGLE(c); });
-}
 
 char lower_ascii(char c) noexcept {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;

@@ -22,6 +22,8 @@ std::size_t skip_ascii(std::string_view text, std::size_t position) noexcept {
 
 }  // namespace
 
+bool is_ascii(std::string_view text) noexcept { return skip_ascii(text, 0) == text.size(); }
+
 bool is_utf8(std::string_view text) noexcept {
   for (std::size_t position = 0;;) {
     position = skip_ascii(text, position);

@@ -13,6 +13,7 @@ namespace engines::http::detail {
 
 inline constexpr char32_t REPLACEMENT = 0xFFFD;
 
+bool is_ascii(std::string_view text) noexcept;
 bool is_utf8(std::string_view text) noexcept;
 
 /// The text with every ill-formed subsequence replaced; the very same text when there is none.
