@@ -23,19 +23,6 @@ namespace {
 using testing::ManualTime;
 using testing::ScriptedTransport;
 
-/// Collects what the default logger's sinks are given, for the life of the object.
-struct Log {
-  Log() {
-    const auto sink = std::make_shared<spdlog::sinks::ostream_sink_mt>(out);
-    sink->set_pattern("%n %l %v");
-    spdlog::set_default_logger(std::make_shared<spdlog::logger>("application", sink));
-  }
-  ~Log() { spdlog::set_default_logger(previous); }
-
-  std::ostringstream out;
-  std::shared_ptr<spdlog::logger> previous = spdlog::default_logger();
-};
-
 /// An attempt that throws these failures in order and then answers with how often it was called.
 struct Attempts {
   std::vector<FailurePtr> failures;
@@ -76,7 +63,6 @@ TEST(Retry, CutsTheTimeoutToTheDeadline) {
 }
 
 TEST(Retry, EveryWayOut) {
-  const Log log;
   const std::map<std::string, FailurePtr> failures{{"busy", busy},
                                                    {"token", Retryable("token s3cr3t-k3y")},
                                                    {"refused", Refused("no")},
@@ -99,37 +85,35 @@ TEST(Retry, EveryWayOut) {
 }
 
 TEST(Retry, LetsWhatCallbacksThrowThrough) {
-  const Log log;
-  const auto thrown = []() -> double { throw std::out_of_range("callback"); };
-  const auto stop = [=] { return thrown() > 0; };
-  const auto wait = [=](auto...) { return thrown() > 0; };
-  for (const RetryPolicy& policy : {RetryPolicy{.deadline = 1, .clock = thrown},
-                                    RetryPolicy{.should_stop = stop}, RetryPolicy{.wait = wait}}) {
+  const auto thrown = [](auto...) -> bool { throw std::out_of_range("callback"); };
+  for (const RetryPolicy& policy :
+       {RetryPolicy{.deadline = 1, .clock = thrown}, RetryPolicy{.should_stop = thrown},
+        RetryPolicy{.wait = thrown}}) {
     EXPECT_THROW(retry(policy, Attempts{{busy}}, {.label = "l"}), std::out_of_range);
   }
-  int made = 0;
-  EXPECT_THROW(retry({}, [&](double) { ++made, thrown(); }, {.label = "l"}), std::out_of_range);
-  EXPECT_EQ(made, 1);
 }
 
 TEST(Retry, AnyResultPassesUnchanged) {
   int value = 1;
   EXPECT_EQ(&retry({}, [&](double) -> int& { return value; }, {.label = "l"}), &value);
-  retry({}, [&](double) { value = 2; }, {.label = "l"});
-  EXPECT_EQ(value, 2);
   EXPECT_EQ(*retry({}, [](double) { return std::make_unique<int>(3); }, {.label = "l"}), 3);
 }
 
 TEST(Retry, WaitsBetweenAttemptsAndLogsEach) {
-  const Log log;
+  std::ostringstream log;
+  const auto sink = std::make_shared<spdlog::sinks::ostream_sink_mt>(log);
+  sink->set_pattern("%n %l %v");
+  const auto previous = spdlog::default_logger();
+  spdlog::set_default_logger(std::make_shared<spdlog::logger>("application", sink));
   ManualTime time;
   const RetryPolicy policy = time.policy({.attempts = 4, .backoff_s = 0.25});
   Attempts attempts{{busy, Retryable("sent s3cr3t-k3y {}")}};
   EXPECT_EQ(retry(policy, attempts, {.label = "100%s {} {0}", .secrets = {"s3cr3t-k3y"}}), 3);
+  spdlog::set_default_logger(previous);
   EXPECT_EQ(time.waits(), (std::vector{0.25, 0.5}));
   const std::string line = "engines.http warning 100%s {} {0} failed ";
-  EXPECT_EQ(log.out.str(), line + "(attempt 1/4): HTTP 503; retrying in 0.2 s\n" + line +
-                               "(attempt 2/4): sent [redacted] {}; retrying in 0.5 s\n");
+  EXPECT_EQ(log.str(), line + "(attempt 1/4): HTTP 503; retrying in 0.2 s\n" + line +
+                           "(attempt 2/4): sent [redacted] {}; retrying in 0.5 s\n");
 }
 
 TEST(Logger, WritesToStandardErrorUntilThereIsADefaultLogger) {
@@ -150,10 +134,10 @@ TEST(Logger, WritesToStandardErrorUntilThereIsADefaultLogger) {
 }
 
 TEST(Logger, CanBeReplaced) {
-  const Log log;
-  const std::shared_ptr<spdlog::logger> built = spdlog::get("engines.http");
+  const auto built = spdlog::get("engines.http"), application = spdlog::default_logger();
   spdlog::set_default_logger(nullptr);
   built->warn("nobody hears this");
+  spdlog::set_default_logger(application);
   spdlog::drop("engines.http");
   EXPECT_EQ(logger(), built);
   const auto own = std::make_shared<spdlog::logger>("engines.http");
@@ -166,7 +150,6 @@ TEST(Logger, CanBeReplaced) {
 // ---- post_json and get_json ---------------------------------------------------------------------
 
 TEST(Requests, SendEachAttemptAndReturnTheReply) {
-  const Log log;
   ManualTime time;
   ScriptedTransport transport;
   std::string seen, sent;
