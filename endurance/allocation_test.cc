@@ -4,10 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <memory>
 #include <new>
-#include <string>
-#include <vector>
 
 #include "engines/http/http.h"
 #include "engines/http/testing.h"

@@ -4,9 +4,6 @@
 #include <fuzzer/FuzzedDataProvider.h>
 #include <unicode/unistr.h>
 
-#include <string>
-#include <vector>
-
 #include "engines/http/redaction.h"
 #include "fuzz/expect.h"
 

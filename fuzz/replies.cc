@@ -2,8 +2,6 @@
 // Replies as a peer may send them, over a stream without a socket: whatever they are, each has one
 // outcome, however it arrives and is read. The input's first byte chooses the way, the rest is the
 // reply.
-#include <optional>
-#include <string>
 
 #include "engines/http/net/exchange.h"
 #include "engines/http/net/gzip.h"

@@ -5,7 +5,6 @@
 #include <unicode/unistr.h>
 
 #include <algorithm>
-#include <string>
 
 #include "engines/http/text/literal.h"
 #include "engines/http/text/unicode.h"

@@ -3,10 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <ranges>
-#include <stdexcept>
-#include <vector>
-
 #include "engines/http/classification.h"
 #include "engines/http/reply.h"
 #include "engines/http/testing.h"

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <vector>
 
 #include "engines/http/testing.h"
 #include "tests/support/outcome.h"

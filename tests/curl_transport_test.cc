@@ -7,9 +7,7 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "engines/http/classification.h"
 #include "tests/support/fault_server.h"

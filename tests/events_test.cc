@@ -3,10 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <ranges>
-#include <tuple>
-#include <vector>
-
 #include "engines/http/testing.h"
 #include "tests/support/outcome.h"
 #include "tests/support/table.h"

@@ -5,8 +5,6 @@
 
 #include <cmath>
 #include <map>
-#include <sstream>
-#include <string>
 
 #include "tests/support/outcome.h"
 #include "tests/support/replies.h"
@@ -46,16 +44,6 @@ struct Played {
   Exchange exchange{stream, limits, options};
 };
 
-/// Of lines "name:value".
-Headers headers_of(const std::string& text) {
-  Headers headers;
-  std::istringstream lines(text);
-  for (std::string name, value; std::getline(lines, name, ':') && std::getline(lines, value);) {
-    headers.add(name, value);
-  }
-  return headers;
-}
-
 const std::map<std::string, Then> THEN{
     {"ends", Then::ends}, {"cuts", Then::cuts}, {"resets", Then::resets}, {"stalls", Then::stalls}};
 
@@ -70,7 +58,8 @@ TEST(Exchange, EveryReplyHasOneOutcomeHoweverItArrivesAndIsRead) {
       const std::string ended = played.outcome(amt, fill);
       EXPECT_TRUE(ended == how || (!std::isdigit(how[0]) && ended.starts_with(how))) << ended;
       EXPECT_EQ(played.stream.sent, "POST / HTTP/1.1\r\n\r\n{}");
-      EXPECT_TRUE(headers.empty() || played.exchange.headers() == headers_of(headers));
+      EXPECT_TRUE(headers.empty() ||
+                  played.exchange.headers() == Headers(test::headers(headers, '\n')));
     }
   }
 }
@@ -112,7 +101,7 @@ TEST(Limits, ATimeoutThatIsNoDurationNeitherHangsNorLastsForEver) {
 
 TEST(RequestHead, HasWhatTheCallerGaveAndTheRestByDefault) {
   for (const Row& row : table("request_heads", 7)) {
-    RequestFields fields{.headers = headers_of(row[3]), .method = row[0]};
+    RequestFields fields{.headers = Headers(test::headers(row[3], '\n')), .method = row[0]};
     if (row[2] != "-") fields.data = row[2];
     const auto proxy = row[4].empty() ? std::nullopt : std::optional(parse_proxy_url(row[4]));
     PoolOptions options;

@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <stdexcept>
-
 #include "engines/http/transport.h"
 #include "tests/support/outcome.h"
 

@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
-#include <string>
-
 #include "engines/http/transport.h"
 
 namespace engines::http::net {

@@ -5,7 +5,6 @@
 
 #include <cstdlib>
 #include <sstream>
-#include <string>
 
 #include "tests/support/outcome.h"
 #include "tests/support/table.h"

@@ -5,7 +5,6 @@
 
 #include <iterator>
 #include <sstream>
-#include <string>
 
 #include "tests/support/table.h"
 

@@ -8,9 +8,6 @@
 #include <cstdlib>
 #include <map>
 #include <sstream>
-#include <tuple>
-#include <utility>
-#include <vector>
 
 #include "engines/http/requests.h"
 #include "engines/http/testing.h"

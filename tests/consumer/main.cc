@@ -7,9 +7,6 @@
 
 #include <cstdio>
 #include <map>
-#include <string>
-#include <variant>
-#include <vector>
 
 using namespace engines::http;
 

@@ -4,11 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstddef>
-#include <string>
-#include <string_view>
 #include <thread>
-#include <utility>
 
 #include "engines/http/net/stream.h"
 
