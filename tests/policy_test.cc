@@ -9,7 +9,6 @@
 #include <tuple>
 #include <vector>
 
-#include "tests/support/outcome.h"
 #include "tests/support/table.h"
 
 namespace engines::http {
@@ -49,8 +48,7 @@ TEST(Policy, StatusSetsAreBuiltFromWhateverHoldsStatuses) {
 }
 
 TEST(Policy, NeedsAnAttempt) {
-  const auto made = [] { return std::to_string(RetryPolicy{.attempts = 0}.attempts); };
-  EXPECT_EQ(test::outcome(made), "invalid_argument: a retry policy makes at least one attempt");
+  EXPECT_THROW(RetryPolicy{.attempts = 0}, ValueError);
   EXPECT_THROW(RetryPolicy{}.with({.attempts = -1}), ValueError);
   EXPECT_EQ(RetryPolicy{.attempts = 0x100000000LL}.attempts, INT_MAX);
 }
@@ -77,11 +75,8 @@ TEST(Policy, WithinEndsTheCallAtTheEarlierDeadline) {
 TEST(Policy, TakesTheStandardLibrarysStopTokens) {
   std::stop_source source;
   for (const bool stopped : {false, true}) {
-    for (const RetryPolicy& policy :
-         {RetryPolicy{.should_stop = source.get_token()}, RetryPolicy{.should_stop = source},
-          RetryPolicy{}.with({.should_stop = source.get_token()})}) {
-      EXPECT_EQ(policy.wait(0, policy.should_stop), stopped);
-    }
+    EXPECT_EQ(RetryPolicy{.should_stop = source}.should_stop(), stopped);
+    EXPECT_EQ(RetryPolicy{}.with({.should_stop = source.get_token()}).should_stop(), stopped);
     EXPECT_EQ(wait_unless_stopped(0, source.get_token()), stopped);
     source.request_stop();
   }

@@ -29,8 +29,7 @@ class TemporaryDirectory {
 
 /// A certificate and its key, in PEM files.
 struct Identity {
-  std::string certificate;
-  std::string key;
+  std::string certificate, key;
 };
 
 class CertificateAuthority {

@@ -53,7 +53,6 @@ class RealPeer {
     kill(process_, SIGKILL);
     waitpid(process_, nullptr, 0);
   }
-  RealPeer(RealPeer&&) = delete;
 
   std::string url(const std::string& path = "") const {
     return "http://127.0.0.1:" + std::to_string(port_) + path;

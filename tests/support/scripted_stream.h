@@ -10,14 +10,12 @@
 
 namespace engines::http::test {
 
-/// How the peer goes on after its bytes.
-enum class Then { ends, cuts, resets, stalls };
-
-/// A peer whose bytes come in pieces of a given size, each after a wait.
+/// A peer whose bytes come in pieces of a given size, each after a wait; then it "ends", "cuts",
+/// "resets" or "stalls".
 class ScriptedStream final : public net::Stream {
  public:
-  ScriptedStream(std::string bytes, Then then, std::size_t piece)
-      : bytes_(std::move(bytes)), then_(then), piece_(piece) {}
+  ScriptedStream(std::string bytes, std::string then, std::size_t piece)
+      : bytes_(std::move(bytes)), then_(std::move(then)), piece_(piece) {}
 
   net::IoResult send(std::string_view bytes) override {
     if (sent.size() >= takes) return {net::Io::blocked};
@@ -30,24 +28,22 @@ class ScriptedStream final : public net::Stream {
       received_ += size;
       return {net::Io::moved, size};
     }
-    if (arrived_ < bytes_.size() || then_ == Then::stalls) return {net::Io::blocked};
-    return {then_ == Then::resets ? net::Io::broken : net::Io::ended};
+    if (arrived_ < bytes_.size() || then_ == "stalls") return {net::Io::blocked};
+    return {then_ == "resets" ? net::Io::broken : net::Io::ended};
   }
   void wait(bool, net::Duration at_most) override {
     if (arrived_ == bytes_.size()) std::this_thread::sleep_for(at_most);
     arrived_ += std::min(bytes_.size() - arrived_, piece_);
   }
-  bool ended_properly() const override { return then_ == Then::ends; }
-  net::StreamError error() const override {
-    return {then_ == Then::resets ? ECONNRESET : 0, "quote"};
-  }
+  bool ended_properly() const override { return then_ == "ends"; }
+  net::StreamError error() const override { return {then_ == "resets" ? ECONNRESET : 0, "quote"}; }
 
   std::string sent;
   std::size_t takes = SIZE_MAX;  // so much is taken of what is sent
 
  private:
   std::string bytes_;
-  Then then_;
+  std::string then_;
   std::size_t piece_;
   std::size_t arrived_ = 0;
   std::size_t received_ = 0;
