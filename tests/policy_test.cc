@@ -48,7 +48,7 @@ TEST(Policy, StatusSetsAreBuiltFromWhateverHoldsStatuses) {
 }
 
 TEST(Policy, NeedsAnAttempt) {
-  EXPECT_THROW(RetryPolicy{.attempts = 0}, ValueError);
+  EXPECT_THROW(static_cast<void>(RetryPolicy{.attempts = 0}), ValueError);
   EXPECT_THROW(RetryPolicy{}.with({.attempts = -1}), ValueError);
   EXPECT_EQ(RetryPolicy{.attempts = 0x100000000LL}.attempts, INT_MAX);
 }
