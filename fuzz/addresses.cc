@@ -3,10 +3,6 @@
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <algorithm>
-#include <optional>
-#include <stdexcept>
-#include <string>
-#include <string_view>
 
 #include "engines/http/net/redirect.h"
 #include "engines/http/net/url.h"

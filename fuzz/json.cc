@@ -2,10 +2,6 @@
 // JSON from a stranger, and values to send, which the same bytes are in the format CBOR: what is
 // written reads back the same; nlohmann's parser and writer agree.
 #include <nlohmann/json.hpp>
-#include <optional>
-#include <stdexcept>
-#include <string>
-#include <string_view>
 
 #include "engines/http/body.h"
 #include "engines/http/json.h"

@@ -2,9 +2,6 @@
 // Replies as a peer may send them, over a stream without a socket: whatever they are, each has one
 // outcome, however it arrives and is read. The input's first byte chooses the way, the rest is the
 // reply.
-#include <optional>
-#include <string>
-#include <utility>
 
 #include "engines/http/net/exchange.h"
 #include "fuzz/expect.h"
@@ -13,7 +10,6 @@
 namespace http = engines::http;
 namespace net = engines::http::net;
 using fuzz::expect;
-using http::test::Then;
 
 namespace {
 
@@ -30,7 +26,7 @@ struct Outcome {
 
 Outcome play(const std::string& reply, std::uint8_t way, std::size_t piece, std::size_t amt,
              bool fill) {
-  constexpr Then ENDS[] = {Then::ends, Then::cuts, Then::resets, Then::ends};
+  constexpr const char* ENDS[] = {"ends", "cuts", "resets", "ends"};
   http::test::ScriptedStream stream(reply, ENDS[way & END], piece);
   net::Limits limits({.timeout = 60}, std::nullopt);
   const http::PoolOptions options{.max_headers = 20, .max_header_bytes = 2000};

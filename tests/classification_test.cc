@@ -4,17 +4,19 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <vector>
 
 #include "engines/http/testing.h"
 #include "tests/support/outcome.h"
 #include "tests/support/table.h"
 
-// Errors of libraries that this one has never seen.
-namespace service {
+namespace engines::http {
+namespace {
 
-using engines::http::Headers;
-using engines::http::StatusCode;
+using test::outcome;
+using testing::reply_of;
+using testing::ScriptedReply;
+
+// ---- Errors of libraries that this one has never seen -------------------------------------------
 
 struct Error {
   std::string text;
@@ -25,7 +27,7 @@ struct SlowReply : ReadTimeout {};
 struct TIMEOUT {};
 struct ApiConnectionError {};
 struct ConnectError {};
-struct PrivateTimeout : private engines::http::TimeoutError {
+struct PrivateTimeout : private TimeoutError {
   PrivateTimeout() : TimeoutError("t") {}
 };
 
@@ -46,23 +48,14 @@ struct WithHeaders {
 struct Function {
   std::function<std::string(const std::string&)> get;
 };
-struct Carrier : std::runtime_error, engines::http::CarriesStatus {
+struct Carrier : std::runtime_error, CarriesStatus {
   Carrier() : runtime_error("") {}
   std::optional<StatusCode> status_code() const override { return 503; }
   const Headers* headers() const override { return &shown; }
   Headers shown{{"content-type", "Text/Plain"}};
 };
 
-}  // namespace service
-
-namespace engines::http {
-namespace {
-
-using namespace service;
-using test::outcome;
-using testing::Piece;
-using testing::reply_of;
-using testing::ScriptedReply;
+// -------------------------------------------------------------------------------------------------
 
 HTTPError http_error(StatusCode code, std::string body = "", Headers headers = {}) {
   return {code, std::move(headers), reply_of({std::move(body)})};
@@ -152,7 +145,7 @@ TEST(Classify, SortsEveryFailureIntoItsKind) {
 TEST(Classify, ReadsAnErrorBodyOnceAndAlwaysClosesIt) {
   const std::string start(4095, 'x'), cut_off = start + "\uFFFD | 404 | " + start + "\uFFFD";
   const std::string unread = "HttpFailure: HTTP 404:  | 404";
-  const std::pair<Piece, std::string> table[] = {
+  const std::pair<testing::Piece, std::string> table[] = {
       {start + "\u00e9" + std::string(9000, 'y'), "HttpFailure: HTTP 404: " + cut_off},
       {TimeoutError("t"), unread},
       {IncompleteRead("i"), unread},

@@ -2,16 +2,12 @@
 #include "engines/http/curl_transport.h"
 
 #include <gtest/gtest.h>
-#include <openssl/ssl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
-#include <set>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "engines/http/classification.h"
 #include "tests/support/fault_server.h"
@@ -74,6 +70,10 @@ Play then(const std::string& how, const std::string& bytes = "") {
     for (std::size_t i = 0; how == "drips" && i < bytes.size(); ++i) {
       peer.send(bytes.substr(i, 1)), peer.stall(60);
     }
+    while (how == "renews keys" && SSL_key_update(peer.tls(), SSL_KEY_UPDATE_NOT_REQUESTED) == 1 &&
+           SSL_do_handshake(peer.tls()) == 1) {
+      continue;
+    }
   };
 }
 
@@ -124,10 +124,9 @@ TEST_P(OverSockets, EveryFaultHasItsKindAndOneRequest) {
 
 TEST_P(OverSockets, WhatHappensBeforeTheRequestIsSentIsAURLError) {
   const Play takes_slowly = [](Peer& peer) {  // but never waits for as long as the timeout
-    std::size_t got = 0;
-    for (std::size_t part = 1; part <= 10; ++part) {
-      while (got < part * 2'000'000) got += peer.receive(100'000).size();
-      if (part <= 6) peer.stall(100);
+    for (std::size_t taken = 0, size = 1; size > 0 && taken < 20'000'000; taken += size) {
+      size = peer.receive(16'000).size();
+      if (taken < 12'000'000) peer.stall(1);
     }
     peer.send(HI), peer.stall();
   };
@@ -136,7 +135,6 @@ TEST_P(OverSockets, WhatHappensBeforeTheRequestIsSentIsAURLError) {
            {then("stalls"), "URLError(TimeoutError): "},
            {[](Peer& peer) { peer.receive(1000), peer.reset(); }, "URLError(ConnectionError): "},
            {[](Peer& peer) { peer.receive(1000); }, "URLError(ConnectionError): "},
-           {[](Peer& peer) { peer.receive(1000), peer.send(HI), peer.stall(); }, "200 [hi]"},
            {takes_slowly, "200 [hi]"}}) {
     FaultServer server(play, identity(GetParam()));
     const Request request(server.url(), {.data = long_body, .method = "POST"});
@@ -173,23 +171,18 @@ TEST(Connecting, FailsByKind) {
   EXPECT_TRUE(begins(zoned, "URLError(") && !holds(zoned, "Invalid argument")) << zoned;
 }
 
-TEST(Tls, KeysThatAreRenewedWithoutEndHoldNoCall) {
-  const Play renews = answer("", [](Peer& peer) {
-    SSL* const tls = peer.tls();
-    while (SSL_key_update(tls, SSL_KEY_UPDATE_NOT_REQUESTED) && SSL_do_handshake(tls) == 1)
-      continue;
-  });
-  FaultServer server(renews, identity()), proxy(renews, identity());
-  EXPECT_PRED2(begins, opened(server.url()), "TimeoutError: ");
-  EXPECT_PRED2(begins,
-               called(PooledTransport({.proxy = proxy.url()}), Request("https://h.invalid/")),
-               "URLError(TimeoutError): ");
+TEST(Connecting, AHandshakeThatNeverEndsHoldsNoCall) {
+  std::string requests;  // for a hello, which a client skips
+  for (int i = 0; i < 999; ++i) requests.append("\x16\x03\x03\0\x04\0\0\0\0", 9);
+  const Play greets = then("floods", requests);
+  FaultServer server([=](Peer& peer) { peer.receive(9), greets(peer); });
+  EXPECT_PRED2(begins, opened(tls_url(server)), "URLError(TimeoutError): ");
 }
 
 // ---- Reading ------------------------------------------------------------------------------------
 
 TEST(Reading, ReadFillsAndRead1TakesWhatHasComeAndASlowReaderDoesNotTimeOut) {
-  FaultServer server(answer(TEN + "ab", [](Peer& peer) {
+  FaultServer server(answer(OK + "Content-Length: 10\r\n\r\nab", [](Peer& peer) {
     for (const auto& [ms, piece] : {std::pair(100, "cdef"), {100, "gh"}, {700, "ij"}}) {
       peer.stall(ms), peer.send(piece);
     }
@@ -213,19 +206,6 @@ TEST(Reading, ACodingThatWasNotAskedForFailsWithItsName) {
   }
   const Request own(server.url(), {.headers = {{"accept-encoding", "br"}}});
   EXPECT_EQ(called(urlopen_transport, own), "200 [xx]") << "the caller's own affair";
-}
-
-TEST(Reading, FloodsThatNeverBecomeABodyOutlastNoBound) {
-  FaultServer framing(
-      answer(CHUNKED, then("floods", "1;" + std::string(60'000, 'e') + "\r\nx\r\n")));
-  const auto framed = urlopen_transport(Request(framing.url()), PATIENT);
-  EXPECT_EQ(framed->read1(1), "x");
-  framed->close();       // takes no more than a little of it
-  std::string requests;  // for a hello, which a client skips
-  for (int i = 0; i < 999; ++i) requests.append("\x16\x03\x03\0\x04\0\0\0\0", 9);
-  const Play greets = then("floods", requests);
-  FaultServer handshake([=](Peer& peer) { peer.receive(9), greets(peer); });
-  EXPECT_PRED2(begins, opened(tls_url(handshake)), "URLError(TimeoutError): ");
 }
 
 // ---- The pool -----------------------------------------------------------------------------------
@@ -345,12 +325,7 @@ TEST(RealPeers, NginxOverHttpAndTls) {
     const auto get = [&](const char* path, const RequestFields& fields = {}) {
       return called(pool, Request(tls ? nginx.tls_url(path) : nginx.url(path), fields), PATIENT);
     };
-    std::set<std::string> connections;
-    for (int i = 0; i < 120; ++i) {  // more than a connection of this server serves
-      connections.insert(get("/hello"));
-      ASSERT_PRED2(begins, *connections.rbegin(), "200 [hello HTTP/1.1 ");
-    }
-    EXPECT_LE(connections.size(), 4U);
+    EXPECT_PRED2(begins, get("/hello"), "200 [hello HTTP/1.1 ");
     EXPECT_EQ(get("/chunked"), "200 [<p>GET</p>]");
     EXPECT_EQ(get("/big", {.headers = {{"accept-encoding", ""}}}).size(), 20'000'006U);
     EXPECT_EQ(get("/upload", {.data = std::string(3'000'000, 'u'), .method = "POST"}),
@@ -430,7 +405,7 @@ TEST(RealPeers, TinyproxyForwardsPlainRequestsAndTunnels) {
 
 TEST(RealPeers, AProxyThatMisbehavesHoldsNoCall) {
   for (const Row& row : table("bad_proxies", 4)) {
-    FaultServer proxy(answer(row[1], then(row[2], row[3])));
+    FaultServer proxy(answer(row[1], then(row[2], row[3])), identity());
     setenv("https_proxy", proxy.url().c_str(), 1);
     EXPECT_PRED2(begins, opened("https://h.invalid/"), row[0]);
   }

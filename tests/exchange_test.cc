@@ -4,9 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <map>
-#include <sstream>
-#include <string>
 
 #include "tests/support/outcome.h"
 #include "tests/support/replies.h"
@@ -20,7 +17,7 @@ using namespace test;
 
 /// A request to a scripted peer, and its reply.
 struct Played {
-  Played(const std::string& bytes, Then then, std::size_t piece,
+  Played(const std::string& bytes, const std::string& then, std::size_t piece,
          const TransportOptions& bounds = {.timeout = 0.02})
       : stream(bytes, then, piece), limits(bounds, std::nullopt) {}
 
@@ -47,19 +44,6 @@ struct Played {
   Exchange exchange{stream, limits, options};
 };
 
-/// Of lines "name:value".
-Headers headers_of(const std::string& text) {
-  Headers headers;
-  std::istringstream lines(text);
-  for (std::string name, value; std::getline(lines, name, ':') && std::getline(lines, value);) {
-    headers.add(name, value);
-  }
-  return headers;
-}
-
-const std::map<std::string, Then> THEN{
-    {"ends", Then::ends}, {"cuts", Then::cuts}, {"resets", Then::resets}, {"stalls", Then::stalls}};
-
 TEST(Exchange, EveryReplyHasOneOutcomeHoweverItArrivesAndIsRead) {
   for (const Row& row : table("replies", 5)) {
     const std::string &how = row[1], &bytes = row[3], &headers = row[4];
@@ -67,18 +51,19 @@ TEST(Exchange, EveryReplyHasOneOutcomeHoweverItArrivesAndIsRead) {
          {std::tuple(SIZE_MAX, 65536UL, false), {1, 65536, true}, {7, 3, false}}) {
       if (bytes.size() / piece > 1000) continue;
       SCOPED_TRACE(row[0] + " in pieces of " + std::to_string(piece));
-      Played played(bytes, THEN.at(row[2]), piece);
+      Played played(bytes, row[2], piece);
       const std::string ended = played.outcome(amt, fill);
       EXPECT_TRUE(ended == how || (!std::isdigit(how[0]) && ended.starts_with(how))) << ended;
       EXPECT_EQ(played.stream.sent, "POST / HTTP/1.1\r\n\r\n{}");
-      EXPECT_TRUE(headers.empty() || played.exchange.headers() == headers_of(headers));
+      EXPECT_TRUE(headers.empty() ||
+                  played.exchange.headers() == Headers(test::headers(headers, '\n')));
     }
   }
 }
 
 TEST(Exchange, AnAnswerThatComesBeforeTheRequestIsSentEndsTheSending) {
   for (const Row& row : table("early_replies", 4)) {
-    Played played(row[3], THEN.at(row[2]), 5);
+    Played played(row[3], row[2], 5);
     played.stream.takes = 0;
     EXPECT_TRUE(played.outcome(65536, false).starts_with(row[1])) << row[0];
   }
@@ -86,7 +71,7 @@ TEST(Exchange, AnAnswerThatComesBeforeTheRequestIsSentEndsTheSending) {
 
 TEST(Exchange, FinishTakesTheRestOfTheBodyThatIsHereAndWaitsForNone) {
   for (const Row& row : table("finish", 3)) {
-    Played played(row[2], Then::stalls, std::stoul(row[1]));
+    Played played(row[2], "stalls", std::stoul(row[1]));
     played.run();
     std::string body;
     played.exchange.read(body, 1, false);
@@ -96,7 +81,7 @@ TEST(Exchange, FinishTakesTheRestOfTheBodyThatIsHereAndWaitsForNone) {
 
 TEST(Exchange, AStopEndsAReadThatNeverWaits) {
   int asks = 0;
-  Played flood(OK + "Content-Length: 9000000\r\n\r\n" + std::string(9'000'000, 'x'), Then::stalls,
+  Played flood(OK + "Content-Length: 9000000\r\n\r\n" + std::string(9'000'000, 'x'), "stalls",
                SIZE_MAX, {.timeout = 9, .should_stop = [&] { return ++asks > 8; }});
   EXPECT_TRUE(flood.outcome(9'000'000, true).starts_with("Stopped: the transport was asked to"));
 }
@@ -113,7 +98,7 @@ TEST(Limits, ATimeoutThatIsNoDurationNeitherHangsNorLastsForEver) {
 
 TEST(RequestHead, HasWhatTheCallerGaveAndTheRestByDefault) {
   for (const Row& row : table("request_heads", 7)) {
-    RequestFields fields{.headers = headers_of(row[3]), .method = row[0]};
+    RequestFields fields{.headers = Headers(test::headers(row[3], '\n')), .method = row[0]};
     if (row[2] != "-") fields.data = row[2];
     const Request request(row[1], fields);
     const Hop hop = first_hop(request);

@@ -4,9 +4,6 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
-#include <string>
-#include <string_view>
-
 #include "engines/http/transport.h"
 
 namespace engines::http::net {

@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <sstream>
-#include <string>
 
 #include "tests/support/outcome.h"
 #include "tests/support/table.h"
@@ -22,8 +20,7 @@ std::string chosen(const std::string& url, const std::string& variables,
                            "HTTPS_PROXY", "ALL_PROXY", "NO_PROXY"}) {
     unsetenv(name);
   }
-  std::istringstream lines(variables);
-  for (std::string name, value; std::getline(lines, name, '=') && std::getline(lines, value);) {
+  for (const auto& [name, value] : test::headers(variables, '\n')) {
     setenv(name.c_str(), value.c_str(), 1);
   }
   return test::outcome([&] {

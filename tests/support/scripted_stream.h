@@ -3,24 +3,18 @@
 #pragma once
 
 #include <algorithm>
-#include <cstddef>
-#include <string>
-#include <string_view>
 #include <thread>
-#include <utility>
 
 #include "engines/http/net/stream.h"
 
 namespace engines::http::test {
 
-/// How the peer goes on after its bytes.
-enum class Then { ends, cuts, resets, stalls };
-
-/// A peer whose bytes come in pieces of a given size, each after a wait.
+/// A peer whose bytes come in pieces of a given size, each after a wait; then it "ends", "cuts",
+/// "resets" or "stalls".
 class ScriptedStream final : public net::Stream {
  public:
-  ScriptedStream(std::string bytes, Then then, std::size_t piece)
-      : bytes_(std::move(bytes)), then_(then), piece_(piece) {}
+  ScriptedStream(std::string bytes, std::string then, std::size_t piece)
+      : bytes_(std::move(bytes)), then_(std::move(then)), piece_(piece) {}
 
   net::IoResult send(std::string_view bytes) override {
     if (sent.size() >= takes) return {net::Io::blocked};
@@ -33,16 +27,16 @@ class ScriptedStream final : public net::Stream {
       received_ += size;
       return {net::Io::moved, size};
     }
-    if (arrived_ < bytes_.size() || then_ == Then::stalls) return {net::Io::blocked};
-    if (then_ == Then::cuts) return {net::Io::cut};
-    return {then_ == Then::resets ? net::Io::broken : net::Io::ended};
+    if (arrived_ < bytes_.size() || then_ == "stalls") return {net::Io::blocked};
+    if (then_ == "cuts") return {net::Io::cut};
+    return {then_ == "resets" ? net::Io::broken : net::Io::ended};
   }
   void wait(bool, net::Duration at_most) override {
     if (arrived_ == bytes_.size()) std::this_thread::sleep_for(at_most);
     arrived_ += std::min(bytes_.size() - arrived_, piece_);
   }
   std::string reason() const override {
-    return then_ == Then::resets ? " (Connection reset by peer): quote" : ": quote";
+    return then_ == "resets" ? " (Connection reset by peer): quote" : ": quote";
   }
 
   std::string sent;
@@ -50,7 +44,7 @@ class ScriptedStream final : public net::Stream {
 
  private:
   std::string bytes_;
-  Then then_;
+  std::string then_;
   std::size_t piece_;
   std::size_t arrived_ = 0;
   std::size_t received_ = 0;

@@ -59,18 +59,19 @@ inline std::vector<Row> table(const std::string& name, std::size_t columns) {
   return rows;
 }
 
-/// What is between the commas of a column.
-inline Row parts(const std::string& column) {
+/// What is between the commas of a column, or between what else parts it.
+inline Row parts(const std::string& column, char separator = ',') {
   std::istringstream stream(column);
   Row all;
-  for (std::string part; std::getline(stream, part, ',');) all.push_back(part);
+  for (std::string part; std::getline(stream, part, separator);) all.push_back(part);
   return all;
 }
 
-/// Headers, each "name:value", from between the commas of a column.
-inline std::vector<std::pair<std::string, std::string>> headers(const std::string& column) {
+/// Headers, each "name:value", from such parts of a column.
+inline std::vector<std::pair<std::string, std::string>> headers(const std::string& column,
+                                                                char separator = ',') {
   std::vector<std::pair<std::string, std::string>> all;
-  for (const std::string& part : parts(column)) {
+  for (const std::string& part : parts(column, separator)) {
     const std::size_t colon = part.find(':');
     all.emplace_back(part.substr(0, colon), part.substr(colon + 1));
   }
