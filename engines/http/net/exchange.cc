@@ -187,7 +187,7 @@ void Exchange::run(std::string head, std::string_view body, bool is_head_request
     head.append(body);
     body = {};
   }
-  if (!send(head) || !send(body)) return;
+  if (!send(head) || (!body.empty() && !send(body))) return;
   is_sent_ = true;
   limits_.begin(Phase::awaiting_head);
   while (!receive_head()) stream_.wait(false, limits_.check());
@@ -197,20 +197,20 @@ void Exchange::run(std::string head, std::string_view body, bool is_head_request
 /// Returns false where the final head has come before all bytes were sent.
 bool Exchange::send(std::string_view bytes) {
   limits_.begin(Phase::sending);
-  while (!bytes.empty()) {
-    const Duration longest = limits_.check();
+  for (;;) {
     const IoResult result = stream_.send(bytes);
+    bytes.remove_prefix(result.bytes);
+    if (bytes.empty()) return true;
     if (result.state == Io::moved) {
-      bytes.remove_prefix(result.bytes);
       limits_.begin(Phase::sending);
+      limits_.check();
       continue;
     }
     // The peer may have answered before it closed.
     if (receive_head()) return false;
     if (result.state == Io::broken) fail_without_head(result.state);
-    stream_.wait(true, longest);
+    stream_.wait(true, limits_.check());
   }
-  return true;
 }
 
 void Exchange::start_head() {
