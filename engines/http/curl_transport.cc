@@ -32,7 +32,7 @@ class Reply final : public Response {
     net::Route route = route_of(hop, options);
     limits_->origin = hop.url.origin.address();
     limits_->begin(net::Phase::connecting);
-    limits_->check();
+    limits_->check();  // also where no connection has to be made
     connection_ = pool_->take(route);
     if (!connection_) {
       connection_ = std::make_unique<net::Connection>(std::move(route), options, *limits_);

@@ -162,7 +162,7 @@ Connection::Connection(Route route)
       multi_(new_multi()),
       easy_(curl_easy_init()) {}
 
-// What this throws leaves the handles to the destructor, because another constructor has ended.
+// The delegated constructor has completed: if this one throws, the destructor frees the handles.
 Connection::Connection(Route route, const PoolOptions& options, const Limits& limits)
     : Connection(std::move(route)) {
   if (!multi_ || !easy_) throw std::bad_alloc();
@@ -259,7 +259,7 @@ void Connection::on_tls_message(int, int, int, const void*, std::size_t, SSL* se
                                 void* self) noexcept {
   auto& connection = *static_cast<Connection*>(self);
   const bool is_connecting = connection.limits_ != nullptr;
-  if (is_connecting && connection.must_end()) SSL_set0_rbio(session, BIO_new(BIO_s_null()));
+  if (is_connecting && connection.must_end("")) SSL_set0_rbio(session, BIO_new(BIO_s_null()));
 }
 
 /// libcurl does not check the time between the lines of a proxy's reply.

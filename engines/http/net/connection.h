@@ -54,7 +54,7 @@ class Connection final : public Stream {
   void set_up_proxy();
   void set_up_tls(const PoolOptions& options);
   void connect(const Limits& limits);
-  bool must_end(std::string_view proxy_line = {}) noexcept;
+  bool must_end(std::string_view proxy_line) noexcept;
   [[noreturn]] void fail() const;
   bool is_cut() const;
   int os_error() const;

@@ -20,9 +20,9 @@ namespace beast = boost::beast;
 
 /// Bytes received at once while a head is awaited; most small replies fit.
 constexpr std::size_t HEAD_RECEIVE_BYTES = 16384;
-/// Bytes received at once of a body, and the longest line of a chunk or trailers.
+/// Bytes received at once of a body, and the longest line of what frames chunks.
 constexpr std::size_t RECEIVE_BYTES = 65536;
-/// The most of a body that `finish` drops, and in how many receives.
+/// After so many bytes, or so many receives, `finish` receives no more.
 constexpr std::size_t DRAINED_BYTES = 65536;
 constexpr int DRAINING_RECEIVES = 4;
 /// Bodies up to this size are sent together with the head.
@@ -39,6 +39,11 @@ std::string basic_authorization(const Credentials& credentials) {
   return "Basic " + detail::base64(credentials.user + ":" + credentials.password);
 }
 
+/// How many of the bytes are a line; 0: it is not whole. No end of a line comes before `from`.
+std::size_t length_of_line(std::string_view bytes, std::size_t from) {
+  return bytes.find('\n', from) + 1;  // npos + 1 is 0
+}
+
 /// How many of the bytes are header fields with the empty line after them; 0: they are not whole.
 /// No end of fields begins before `from`.
 std::size_t length_of_fields(std::string_view bytes, std::size_t from) {
@@ -47,18 +52,16 @@ std::size_t length_of_fields(std::string_view bytes, std::size_t from) {
   return end == std::string_view::npos ? 0 : end + 4;
 }
 
-/// The size in the line that begins a chunk (RFC 9112, section 7.1), after the end of the chunk
-/// `before`. Extensions are ignored.
-std::uint64_t chunk_size(std::string_view line, std::string_view before) {
+[[noreturn]] void fail_in_chunks() { throw HTTPException("the reply's chunks are malformed"); }
+
+/// The size in the line that begins a chunk (RFC 9112, section 7.1). Extensions are ignored.
+std::uint64_t chunk_size(std::string_view line) {
   std::uint64_t size = 0;
-  const char* const digits = line.data() + before.size();
-  const auto [end, error] = std::from_chars(digits, line.data() + line.size(), size, 16);
-  // After the size comes an extension, or the end of the line.
-  const bool ends_well =
-      line.ends_with("\r\n") && std::string_view("\r; \t").find(*end) != std::string_view::npos;
-  if (!line.starts_with(before) || error != std::errc() || !ends_well) {
-    throw HTTPException("the reply's chunks are malformed");
-  }
+  const char* const end = line.data() + line.size();
+  const auto [digits_end, error] = std::from_chars(line.data(), end, size, 16);
+  const std::size_t next = line.find_first_not_of(" \t", digits_end - line.data());
+  const bool ends_well = next == std::string_view::npos || line[next] == ';';
+  if (error != std::errc() || !ends_well) fail_in_chunks();
   return size;
 }
 
@@ -187,6 +190,7 @@ void Exchange::run(std::string head, std::string_view body, bool is_head_request
     head.append(body);
     body = {};
   }
+  // Sending has no budget that would end here.
   if (!send(head) || (!body.empty() && !send(body))) return;
   is_sent_ = true;
   limits_.begin(Phase::awaiting_head);
@@ -250,7 +254,9 @@ bool Exchange::parse_head() {
 /// the status line, then all fields. Empty while it is not whole.
 std::string_view Exchange::next_part_of_head() {
   const std::string_view bytes = input();
-  const std::size_t size = status_ == 0 ? bytes.find('\n') + 1 : length_of_fields(bytes, searched_);
+  const std::size_t size =
+      status_ == 0 ? length_of_line(bytes, searched_) : length_of_fields(bytes, searched_);
+  // The end of the fields may have begun in the last three bytes.
   searched_ = size > 0 ? 0 : std::max<std::size_t>(bytes.size(), 3) - 3;
   const std::size_t most = std::min(options_.max_header_bytes, MAX_HEADER_BYTES);
   if (head_bytes_ + (size == 0 ? bytes.size() : size) > most) {
@@ -269,8 +275,8 @@ void Exchange::count_header_lines(std::size_t lines) {
 void Exchange::take_final_head() {
   headers_ = Headers(std::move(parser_->fields));
   is_reusable_ = is_sent_ && parser_->keep_alive();
-  has_ended_ = parser_->is_done();
-  if (has_ended_ || parser_->chunked()) return;
+  if (parser_->is_done()) return;
+  next_ = parser_->chunked() ? Next::chunk : Next::data;
   bytes_left_ = parser_->content_length().value_or(std::numeric_limits<std::uint64_t>::max());
 }
 
@@ -298,32 +304,33 @@ void Exchange::decode_content() {
   if (coding == "gzip" || coding == "x-gzip") {  // RFC 9110, section 8.4.1.3
     gzip_.emplace();
   } else if (coding != "identity") {
-    unknown_coding_ = std::move(coding);
+    unknown_coding_ = std::move(coding);  // empty where there is none
   }
 }
 
 std::size_t Exchange::read(std::string& out, std::size_t amt, bool fill) {
   if (failure_) std::rethrow_exception(failure_);
   const std::size_t begin = out.size();
+  const auto count = [&] { return out.size() - begin; };
   limits_.begin(Phase::reading_body);
   try {
-    limits_.check();
-    while (out.size() - begin < amt) {
-      const std::size_t had = out.size();
-      const std::size_t used = decode(arrived(), out, amt - (had - begin));
-      consume(used);
-      if (used > 0 || out.size() > had) continue;
-      if (has_ended_ || (!fill && had > begin)) break;
+    while (count() < amt) {
       const Duration longest = limits_.check();
+      const std::size_t had = count();
+      const std::size_t used = decode(arrived(), out, amt - had);
+      consume(used);
+      if (used > 0 || count() > had) continue;
+      // No more without receiving.
+      if (next_ == Next::nothing || (!fill && had > 0)) break;
       if (!receive_body()) stream_.wait(false, longest);
     }
   } catch (const TimeoutError&) {  // after some bytes it is forgotten: the next read waits anew
-    if (out.size() == begin) failure_ = std::current_exception();
+    if (count() == 0) failure_ = std::current_exception();
   } catch (...) {
     failure_ = std::current_exception();
   }
-  if (failure_ && out.size() == begin) std::rethrow_exception(failure_);
-  return out.size() - begin;
+  if (failure_ && count() == 0) std::rethrow_exception(failure_);
+  return count();
 }
 
 /// Appends the first of these bytes of the body, decoded, and returns how many it has used.
@@ -339,7 +346,7 @@ std::size_t Exchange::decode(std::string_view bytes, std::string& out, std::size
   }
   const std::size_t size = out.size();
   const std::size_t used = gzip_->decode(bytes, out, amt);
-  if (has_ended_ && out.size() == size && !gzip_->is_complete()) {
+  if (next_ == Next::nothing && out.size() == size && !gzip_->is_complete()) {
     throw IncompleteRead("the reply was cut short: its gzip coding has no end");
   }
   return used;
@@ -347,45 +354,52 @@ std::size_t Exchange::decode(std::string_view bytes, std::string& out, std::size
 
 /// What has arrived of the body, up to the end of a chunk.
 std::string_view Exchange::arrived() {
-  while (!has_ended_ && bytes_left_ == 0 && take_chunk_start()) continue;
-  return input().substr(0, bytes_left_);
+  while (next_ != Next::data && next_ != Next::nothing && take_framing()) continue;
+  return next_ == Next::data ? input().substr(0, bytes_left_) : "";
 }
 
-/// Takes the line that begins a chunk, and with the last chunk the trailers, which are ignored.
-/// Returns false where these have not arrived completely.
-bool Exchange::take_chunk_start() {
-  const std::string_view bytes = input();
-  const std::string_view before = has_chunk_ ? "\r\n" : "";
-  const std::size_t line = bytes.find('\n', before.size()) + 1;
-  if (line == 0) return false;
-  bytes_left_ = chunk_size(bytes.substr(0, line), before);
-  if (bytes_left_ > 0) {
-    has_chunk_ = true;
-    input_.consume(line);
-    return true;
+/// Takes the next line of what frames chunks. Returns false where it has not arrived completely.
+bool Exchange::take_framing() {
+  const std::size_t size = length_of_line(input(), searched_);
+  searched_ = size > 0 ? 0 : input().size();
+  if (size == 0) return false;
+  const std::string_view line = input().substr(0, size - 1);
+  const std::string_view content = line.substr(0, line.size() - line.ends_with('\r'));
+  if (content.size() == line.size() || std::ranges::any_of(content, is_forbidden_in_value)) {
+    fail_in_chunks();
   }
-  const std::string_view trailers = bytes.substr(line, length_of_fields(bytes.substr(line), 0));
-  if (trailers.empty()) return false;
-  const auto lines = static_cast<std::size_t>(std::ranges::count(trailers, '\n'));
-  count_header_lines(lines - 1);  // the last one is empty
-  input_.consume(line + trailers.size());
-  has_ended_ = true;
+  if (next_ == Next::chunk) {
+    bytes_left_ = chunk_size(content);
+    next_ = bytes_left_ > 0 ? Next::data : Next::trailer;
+  } else if (content.empty()) {
+    next_ = next_ == Next::chunk_end ? Next::chunk : Next::nothing;
+  } else {  // a trailer, which is ignored
+    const std::size_t colon = std::min(content.find(':'), content.size());
+    if (next_ == Next::chunk_end || colon == content.size() ||
+        !is_token(content.substr(0, colon))) {
+      fail_in_chunks();
+    }
+    count_header_lines(1);
+  }
+  input_.consume(size);
   return true;
 }
 
-/// Takes bytes that have arrived.
+/// Takes bytes of the body that have arrived. The last ones end a chunk, or the body.
 void Exchange::consume(std::size_t size) {
   input_.consume(size);
   bytes_left_ -= size;
-  if (bytes_left_ == 0 && !parser_->chunked()) has_ended_ = true;
+  if (next_ != Next::data || bytes_left_ > 0) return;
+  next_ = parser_->chunked() ? Next::chunk_end : Next::nothing;
 }
 
 /// Returns false where nothing has come, neither bytes nor the end of the body.
 bool Exchange::receive_body() {
-  std::size_t most = std::min<std::uint64_t>(bytes_left_, RECEIVE_BYTES);
-  if (parser_->chunked()) most = RECEIVE_BYTES - input().size();
+  // Of a body of known length no more than its rest; with chunks what frames them comes, too.
+  const std::size_t most = parser_->chunked() ? RECEIVE_BYTES - input().size()
+                                              : std::min<std::uint64_t>(bytes_left_, RECEIVE_BYTES);
   if (most == 0) {
-    throw HTTPException("a chunk size or the trailers of the reply are longer than " +
+    throw HTTPException("a chunk size or a trailer of the reply is longer than " +
                         std::to_string(RECEIVE_BYTES) + " bytes");
   }
   const Io state = receive(most);
@@ -394,7 +408,7 @@ bool Exchange::receive_body() {
   if (!parser_->need_eof() || state == Io::cut) {
     throw IncompleteRead("the reply was cut short" + stream_.reason());
   }
-  has_ended_ = true;
+  next_ = Next::nothing;
   return true;
 }
 
@@ -407,12 +421,12 @@ bool Exchange::finish() {
         consume(size);
         dropped += size;
       }
-      if (has_ended_ || !receive_body()) break;
+      if (next_ == Next::nothing || !receive_body()) break;
     }
   } catch (...) {
     return false;
   }
-  return has_ended_ && input().empty();
+  return next_ == Next::nothing && input().empty();
 }
 
 }  // namespace engines::http::net

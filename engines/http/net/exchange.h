@@ -58,6 +58,15 @@ class Exchange {
  private:
   class Parser;
 
+  /// What comes next of a body.
+  enum class Next {
+    data,       ///< `bytes_left_` bytes
+    chunk,      ///< the line that begins a chunk
+    chunk_end,  ///< the empty line after its data
+    trailer,    ///< a line of the trailers, which an empty one ends
+    nothing,    ///< it has ended
+  };
+
   Io receive(std::size_t at_most);
   std::string_view input() const;
 
@@ -72,7 +81,7 @@ class Exchange {
 
   bool receive_body();
   std::string_view arrived();
-  bool take_chunk_start();
+  bool take_framing();
   void consume(std::size_t size);
   std::size_t decode(std::string_view bytes, std::string& out, std::size_t amt);
 
@@ -84,16 +93,16 @@ class Exchange {
   bool is_head_request_ = false;
   bool is_sent_ = false;            // the whole request
   std::unique_ptr<Parser> parser_;  // of the current head; it also has the framing of the body
-  StatusCode status_ = 0;           // of the current head; 0: its status line has not come
+  StatusCode status_ = 0;           // of the current head, in the end the final one; 0: none yet
   Headers headers_;                 // of the final head
   std::size_t head_bytes_ = 0;      // of the heads so far, interim ones included
-  std::size_t searched_ = 0;      // bytes of the input in which no end of the header fields begins
+  std::size_t searched_ =
+      0;  // bytes of the input in which no end of a head's or chunk's lines begins
   std::size_t header_lines_ = 0;  // of the heads and the trailers
   bool is_reusable_ = false;      // as far as is known from the head
 
-  bool has_ended_ = false;        // the body
-  std::uint64_t bytes_left_ = 0;  // of the body or, with chunks, of the current one
-  bool has_chunk_ = false;        // whether a chunk has begun
+  Next next_ = Next::nothing;
+  std::uint64_t bytes_left_ = 0;  // of the body or the chunk; the largest value: until it ends
   std::optional<GzipDecoder> gzip_;
   std::string unknown_coding_;  // of the content
   std::exception_ptr failure_;  // of a read

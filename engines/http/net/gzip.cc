@@ -21,10 +21,11 @@ GzipDecoder::GzipDecoder() {
 
 std::size_t GzipDecoder::decode(std::string_view coded, std::string& out, std::size_t amt) {
   coded = coded.substr(0, STEP_BYTES);
-  if (coded.empty() && !is_in_member_) return 0;
-  is_in_member_ = true;
+  if (coded.empty() && !is_in_member_) return 0;  // nothing can have been held back
+  is_in_member_ = true;                           // its first byte begins a member
   const std::size_t begin = out.size();
-  out.resize(begin + std::min(amt, STEP_BYTES));
+  // Little room for few bytes, because the room is zeroed first. What does not fit is held back.
+  out.resize(begin + std::min({amt, STEP_BYTES, 1024 + 8 * coded.size()}));
   stream_.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(coded.data()));
   stream_.avail_in = static_cast<uInt>(coded.size());
   stream_.next_out = reinterpret_cast<Bytef*>(out.data() + begin);

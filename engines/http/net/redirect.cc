@@ -17,12 +17,6 @@ constexpr std::string_view HARMLESS[] = {"accept", "accept-language", "content-t
 constexpr std::string_view CONTENT[] = {"content-type", "content-length", "content-encoding",
                                         "content-language", "content-location"};
 
-bool is_token(std::string_view text) {  // RFC 9110, section 5.6.2
-  constexpr std::string_view CHARACTERS =
-      "!#$%&'*+-.^_`|~0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
-  return !text.empty() && text.find_first_not_of(CHARACTERS) == std::string_view::npos;
-}
-
 [[noreturn]] void refuse(const std::string& why) { throw std::invalid_argument(why); }
 
 /// The headers whose names are, or are not, among these.
@@ -65,6 +59,12 @@ void check_header(const std::string& name, const std::string& value, const Hop& 
 }
 
 }  // namespace
+
+bool is_token(std::string_view text) noexcept {
+  constexpr std::string_view CHARACTERS =
+      "!#$%&'*+-.^_`|~0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+  return !text.empty() && text.find_first_not_of(CHARACTERS) == std::string_view::npos;
+}
 
 bool is_forbidden_in_value(char c) noexcept {
   return (static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == '\x7f';

@@ -22,6 +22,9 @@ struct Hop {
   std::optional<std::string_view> body;
 };
 
+/// Whether the text is a token, as methods and names of headers are (RFC 9110, section 5.6.2).
+bool is_token(std::string_view text) noexcept;
+
 /// Whether the character may not appear in a header's value (RFC 9110, section 5.5).
 bool is_forbidden_in_value(char c) noexcept;
 
