@@ -59,8 +59,9 @@ std::uint64_t chunk_size(std::string_view line) {
   std::uint64_t size = 0;
   const char* const end = line.data() + line.size();
   const auto [digits_end, error] = std::from_chars(line.data(), end, size, 16);
-  const std::size_t next = line.find_first_not_of(" \t", digits_end - line.data());
-  const bool ends_well = next == std::string_view::npos || line[next] == ';';
+  const std::string_view rest(digits_end, end);
+  const std::size_t next = rest.find_first_not_of(" \t");
+  const bool ends_well = next == std::string_view::npos || rest[next] == ';';
   if (error != std::errc() || !ends_well) fail_in_chunks();
   return size;
 }

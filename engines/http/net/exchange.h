@@ -96,10 +96,9 @@ class Exchange {
   StatusCode status_ = 0;           // of the current head, in the end the final one; 0: none yet
   Headers headers_;                 // of the final head
   std::size_t head_bytes_ = 0;      // of the heads so far, interim ones included
-  std::size_t searched_ =
-      0;  // bytes of the input in which no end of a head's or chunk's lines begins
-  std::size_t header_lines_ = 0;  // of the heads and the trailers
-  bool is_reusable_ = false;      // as far as is known from the head
+  std::size_t searched_ = 0;        // bytes of the input in which the end of a part does not begin
+  std::size_t header_lines_ = 0;    // of the heads and the trailers
+  bool is_reusable_ = false;        // as far as is known from the head
 
   Next next_ = Next::nothing;
   std::uint64_t bytes_left_ = 0;  // of the body or the chunk; the largest value: until it ends
