@@ -199,5 +199,17 @@ TEST(Requests, SendEachAttemptAndReturnTheReply) {
                Exhausted);  // by the transport that is there by default: nothing listens
 }
 
+TEST(Requests, AskOnePolicyThroughoutACall) {
+  ScriptedTransport transport;
+  transport.reply("1");
+  const CallOptions options{
+      .policy = {.deadline = 100, .clock = [reads = 0.0]() mutable { return ++reads; }},
+      .label = "call",
+      .transport = transport};
+  EXPECT_EQ(get_json("http://h", options), 1);
+  // For the attempt, before two reads, and after them.
+  EXPECT_EQ(options.policy.clock(), 1 + 2 + 1 + 1);
+}
+
 }  // namespace
 }  // namespace engines::http

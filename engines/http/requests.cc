@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "engines/http/requests.h"
 
+#include <optional>
+
 #include "engines/http/reply.h"
 #include "engines/http/retry.h"
 
@@ -25,18 +27,15 @@ Json _request_json(std::string_view method, std::string_view url, const Body& bo
                    const Secrets& secrets, const Transport& transport, const Inspect& inspect) {
   // For the log and the last message; `send` collects its own.
   const Secrets hidden = detail::secrets_of_call(secrets, headers, url);
-  SendOptions<Json> options{.policy = policy,
-                            .timeout = policy.timeout_s,  // each attempt has its own
-                            .read = read_json,
-                            .method = std::string(method),
-                            .body = body,
-                            .headers = headers,
-                            .secrets = secrets,
-                            .transport = transport,
-                            .inspect = inspect};
+  const std::string verb(method);
+  // One policy for the whole call: a copy would have its own state where its functions have some.
   const auto attempt = [&](double timeout) {
-    options.timeout = timeout;
-    return send(url, options);
+    std::optional<Json> value;
+    detail::send(url, {policy, timeout, verb, body, headers, secrets, transport, inspect},
+                 [&](Response& reply, const Secrets& of_attempt) {
+                   value = read_json(reply, policy, of_attempt);
+                 });
+    return *std::move(value);
   };
   return retry(policy, attempt, {.label = std::string(label), .secrets = hidden});
 }

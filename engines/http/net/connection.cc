@@ -323,7 +323,7 @@ void Connection::fail() const {
                                        ? "the proxy's name did not resolve"
                                        : "the host name did not resolve")));
     case CURLE_OPERATION_TIMEDOUT:
-      limits_->time_out();
+      limits_->time_out();  // of connecting, which is the wait that is going on
     case CURLE_PEER_FAILED_VERIFICATION:
       throw URLError(OSError(text("the peer's certificate is not trusted")));
     case CURLE_SSL_CACERT_BADFILE:
