@@ -318,9 +318,11 @@ std::size_t Exchange::read(std::string& out, std::size_t amt, bool fill) {
     while (count() < amt) {
       const Duration longest = limits_.check();
       const std::size_t had = count();
-      const std::size_t used = decode(arrived(), out, amt - had);
+      // What the decoder holds back comes before an error in what follows it.
+      const bool is_full = gzip_ && gzip_->is_full();
+      const std::size_t used = decode(is_full ? "" : arrived(), out, amt - had);
       consume(used);
-      if (used > 0 || count() > had) continue;
+      if (used > 0 || count() > had || is_full) continue;
       // No more without receiving.
       if (next_ == Next::nothing || (!fill && had > 0)) break;
       if (!receive_body()) stream_.wait(false, longest);

@@ -23,6 +23,9 @@ class GzipDecoder {
   /// malformed.
   std::size_t decode(std::string_view coded, std::string& out, std::size_t amt);
 
+  /// Whether the last step used all its room: then decoded bytes may have been held back.
+  bool is_full() const noexcept { return is_in_member_ && stream_.avail_out == 0; }
+
   /// Whether all that was decoded is complete.
   bool is_complete() const noexcept { return !is_in_member_; }
 
