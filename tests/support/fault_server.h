@@ -60,9 +60,9 @@ class Peer {
   }
   /// False once the client has gone.
   bool send(std::string_view bytes) {
-    std::size_t sent = 0;
-    if (!bytes.empty()) BIO_write_ex(io_, bytes.data(), bytes.size(), &sent);
-    return sent == bytes.size();
+    std::size_t sent = 0;  // of no meaning where the write fails
+    return bytes.empty() ||
+           (BIO_write_ex(io_, bytes.data(), bytes.size(), &sent) == 1 && sent == bytes.size());
   }
   /// Does nothing for so long, or until the client has gone.
   void stall(int ms = -1) {
