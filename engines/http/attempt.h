@@ -30,8 +30,7 @@
 namespace engines::http {
 
 /// Called with each open reply, error replies included, before its body is read; may use `status()`
-/// and `headers()`. What it throws passes through `send` unchanged; `retry` repeats
-/// a `Retryable`.
+/// and `headers()`. What it throws passes through `send` unchanged; `retry` repeats a `Retryable`.
 using Inspect = std::function<void(const Response& reply)>;
 
 namespace detail {

@@ -43,10 +43,10 @@ class Pool;
 /// until the last copy and the last reply are gone. Any number of threads may call it at once, and
 /// a child of a fork may go on using it, with connections of its own.
 ///
-/// Bounds and failures are those of `urlopen_transport`. A connection serves another call
-/// once its reply is closed and the whole body has arrived; one that the peer closed meanwhile is
-/// replaced, and one that breaks during a request ends the attempt: whether to send the request
-/// again is for the caller's policy.
+/// Bounds and failures are those of `urlopen_transport`. A connection serves another call once its
+/// reply is closed and the whole body has arrived; one that the peer closed meanwhile is replaced,
+/// and one that breaks during a request ends the attempt: whether to send the request again is for
+/// the caller's policy.
 class ENGINES_HTTP_EXPORT PooledTransport {
  public:
   /// Throws `ValueError`, which names the option, for certificates, a key or a proxy that cannot be

@@ -62,8 +62,7 @@ std::shared_ptr<const Held<Base>> hold(const E& error) {
   }
   throw std::logic_error(
       "an error passed as a reference to its base class can be kept only while it is being "
-      "handled; "
-      "pass it by its own type, or override HttpFailure::copy in it");
+      "handled; pass it by its own type, or override HttpFailure::copy in it");
 }
 
 }  // namespace engines::http::detail

@@ -186,8 +186,8 @@ class ENGINES_HTTP_EXPORT Bound {
 struct ENGINES_HTTP_EXPORT Keep {};
 inline constexpr Keep keep;
 
-/// A field of `PolicyChanges`: a new value, or `keep`. It has no default constructor: for
-/// a status set `{}` is the empty set, for any other field it does not compile.
+/// A field of `PolicyChanges`: a new value, or `keep`. It has no default constructor: for a status
+/// set `{}` is the empty set, for any other field it does not compile.
 template <class T>
 class ENGINES_HTTP_EXPORT Change {
  public:

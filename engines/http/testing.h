@@ -83,8 +83,7 @@ struct ENGINES_HTTP_EXPORT ReplyScript {
 
 /// A reply that plays its pieces in order, then ends. At an empty piece one read reports the end
 /// of the body, unless it has bytes already and stops there; a later read goes on with the next
-/// piece. It records its reads and closes. For use
-/// by one thread at a time.
+/// piece. It records its reads and closes. For use by one thread at a time.
 class ENGINES_HTTP_EXPORT ScriptedReply final : public Response {
  public:
   /// Plays these pieces.

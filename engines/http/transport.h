@@ -158,8 +158,8 @@ class ENGINES_HTTP_EXPORT Fetched {
 
 }  // namespace detail
 
-/// A reply as a transport returns it: open, its body unread. Its holder reads it on one
-/// thread and closes it once. A transport derives from it and overrides the `do_` functions.
+/// A reply as a transport returns it: open, its body unread. Its holder reads it on one thread and
+/// closes it once. A transport derives from it and overrides the `do_` functions.
 class ENGINES_HTTP_EXPORT Response {
  public:
   virtual ~Response();

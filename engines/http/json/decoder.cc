@@ -157,8 +157,8 @@ bool Decoder::read_array() {
   const auto read = std::span(values_).subspan(first);
   array.get_ref<Json::array_t&>().assign(std::move_iterator(read.begin()),
                                          std::move_iterator(read.end()));
-  values_.resize(
-      first);  // so that `push` finds room: if it failed, a full array would be destroyed
+  // So that `push` finds room: if it failed, an array that is not empty would be destroyed.
+  values_.resize(first);
   return push(std::move(array));
 }
 
@@ -226,8 +226,8 @@ bool Decoder::read_number() {
   if (next_is('e') || next_is('E') || error != std::errc()) return read_double(start);
   if (!negative) return push(magnitude);
   constexpr std::uint64_t LARGEST_NEGATIVE = std::uint64_t{1} << 63;
-  if (magnitude == 0 || magnitude > LARGEST_NEGATIVE)
-    return read_double(start);  // as a double, -0 keeps its sign
+  // As a double, -0 keeps its sign.
+  if (magnitude == 0 || magnitude > LARGEST_NEGATIVE) return read_double(start);
   return push(static_cast<std::int64_t>(-magnitude));
 }
 

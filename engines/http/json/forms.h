@@ -54,8 +54,7 @@ concept Nullable = is_a<T, std::optional> || is_a<T, std::unique_ptr> || is_a<T,
 //     which converts to the type; a template that deduces the type cannot. Of nlohmann's, those
 //     that name a type can be called with a `Stranger`, too, whose namespaces are others.
 //  2. Is there a template that names the type's own template? It fits better than a rival that
-//  takes
-//     any type; nlohmann's, which take any type, too, are ambiguous with it.
+//     takes any type; nlohmann's, which take any type, too, are ambiguous with it.
 
 /// Converts to a `T`, and has the same associated namespaces.
 template <class T>

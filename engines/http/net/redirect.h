@@ -39,10 +39,10 @@ bool is_forbidden_in_value(char c) noexcept;
 /// The request must outlive the hop, which borrows its body.
 Hop first_hop(const Request& request);
 
-/// What follows a reply with this status and `Location`; none where the reply is final
-/// (RFC 9110, section 15.4). 307 and 308 repeat the request. 303 turns any method but GET and
-/// HEAD into a GET without a body; 301 and 302 do so with a POST. Another origin gets no
-/// credentials and only harmless headers. Userinfo in the `Location` is ignored.
+/// What follows a reply with this status and `Location`; none where the reply is final (RFC 9110,
+/// section 15.4). 307 and 308 repeat the request. 303 turns any method but GET and HEAD into a GET
+/// without a body; 301 and 302 do so with a POST. Another origin gets no credentials and only
+/// harmless headers. Userinfo in the `Location` is ignored.
 std::optional<Hop> next_hop(const Hop& hop, StatusCode status,
                             const std::optional<std::string>& location);
 

@@ -6,6 +6,7 @@
 #include <string_view>
 
 namespace engines::http::detail {
+
 std::string type_name(const std::type_info& type) {
   const std::string readable = boost::core::demangle(type.name());
   const std::string_view name = readable;
