@@ -98,9 +98,11 @@ TEST(ContentType, LowersTheWholeValueAndTrimsNothing) {
   EXPECT_EQ(content_type(http_error(500, "", shown)), " \u00e4i\u0307 a\xff; b=c");
   const Headers plain{{"Content-type", "Text/Plain"}};
   const Function get{[](auto& name) { return name == "Content-Type" ? "text/PLAIN" : ""; }};
-  expect_of_each(content_type, "text/plain", carrier_by_base, ScriptedReply({}, {.headers = plain}),
-                 WithHeaders<Headers>{plain}, WithHeaders<const Headers*>{&plain},
-                 WithHeaders<Function>{get});
+  const HTTPError error = http_error(500, "", plain);
+  const std::exception& by_base = error;
+  expect_of_each(content_type, "text/plain", by_base, carrier_by_base,
+                 ScriptedReply({}, {.headers = plain}), WithHeaders<Headers>{plain},
+                 WithHeaders<const Headers*>{&plain}, WithHeaders<Function>{get});
   expect_of_each(content_type, "", http_error(500), ScriptedReply({}, {.has_headers = false}), 7,
                  WithHeaders<Function>{}, WithHeaders<Headers>{}, WithHeaders<const Headers*>{},
                  WithHeaders<std::map<std::string, std::string>>{});
