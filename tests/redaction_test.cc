@@ -52,6 +52,7 @@ TEST(Redact, RemovesSecretsTheirCutStartsAndEchoedCredentials) {
         row[2].empty() ? row[1] : row[2]);
   }
   EXPECT_EQ(excerpt(std::string(1000, 'a')), std::string(300, 'a'));
+  EXPECT_EQ(_without_cut_secret("no secret", ""), "no secret");
   EXPECT_EQ(_without_cut_secret("k=0123456789", "0123456789"), "k=0123456789");
   EXPECT_EQ(_without_cut_secret("k=012345678", "0123456789"), "k=[redacted]");
 }

@@ -169,16 +169,12 @@ Secrets detail::secrets_of_call(const Secrets& given, const Headers& headers,
 }
 
 std::string _without_cut_secret(std::string text, std::string_view secret) {
-  // Compared as bytes: the text may be cut inside a character.
-  const std::size_t chars = detail::char_count(secret);
-  if (chars <= detail::MIN_SECRET_CHARS) return text;
   const std::size_t shortest = detail::first_chars(secret, detail::MIN_SECRET_CHARS).size();
-  const std::size_t longest = std::min(secret.size() - 1, text.size());
-  for (std::size_t size = longest; size >= shortest; --size) {
-    if (text.ends_with(secret.substr(0, size))) {
-      text.replace(text.size() - size, size, REDACTED);
-      break;
-    }
+  // Compared as bytes: the text may be cut inside a character.
+  for (std::size_t size = std::min(secret.size(), text.size() + 1); size-- > shortest;) {
+    if (!text.ends_with(secret.substr(0, size))) continue;
+    text.replace(text.size() - size, size, REDACTED);
+    break;
   }
   return text;
 }
