@@ -88,7 +88,7 @@ int tour() {
   title("A stop from another thread, 0.3 s into a backoff of 5 s: POST /down");
   std::atomic<bool> stop = false;
   std::thread stopper([&stop] {
-    wait_unless_stopped(0.3, _never);
+    wait_unless_stopped(0.3, nullptr);
     stop = true;
   });
   ended.push_back(show(

@@ -14,6 +14,9 @@ using testing::ManualTime;
 using testing::Piece;
 using testing::reply_of;
 
+static_assert(!std::copyable<Lines> && !std::copyable<Events>,
+              "a copy would take bytes read ahead");
+
 std::string item(const std::string& line) { return "<" + line + ">"; }
 std::string item(const Event& e) { return "<" + e.event + "," + e.data + "," + e.id + ">"; }
 
@@ -73,6 +76,9 @@ TEST(Stream, IsLinear) {
   EXPECT_EQ(lines(*dripping, {}).begin()->size(), 1U << 20);
   const auto reply = reply_of({std::string(1 << 20, '\r')});
   EXPECT_EQ(std::ranges::distance(events(*reply, {})), 0);
+  std::string many = "id: " + std::string(1 << 20, 'x') + '\n';
+  for (int i = 0; i < 100'000; ++i) many += "data\n\n";
+  EXPECT_EQ(std::ranges::distance(events(*reply_of({many}), {})), 100'000);
 }
 
 }  // namespace

@@ -12,8 +12,9 @@ namespace engines::http {
 namespace {
 
 /// The headers of a request with a body: its content type, then the caller's. A caller's header of
-/// exactly this name replaces the value in the first place. One in another letter case stays where
-/// it is, and `Request` keeps it as the later one: of {"content-type": a, "Content-Type": b} a.
+/// exactly this name replaces the content type, which keeps the first place. One in another letter
+/// case is a later entry, and of those `Request` keeps the last: of {"content-type": a,
+/// "Content-Type": b} it keeps a.
 Headers with_content_type(const Headers& given, std::string content_type) {
   constexpr std::string_view CONTENT_TYPE = "Content-Type";
   Headers headers;
@@ -28,7 +29,7 @@ Headers with_content_type(const Headers& given, std::string content_type) {
 }
 
 /// The transport's options. `time_left` is set only where the policy's clock is the default one: a
-/// caller's may not run in real time.
+/// caller's may not run in real time. (A default one that was copied into a `Clock` is a caller's.)
 TransportOptions transport_options(double timeout, const RetryPolicy& policy) {
   TransportOptions options{.timeout = timeout, .should_stop = policy.should_stop};
   const auto* const clock = policy.clock.target<double (*)()>();

@@ -71,9 +71,10 @@ inline constexpr auto own_writer<Json> = &write_json;
 /// numbers have the shortest form that reads back to the same double; NaN, Infinity and -Infinity
 /// are written as these words, which RFC 8259 does not allow.
 ///
-/// Throws `std::invalid_argument` for text that is not valid UTF-8 and for arrays and objects
-/// nested more than 1,000 deep, as in a value that contains itself; whatever a type's own hook
-/// throws. A binary Json value is the text that its bytes are; a discarded one cannot be encoded.
+/// Throws `std::invalid_argument` for text that is not valid UTF-8; a member name that is a null C
+/// string; a `raw_body` as a part; a discarded Json value; and arrays, objects or pointers nested
+/// more than 1,000 deep, as in a value that contains itself. What a type's own hook throws passes
+/// through. A binary Json value is the text that its bytes are.
 template <class T>
 std::string encode_json(const T& value) {
   detail::JsonEncoder out;

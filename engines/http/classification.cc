@@ -30,7 +30,7 @@ std::string read_error_body(Response& body) {
     return detail::replace_ill_formed(body.read(detail::ERROR_BODY_BYTES));
   } catch (const OSError&) {
   } catch (const HTTPException&) {
-  } catch (const ValueError&) {  // `inspect` may have closed it
+  } catch (const ValueError&) {  // the caller of `classify` has closed it
   }
   return {};  // the status still says what happened
 }

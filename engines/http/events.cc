@@ -9,6 +9,11 @@
 #include "engines/http/text/utf8.h"
 
 namespace engines::http {
+namespace {
+
+constexpr std::size_t MAX_ID_BYTES = 4096;
+
+}  // namespace
 
 // ---- Lines --------------------------------------------------------------------------------------
 
@@ -84,7 +89,8 @@ bool Events::fetch(Event& event) {
     if (value.starts_with(' ')) value.remove_prefix(1);
     if (field == "data") data.append(value) += '\n';
     if (field == "event") kind = value;
-    if (field == "id" && value.find('\0') == std::string_view::npos) {
+    if (field == "id" && value.size() <= MAX_ID_BYTES &&
+        value.find('\0') == std::string_view::npos) {
       last_id_ = detail::replace_ill_formed(std::string(value));
     }
   }

@@ -18,8 +18,8 @@
 // and let a failure of the reply's own reads through.
 //
 // The reply must outlive the range; the policy is copied. A loop may be left at any time; then the
-// rest of the reply is read only through the same range, which may have read ahead. One reply and
-// its ranges are for one thread at a time.
+// rest of the reply is read only through the same range, which may have read ahead. So a range can
+// be moved, but not copied. One reply and its ranges are for one thread at a time.
 #pragma once
 
 #include <cstddef>
@@ -34,7 +34,7 @@
 
 namespace engines::http {
 
-/// The lines of a reply; made by `lines`. Iterating a reply itself checks no policy within a line.
+/// The lines of a reply; made by `lines`. Iterating a reply itself checks no policy.
 class ENGINES_HTTP_EXPORT Lines : public std::ranges::view_base {
  public:
   /// As the standard asks of an input range. A reference to a line holds until the next one is
@@ -52,7 +52,7 @@ class ENGINES_HTTP_EXPORT Lines : public std::ranges::view_base {
 
   Lines(Response& reply, const RetryPolicy& policy, bool cr_ends_lines)
       : reply_(&reply),
-        policy_(std::make_shared<const RetryPolicy>(policy)),
+        policy_(std::make_unique<const RetryPolicy>(policy)),
         cr_ends_lines_(cr_ends_lines) {}
 
   bool fetch(std::string& line);
@@ -60,7 +60,7 @@ class ENGINES_HTTP_EXPORT Lines : public std::ranges::view_base {
   bool ends_line(char byte) const noexcept;
 
   Response* reply_;
-  std::shared_ptr<const RetryPolicy> policy_;
+  std::unique_ptr<const RetryPolicy> policy_;
   bool cr_ends_lines_;
   std::string ahead_;  // read, and not handed out from `ahead_begin_` on
   std::size_t ahead_begin_ = 0;
@@ -79,6 +79,7 @@ struct ENGINES_HTTP_EXPORT Event {
   /// The `data` fields, joined by line feeds.
   std::string data = {};
   /// The last `id` field up to here, of this event or an earlier one; empty where there was none.
+  /// One of more than 4,096 bytes is ignored: every later event would have a copy of it.
   std::string id = {};
 };
 

@@ -49,7 +49,7 @@ class ENGINES_HTTP_EXPORT HttpFailure : public std::exception {
  public:
   /// Every text is taken as it is: redact it first.
   explicit HttpFailure(std::string message, FailureFields fields = {});
-  // Copy construction only: one that was moved from would have no text, and none ever changes.
+  // No move, which would leave a failure without a text; no assignment, for failures never change.
   HttpFailure(const HttpFailure&) noexcept = default;
   HttpFailure& operator=(const HttpFailure&) = delete;
   ~HttpFailure() override;

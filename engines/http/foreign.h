@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What can be read from an object of a type that the library does not know: its text, an integer
-// `status_code`, a value among its `headers`. A const member or accessor will do, and what it holds
-// may be a pointer or an optional: an empty one means none.
+// `status_code`, a value among its `headers`. Each may be a data member or a const function without
+// parameters, and its value may be behind a pointer or an optional: an empty one means none.
 #pragma once
 
 #include <optional>

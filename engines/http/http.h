@@ -3,7 +3,7 @@
 //
 // Where its comment does not say otherwise, a type is as thread-safe as a standard container:
 // several threads may read one object at once. Names that begin with an underscore, and those in
-// `detail`, are not for callers; the former are the steps of a call, which have tests of their own.
+// `detail`, are not for callers; the former are the steps of a call, exported for tests.
 #pragma once
 
 // clang-format off

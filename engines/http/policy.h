@@ -89,7 +89,8 @@ extern ENGINES_HTTP_EXPORT const StatusSet TRANSIENT_STATUSES;
 /// Monotonic seconds.
 using Clock = std::function<double()>;
 
-/// Waits `seconds`; returns true when it ended early because `should_stop` returned true.
+/// Waits `seconds`, or less where `should_stop` returns true, and returns whether it did. `retry`
+/// ignores the result: it asks the stop signal itself.
 using Wait = std::function<bool(double seconds, const StopSignal& should_stop)>;
 
 /// Recognises a refusal by its body, whatever its status: returns what the body is ("an HTML
@@ -192,9 +193,12 @@ template <class T>
 class ENGINES_HTTP_EXPORT Change {
  public:
   constexpr Change(Keep) noexcept {}
+  /// Also of a policy's own function, which derives from `T` and would otherwise be wrapped in one.
+  constexpr Change(const T& value) : value_(value) {}
 
   template <class U>
-  requires(!std::same_as<std::remove_cvref_t<U>, Change> &&
+  requires(!std::derived_from<std::remove_cvref_t<U>, T> &&
+           !std::same_as<std::remove_cvref_t<U>, Change> &&
            std::convertible_to<U, T>) constexpr Change(U&& value)
       : value_(std::in_place, std::forward<U>(value)) {}
 

@@ -100,8 +100,8 @@ void add_cookies(std::vector<std::string>& found, std::string_view pairs) {
   }
 }
 
-/// Of each header whose name marks a credential, those of `secrets_of` included: the trimmed value,
-/// what follows its first word, and the value of each cookie.
+/// Of each header whose name marks a credential (all headers of `secrets_of` are among them): the
+/// trimmed value, what follows its first word, and the value of each cookie.
 std::vector<std::string> secrets_by_name(const Headers& headers) {
   std::vector<std::string> found;
   for (const auto& [name, value] : headers) {

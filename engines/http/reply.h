@@ -22,8 +22,9 @@ namespace engines::http {
 /// own reads passes through unchanged.
 ENGINES_HTTP_EXPORT std::string read_body(Response& reply, const RetryPolicy& policy);
 
-/// The reply's body as JSON (see `decode_json`). Throws what `read_body` throws, `Refused` when the
-/// policy's `refusal_reason` recognises the text, and `BadReply` when it is not JSON.
+/// The reply's body as JSON (see `decode_json`); bytes that are not UTF-8 are read as U+FFFD.
+/// Throws what `read_body` throws, `Refused` when the policy's `refusal_reason` recognises the
+/// text, and `BadReply` when it is not JSON.
 ENGINES_HTTP_EXPORT Json read_json(Response& reply, const RetryPolicy& policy,
                                    const Secrets& secrets = {});
 

@@ -13,7 +13,7 @@ namespace engines::http {
 /// `double`.
 class ENGINES_HTTP_EXPORT Seconds {
  public:
-  /// A number of seconds: no boolean and no character.
+  /// A number of seconds, of more than one byte: no `bool` and no `char`.
   template <class Number>
   requires(std::is_arithmetic_v<Number> &&
            sizeof(Number) > 1) constexpr Seconds(Number seconds) noexcept

@@ -16,8 +16,9 @@
 //  6. Every error of the network or of the protocol is thrown as one of the kinds below. Whatever
 //     else it throws reaches the caller unchanged.
 //  7. It may ignore `options.should_stop` and `options.time_left`. The library checks the deadline
-//     before each attempt and each read, and the stop signal before each attempt, each backoff and
-//     each read of `lines` and `events`.
+//     before each attempt and each read of `read_body`, `read_json`, `lines` and `events`, and the
+//     stop signal before each attempt, each backoff and each read of `lines` and `events`. Reads
+//     that a caller's reader makes itself are bounded by the transport alone.
 #pragma once
 
 #include <concepts>
@@ -57,6 +58,7 @@ class ENGINES_HTTP_EXPORT Headers {
   Headers(std::initializer_list<detail::GivenField> entries) {
     for (const auto& [name, value] : entries) add(name.text, value.text);
   }
+  // Explicit, because a braced list must not become a vector.
   explicit Headers(std::vector<Entry>&& entries) noexcept : entries_(std::move(entries)) {}
 
   template <std::ranges::input_range Range>

@@ -14,7 +14,7 @@ namespace engines::http::detail {
 
 /// Appends pieces of one JSON text. The caller keeps the order: `item` before each item of an
 /// array, `name` and then one value for each member of an object. After a function has thrown, the
-/// writer must not be used.
+/// encoder must not be used.
 class ENGINES_HTTP_EXPORT JsonEncoder {
  public:
   JsonEncoder() { out_.reserve(USUAL_BYTES); }
@@ -67,8 +67,8 @@ class ENGINES_HTTP_EXPORT JsonEncoder {
   std::string out_;
   int depth_ = 0;
   int links_ = 0;      // calls of `enter` without `leave`
-  bool first_ = true;  // the next item is the first of the innermost open array or object; not
-                       // after the end of one, which was an item of the one around it
+  bool first_ = true;  // nothing is in the innermost open array or object yet; false after `close`,
+                       // because what it has closed is in the one around it
 };
 
 }  // namespace engines::http::detail

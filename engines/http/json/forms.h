@@ -53,8 +53,9 @@ concept Nullable = is_a<T, std::optional> || is_a<T, std::unique_ptr> || is_a<T,
 //  1. Is there a function that names the type or a base of it? It can be called with a `StandIn`,
 //     which converts to the type; a template that deduces the type cannot. Of nlohmann's, those
 //     that name a type can be called with a `Stranger`, too, whose namespaces are others.
-//  2. Is there a template that names the type's own template? It fits better than a rival that
-//     takes any type; nlohmann's, which take any type, too, are ambiguous with it.
+//  2. Is there a template that names the type's own template? Overload resolution prefers it to
+//     `rival::to_json`, which takes any type. nlohmann's own take any type, too: a call that could
+//     be to one of them or to the rival is ambiguous, which counts as no hook.
 
 /// Converts to a `T`, and has the same associated namespaces.
 template <class T>

@@ -27,7 +27,8 @@ constexpr bool is_plain(char c) noexcept {
 inline bool are_plain(std::uint64_t eight) noexcept {
   constexpr std::uint64_t EACH = 0x0101010101010101;
   constexpr std::uint64_t HIGH_BITS = 0x80 * EACH;
-  // `(x - n * EACH) & ~x` has a high bit exactly where some byte of x is below n (up to 0x80).
+  // `(x - n * EACH) & ~x` has a high bit if and only if some byte of x is below n (up to 0x80). It
+  // need not be the bit of that byte: a borrow may set the one of the byte above.
   const std::uint64_t quote = eight ^ '"' * EACH;
   const std::uint64_t backslash = eight ^ '\\' * EACH;
   const std::uint64_t found = ((eight - 0x20 * EACH) & ~eight) | ((quote - EACH) & ~quote) |

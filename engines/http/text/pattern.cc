@@ -37,7 +37,7 @@ bool Pattern::replace(std::string& text, std::string_view replacement) const {
     result = pcre2_substitute(code_.get(), bytes_of(text), text.size(), 0, OPTIONS, nullptr,
                               context_.get(), bytes_of(replacement), replacement.size(),
                               reinterpret_cast<PCRE2_UCHAR*>(replaced.data()), &size);
-    // Unset: the search itself failed, which has the same code where memory is short.
+    // The code for too little room also means that the search had no memory: then no size is set.
     if (size == PCRE2_UNSET) return false;
     replaced.resize(size);
   }
