@@ -28,7 +28,7 @@ bool has_no_control(std::string_view text) {
 void check_hop(const net::Hop& hop) {
   const net::Url& url = hop.url;
   expect(url.origin.scheme == "http" || url.origin.scheme == "https", "one of two schemes");
-  expect(!url.origin.host.empty(), "a host");
+  expect(is_plain(url.origin.host), "a host");
   const int port = std::stoi(url.origin.port);
   expect(port > 0 && port < 65536, "a port");
   expect(is_plain(url.text), "nothing that could end the request line early");

@@ -13,7 +13,8 @@ using fuzz::expect;
 
 namespace {
 
-/// The letters of the first byte: '@' plus these.
+/// Bits of the first byte, a letter: its highest bits are those of '@'. `END` masks the index of
+/// one of the ends below.
 enum Way : std::uint8_t { END = 3, HEAD = 4, GZIP = 8 };
 
 struct Outcome {
@@ -51,7 +52,8 @@ Outcome play(const std::string& reply, std::uint8_t way, std::size_t piece, std:
   expect((way & GZIP) != 0 || outcome.body.size() <= reply.size(), "a body of what was sent");
   const bool is_kept = exchange.finish();
   expect(!is_kept || outcome.failure.empty(), "none is kept after a failure");
-  if (outcome.body.size() > 100'000) outcome = {};  // read in part, as far as the way went
+  // Not read to its end: where the reading stopped depends on the way.
+  if (outcome.body.size() >= 100'000) outcome = {};
   return outcome;
 }
 

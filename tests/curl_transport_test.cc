@@ -226,6 +226,22 @@ TEST(Pool, ReusesAConnectionOnceItsReplyHasComeWhole) {
   EXPECT_EQ(server.connections(), 4);
   open();
   EXPECT_EQ(server.connections(), 5) << "idle for too long";
+  pool(Request(server.url(), {.headers = {{"Connection", "close"}}}), PATIENT)->read(9);
+  open();
+  EXPECT_EQ(server.connections(), 6) << "the request said that it would be closed";
+  EXPECT_FALSE(holds(server.requests().back(), "\r\nConnection: "));
+  opened(server.url());
+  EXPECT_PRED2(holds, server.requests().back(), "\r\nConnection: close\r\n");
+}
+
+TEST(Pool, SharesNoConnectionBetweenCredentialsForTheProxy) {
+  FaultServer proxy(answering());
+  const PooledTransport pool({.proxy = proxy.url()});
+  for (const char* credentials : {"a", "b", "a", "b"}) {
+    const RequestFields fields{.headers = {{"Proxy-Authorization", credentials}}};
+    EXPECT_EQ(called(pool, Request("http://h.invalid/", fields)), "200 [hi]");
+  }
+  EXPECT_EQ(proxy.connections(), 2);
 }
 
 TEST(Pool, ReplacesAConnectionThatThePeerClosedMeanwhile) {
@@ -311,6 +327,57 @@ TEST(PoolOptions, ThatCannotBeUsedAreRefusedWhenThePoolIsMade) {
   setenv("SSL_CERT_FILE", ca.c_str(), 1);
 }
 
+// ---- Certificates and proxies -------------------------------------------------------------------
+
+TEST(Certificates, AreVerified) {
+  const CertificateAuthority other;
+  const Identity others = other.issue("localhost"), elsewhere = authority().issue("other.test"),
+                 expired = authority().issue("localhost", 0);
+  const PooledTransport by_file({.ca_file = other.file()});
+  const PooledTransport by_directory({.ca_directory = other.directory()});
+  const std::string untrusted = "URLError(OSError): the peer's certificate is not trusted";
+  for (const auto& [server_identity, transport, how] :
+       std::vector<std::tuple<const Identity*, Transport, std::string>>{
+           {&others, by_file, "200 [hi]"},
+           {&others, by_directory, "200 [hi]"},
+           {&others, urlopen_transport, untrusted},
+           {identity(), by_directory, untrusted},
+           {&expired, urlopen_transport, untrusted},
+           {&elsewhere, urlopen_transport, untrusted}}) {
+    FaultServer server(answering(), server_identity);
+    EXPECT_PRED2(begins, called(transport, Request(server.url())), how);
+    EXPECT_EQ(server.requests().empty(), how == untrusted);
+  }
+  FaultServer no_tls([](Peer& peer) { peer.send("220 hello\r\n"); });
+  EXPECT_PRED2(begins, opened(tls_url(no_tls)), "URLError(OSError): cannot set up a secure");
+}
+
+TEST(Proxies, ThatMisbehaveHoldNoCall) {
+  for (const Row& row : table("bad_proxies", 4)) {
+    FaultServer proxy(answer(row[1], then(row[2], row[3])), identity());
+    setenv("https_proxy", proxy.url().c_str(), 1);
+    EXPECT_PRED2(begins, opened("https://h.invalid/"), row[0]);
+  }
+  unsetenv("https_proxy");
+}
+
+TEST(Proxies, OfSocksAreUsedWithTheirCredentials) {
+  FaultServer proxy([](Peer& peer) {
+    peer.receive(99), peer.send({"\x05\x02", 2});  // by user and password (RFC 1929)
+    const bool is_right = peer.receive(99) == std::string("\x01\x01u\x01p", 5);
+    peer.send({is_right ? "\x01\0" : "\x01\x01", 2});
+    peer.receive(99), peer.send({"\x05\0\0\x01\0\0\0\0\0\0", 10});
+    answering()(peer);
+  });
+  const std::string at = "@127.0.0.1:" + std::to_string(proxy.port());
+  const Request request("http://h.invalid/");
+  const PooledTransport pool({.proxy = "socks5h://u:p" + at});
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(called(pool, request), "200 [hi]");
+  EXPECT_EQ(proxy.connections(), 1);
+  const std::string refused = called(PooledTransport({.proxy = "socks5h://u:wrong" + at}), request);
+  EXPECT_TRUE(begins(refused, "URLError(") && !holds(refused, "wrong")) << refused;
+}
+
 // ---- Real peers ---------------------------------------------------------------------------------
 
 RealPeer nginx_peer() {
@@ -365,29 +432,6 @@ TEST(RealPeers, APoolServesTheChildOfAForkWithConnectionsOfItsOwn) {
   EXPECT_EQ(called(pool, request, PATIENT), before) << "the parent's connection is kept";
 }
 
-TEST(RealPeers, ACertificateIsVerified) {
-  const CertificateAuthority other;
-  const Identity others = other.issue("localhost"), elsewhere = authority().issue("other.test"),
-                 expired = authority().issue("localhost", 0);
-  const PooledTransport by_file({.ca_file = other.file()});
-  const PooledTransport by_directory({.ca_directory = other.directory()});
-  const std::string untrusted = "URLError(OSError): the peer's certificate is not trusted";
-  for (const auto& [server_identity, transport, how] :
-       std::vector<std::tuple<const Identity*, Transport, std::string>>{
-           {&others, by_file, "200 [hi]"},
-           {&others, by_directory, "200 [hi]"},
-           {&others, urlopen_transport, untrusted},
-           {identity(), by_directory, untrusted},
-           {&expired, urlopen_transport, untrusted},
-           {&elsewhere, urlopen_transport, untrusted}}) {
-    FaultServer server(answering(), server_identity);
-    EXPECT_PRED2(begins, called(transport, Request(server.url())), how);
-    EXPECT_EQ(server.requests().empty(), how == untrusted);
-  }
-  FaultServer no_tls([](Peer& peer) { peer.send("220 hello\r\n"); });
-  EXPECT_PRED2(begins, opened(tls_url(no_tls)), "URLError(OSError): cannot set up a secure");
-}
-
 TEST(RealPeers, TinyproxyForwardsPlainRequestsAndTunnels) {
   FaultServer http(answering()), tls(answering(), identity());
   const RealPeer proxy("tinyproxy", std::to_string(tls.port()));
@@ -401,32 +445,6 @@ TEST(RealPeers, TinyproxyForwardsPlainRequestsAndTunnels) {
   EXPECT_FALSE(holds(tls.requests()[0], "Proxy-")) << "only the proxy's own";
   EXPECT_PRED2(begins, called(pool, Request("https://localhost:1/")),
                "URLError(OSError): cannot connect: the proxy refused the tunnel, status 403");
-}
-
-TEST(RealPeers, AProxyThatMisbehavesHoldsNoCall) {
-  for (const Row& row : table("bad_proxies", 4)) {
-    FaultServer proxy(answer(row[1], then(row[2], row[3])), identity());
-    setenv("https_proxy", proxy.url().c_str(), 1);
-    EXPECT_PRED2(begins, opened("https://h.invalid/"), row[0]);
-  }
-  unsetenv("https_proxy");
-}
-
-TEST(RealPeers, ASocksProxyAndItsCredentialsAreUsed) {
-  FaultServer proxy([](Peer& peer) {
-    peer.receive(99), peer.send({"\x05\x02", 2});  // by user and password (RFC 1929)
-    const bool is_right = peer.receive(99) == std::string("\x01\x01u\x01p", 5);
-    peer.send({is_right ? "\x01\0" : "\x01\x01", 2});
-    peer.receive(99), peer.send({"\x05\0\0\x01\0\0\0\0\0\0", 10});
-    answering()(peer);
-  });
-  const std::string at = "@127.0.0.1:" + std::to_string(proxy.port());
-  const Request request("http://h.invalid/");
-  const PooledTransport pool({.proxy = "socks5h://u:p" + at});
-  for (int i = 0; i < 2; ++i) EXPECT_EQ(called(pool, request), "200 [hi]");
-  EXPECT_EQ(proxy.connections(), 1);
-  const std::string refused = called(PooledTransport({.proxy = "socks5h://u:wrong" + at}), request);
-  EXPECT_TRUE(begins(refused, "URLError(") && !holds(refused, "wrong")) << refused;
 }
 
 }  // namespace

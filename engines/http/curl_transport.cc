@@ -17,8 +17,8 @@ namespace {
 net::Route route_of(const net::Hop& hop, const PoolOptions& options) {
   const net::Origin& origin = hop.url.origin;
   net::Route route{origin, net::proxy_for(origin, options.proxy), {}};
-  if (route.tunnel()) {
-    route.tunnel_authorization = hop.headers.get("proxy-authorization").value_or("");
+  if (route.proxy) {
+    route.proxy_authorization = hop.headers.get("proxy-authorization").value_or("");
   }
   return route;
 }
@@ -27,7 +27,9 @@ class Reply final : public Response {
  public:
   /// Sends the hop's request and waits for the final head.
   Reply(std::shared_ptr<net::Pool> pool, std::shared_ptr<net::Limits> limits, const net::Hop& hop)
-      : pool_(std::move(pool)), limits_(std::move(limits)) {
+      : pool_(std::move(pool)),
+        limits_(std::move(limits)),
+        may_keep_(hop.headers.get("connection") != "close") {
     const PoolOptions& options = pool_->options();
     net::Route route = route_of(hop, options);
     limits_->origin = hop.url.origin.address();
@@ -59,7 +61,7 @@ class Reply final : public Response {
   }
   void do_close() override {
     if (!connection_) return;
-    const bool is_reusable = connection_->is_ours() && exchange_->finish();
+    const bool is_reusable = may_keep_ && connection_->is_ours() && exchange_->finish();
     if (is_reusable) pool_->keep(std::move(connection_));
     connection_.reset();
   }
@@ -71,6 +73,7 @@ class Reply final : public Response {
 
   std::shared_ptr<net::Pool> pool_;
   std::shared_ptr<net::Limits> limits_;  // of the call, shared with the replies before it
+  const bool may_keep_;                  // the request does not ask to close the connection
   std::unique_ptr<net::Connection> connection_;
   std::optional<net::Exchange> exchange_;
 };

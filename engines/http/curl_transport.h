@@ -28,10 +28,10 @@ namespace engines::http {
 /// counts as that. `options.time_left` and `options.should_stop` end any of these waits, and the
 /// reads.
 ///
-/// Throws the errors of transport.h, `Stopped`, and `ValueError` (`std::invalid_argument`) before
-/// anything is sent: for a request that cannot be sent as it is given, and for an environment
-/// variable that names an unusable proxy or certificates that cannot be read. The reply must be
-/// used by one thread at a time.
+/// Throws the errors of transport.h, `Stopped`, and `ValueError` (`std::invalid_argument`): for a
+/// request that cannot be sent as it is given, and for an environment variable that names an
+/// unusable proxy or certificates that cannot be read; before anything is sent, unless a redirect
+/// leads to where the variable counts. The reply must be used by one thread at a time.
 ENGINES_HTTP_EXPORT std::shared_ptr<Response> urlopen_transport(const Request& request,
                                                                 TransportOptions options);
 

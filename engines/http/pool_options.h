@@ -33,7 +33,7 @@ struct ENGINES_HTTP_EXPORT PoolOptions {
   std::string user_agent = "engines-http";
   /// How many redirects one request follows, 0 or more.
   int max_redirects = 10;
-  /// How many header lines a reply may have, those of interim replies and trailers included.
+  /// How many header fields a reply may have, those of interim replies and trailers included.
   std::size_t max_headers = 100;
   /// How many bytes a reply's headers may have together. The most: 300 KiB.
   std::size_t max_header_bytes = 307200;

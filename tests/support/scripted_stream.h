@@ -17,7 +17,7 @@ class ScriptedStream final : public net::Stream {
       : bytes_(std::move(bytes)), then_(std::move(then)), piece_(piece) {}
 
   net::IoResult send(std::string_view bytes) override {
-    if (sent.size() >= takes) return {net::Io::blocked};
+    if (!takes) return {net::Io::blocked};
     sent += bytes;
     return {net::Io::moved, bytes.size()};
   }
@@ -40,7 +40,7 @@ class ScriptedStream final : public net::Stream {
   }
 
   std::string sent;
-  std::size_t takes = SIZE_MAX;  // so much is taken of what is sent
+  bool takes = true;  // whether it takes what is sent
 
  private:
   std::string bytes_;

@@ -213,8 +213,8 @@ void Connection::set_up_proxy() {
     set(CURLOPT_PROXYUSERNAME, credentials->user.c_str());
     set(CURLOPT_PROXYPASSWORD, credentials->password.c_str());
   }
-  if (!route_.tunnel_authorization.empty()) {
-    const std::string line = "Proxy-Authorization: " + route_.tunnel_authorization;
+  if (!route_.proxy_authorization.empty()) {
+    const std::string line = "Proxy-Authorization: " + route_.proxy_authorization;
     proxy_headers_ = curl_slist_append(nullptr, line.c_str());
     if (!proxy_headers_) throw std::bad_alloc();
     set(CURLOPT_PROXYHEADER, proxy_headers_);
@@ -357,8 +357,8 @@ IoResult Connection::receive(char* to, std::size_t room) {
   if (code == CURLE_AGAIN) return {Io::blocked};
   if (code == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
   error_ = code;
-  // Without an errno, TLS ended by an alert, or without close_notify, which libcurl 7.88 reports as
-  // a normal end.
+  // Without an errno, the peer sent an alert of TLS, or ended the connection without close_notify
+  // (with libcurl 8.14; 7.88 reports an end, see `is_cut`).
   return {os_error() == 0 ? Io::cut : Io::broken};
 }
 

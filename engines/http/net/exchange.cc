@@ -45,11 +45,16 @@ std::size_t length_of_line(std::string_view bytes, std::size_t from) {
 }
 
 /// How many of the bytes are header fields with the empty line after them; 0: they are not whole.
-/// No end of fields begins before `from`.
+/// No line ends before `from` with an empty line after it. Bare line feeds, which the parser
+/// refuses, end lines, too: otherwise the call would wait for an end that never comes.
 std::size_t length_of_fields(std::string_view bytes, std::size_t from) {
   if (bytes.starts_with("\r\n")) return 2;
-  const std::size_t end = bytes.find("\r\n\r\n", from);
-  return end == std::string_view::npos ? 0 : end + 4;
+  for (std::size_t end = from; (end = bytes.find('\n', end)) != std::string_view::npos;) {
+    const std::string_view rest = bytes.substr(++end);
+    if (rest.starts_with("\r\n")) return end + 2;
+    if (rest.starts_with('\n')) return end + 1;
+  }
+  return 0;
 }
 
 [[noreturn]] void fail_in_chunks() { throw HTTPException("the reply's chunks are malformed"); }
@@ -92,6 +97,8 @@ std::string request_head(const Hop& hop, const Route& route, const PoolOptions& 
   if (forwarder && forwarder->credentials) {
     add_default("Proxy-Authorization", basic_authorization(*forwarder->credentials));
   }
+  // Nothing is kept: RFC 9112, section 9.3, asks a client to say so.
+  if (options.max_idle == 0) add_default("Connection", "close");
   const bool is_tunnelled = route.tunnel() != nullptr;
   for (const auto& [name, value] : hop.headers) {
     // Of a tunnel the proxy alone gets this header, with CONNECT.
@@ -127,20 +134,22 @@ class Exchange::Parser final : public beast::http::basic_parser<false> {
     throw HTTPException("the reply's headers are" + quote);
   }
 
+  bool is_http_1_1 = false;
   std::vector<Headers::Entry> fields;
 
  private:
-  void on_response_impl(int code, beast::string_view, int, beast::error_code&) override {
+  void on_response_impl(int code, beast::string_view, int version, beast::error_code&) override {
     if (code < 100) throw BadStatusLine("the reply's status line is malformed: its status");
     if (code == 101) {
       throw HTTPException("the reply switches protocols, which was not asked for");
     }
     exchange_.status_ = code;
+    is_http_1_1 = version >= 11;
   }
 
   void on_field_impl(beast::http::field field, beast::string_view name, beast::string_view value,
                      beast::error_code&) override {
-    exchange_.count_header_lines(1);
+    exchange_.count_header();
     if (field == beast::http::field::transfer_encoding && !beast::iequals(value, "chunked") &&
         !beast::iequals(value, "identity")) {
       throw HTTPException("the reply has a transfer coding that was not asked for");
@@ -191,7 +200,7 @@ void Exchange::run(std::string head, std::string_view body, bool is_head_request
     head.append(body);
     body = {};
   }
-  // Sending has no budget that would end here.
+  // No `limits_.end()` after sending, whose time is taken from no budget.
   if (!send(head) || (!body.empty() && !send(body))) return;
   is_sent_ = true;
   limits_.begin(Phase::awaiting_head);
@@ -226,7 +235,8 @@ void Exchange::start_head() {
 /// Receives and parses what has arrived. Returns whether the final head is complete.
 bool Exchange::receive_head() {
   for (;;) {
-    // Up to a multiple of this size: a buffer that has to grow is copied.
+    // Up to the next multiple of this size, so that the buffer, which is copied to grow, grows
+    // rarely.
     const Io state = receive(HEAD_RECEIVE_BYTES - input().size() % HEAD_RECEIVE_BYTES);
     if (state == Io::blocked) return false;
     if (state != Io::moved) fail_without_head(state);
@@ -266,16 +276,21 @@ std::string_view Exchange::next_part_of_head() {
   return bytes.substr(0, size);
 }
 
-void Exchange::count_header_lines(std::size_t lines) {
-  header_lines_ += lines;
-  if (header_lines_ <= options_.max_headers) return;
+void Exchange::count_header() {
+  if (++header_count_ <= options_.max_headers) return;
   throw HTTPException("the reply has more than " + std::to_string(options_.max_headers) +
                       " headers");
 }
 
 void Exchange::take_final_head() {
   headers_ = Headers(std::move(parser_->fields));
-  is_reusable_ = is_sent_ && parser_->keep_alive();
+  // Beast itself refuses this where the length comes first.
+  if (!parser_->chunked() && parser_->content_length() && headers_.get("transfer-encoding")) {
+    throw HTTPException("the reply's headers are malformed: a length and a transfer coding");
+  }
+  // Not after HTTP/1.0, where chunks are faulty and keeping a connection is no part of the
+  // standard.
+  is_reusable_ = is_sent_ && parser_->is_http_1_1 && parser_->keep_alive();
   if (parser_->is_done()) return;
   next_ = parser_->chunked() ? Next::chunk : Next::data;
   bytes_left_ = parser_->content_length().value_or(std::numeric_limits<std::uint64_t>::max());
@@ -382,7 +397,7 @@ bool Exchange::take_framing() {
         !is_token(content.substr(0, colon))) {
       fail_in_chunks();
     }
-    count_header_lines(1);
+    count_header();
   }
   input_.consume(size);
   return true;

@@ -46,9 +46,9 @@ class Exchange {
   void decode_content();
 
   /// Appends up to `amt` bytes of the body to `out` and returns how many; 0: it has ended. Waits
-  /// for the first bytes; with `fill` it goes on, within the same time, until it has `amt`. After
-  /// some bytes an error is not thrown: the read returns those. Every later read throws it, unless
-  /// it was a timeout.
+  /// for the first bytes; with `fill` it goes on, within the same time, until it has `amt`. This
+  /// read and every later one throw an error that comes before any byte. One that comes after some
+  /// bytes is thrown by the reads after this one; a timeout is forgotten then.
   std::size_t read(std::string& out, std::size_t amt, bool fill);
 
   /// Drops the rest of the body as far as it has arrived, up to 64 KiB. Returns whether the stream
@@ -75,7 +75,7 @@ class Exchange {
   bool receive_head();
   bool parse_head();
   std::string_view next_part_of_head();
-  void count_header_lines(std::size_t lines);
+  void count_header();
   void take_final_head();
   [[noreturn]] void fail_without_head(Io state) const;
 
@@ -97,7 +97,7 @@ class Exchange {
   Headers headers_;                 // of the final head
   std::size_t head_bytes_ = 0;      // of the heads so far, interim ones included
   std::size_t searched_ = 0;        // bytes of the input in which the end of a part does not begin
-  std::size_t header_lines_ = 0;    // of the heads and the trailers
+  std::size_t header_count_ = 0;    // of the heads and the trailers
   bool is_reusable_ = false;        // as far as is known from the head
 
   Next next_ = Next::nothing;

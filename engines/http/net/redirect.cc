@@ -11,8 +11,9 @@ namespace engines::http::net {
 namespace {
 
 /// The headers that another origin gets. A list of those to withhold would never be complete.
-constexpr std::string_view HARMLESS[] = {"accept", "accept-language", "content-type",
-                                         "content-language", "user-agent"};
+constexpr std::string_view HARMLESS[] = {"accept",       "accept-encoding",  "accept-language",
+                                         "content-type", "content-encoding", "content-language",
+                                         "user-agent"};
 /// The headers that describe a body, and are dropped with it.
 constexpr std::string_view CONTENT[] = {"content-type", "content-length", "content-encoding",
                                         "content-language", "content-location"};

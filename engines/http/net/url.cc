@@ -21,6 +21,7 @@ using Handle = std::unique_ptr<CURLU, decltype(&curl_url_cleanup)>;
 }
 
 bool is_control(unsigned char byte) { return byte < 0x20 || byte == 0x7f; }
+bool is_visible_ascii(unsigned char byte) { return byte > ' ' && byte < 0x7f; }
 
 Handle handle_of(const std::string& url) {
   Handle handle(curl_url(), curl_url_cleanup);
@@ -100,7 +101,9 @@ Url parse(std::string_view text, bool is_proxy) {
 
   url.text = std::string(text.substr(0, begin)).append(authority);
   const Handle handle = handle_of(url.text);
-  origin.host = detail::lower(part_of(handle, CURLUPART_HOST));
+  const std::string host = part_of(handle, CURLUPART_HOST);  // percent-decoded
+  if (!std::ranges::all_of(host, is_visible_ascii)) refuse("has a host that is percent-encoded");
+  origin.host = detail::lower(host);
   if (origin.host.starts_with('[')) origin.zone = part_of(handle, CURLUPART_ZONEID);
   origin.port = part_of(handle, CURLUPART_PORT);
   if (origin.port.empty()) {
