@@ -135,6 +135,7 @@ class Exchange::Parser final : public beast::http::basic_parser<false> {
   }
 
   bool is_http_1_1 = false;
+  bool has_identity_coding = false;
   std::vector<Headers::Entry> fields;
 
  private:
@@ -150,9 +151,11 @@ class Exchange::Parser final : public beast::http::basic_parser<false> {
   void on_field_impl(beast::http::field field, beast::string_view name, beast::string_view value,
                      beast::error_code&) override {
     exchange_.count_header();
-    if (field == beast::http::field::transfer_encoding && !beast::iequals(value, "chunked") &&
-        !beast::iequals(value, "identity")) {
-      throw HTTPException("the reply has a transfer coding that was not asked for");
+    if (field == beast::http::field::transfer_encoding && !beast::iequals(value, "chunked")) {
+      has_identity_coding = beast::iequals(value, "identity");
+      if (!has_identity_coding) {
+        throw HTTPException("the reply has a transfer coding that was not asked for");
+      }
     }
     fields.emplace_back(std::string(name.data(), name.size()),
                         std::string(value.data(), value.size()));
@@ -285,7 +288,7 @@ void Exchange::count_header() {
 void Exchange::take_final_head() {
   headers_ = Headers(std::move(parser_->fields));
   // Beast itself refuses this where the length comes first.
-  if (!parser_->chunked() && parser_->content_length() && headers_.get("transfer-encoding")) {
+  if (parser_->has_identity_coding && parser_->content_length()) {
     throw HTTPException("the reply's headers are malformed: a length and a transfer coding");
   }
   // Not after HTTP/1.0, where chunks are faulty and keeping a connection is no part of the
