@@ -194,8 +194,6 @@ TEST(Send, LetsTheTransportKnowWhatEndsTheCall) {
   EXPECT_EQ(given({}).time_left, std::nullopt);
   EXPECT_EQ(given({.deadline = 1, .clock = asked}).time_left, std::nullopt);
   EXPECT_NEAR(given({.deadline = monotonic() + 100}).time_left.value_or(0), 100, 5);
-  const RetryPolicy same_clock = RetryPolicy{}.with({.clock = RetryPolicy{}.clock});
-  EXPECT_NEAR(given(same_clock.within(100)).time_left.value_or(0), 100, 5);
   EXPECT_THROW(given({.should_stop = [=] { return asked() > 0; }}).should_stop(), std::logic_error);
 }
 

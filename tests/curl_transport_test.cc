@@ -226,9 +226,17 @@ TEST(Pool, ReusesAConnectionOnceItsReplyHasComeWhole) {
   EXPECT_EQ(server.connections(), 4);
   open();
   EXPECT_EQ(server.connections(), 5) << "idle for too long";
-  pool(Request(server.url(), {.headers = {{"Connection", "close"}}}), PATIENT)->read(9);
-  open();
-  EXPECT_EQ(server.connections(), 6) << "the request said that it would be closed";
+}
+
+TEST(Pool, KeepsNoConnectionThatARequestAsksToClose) {
+  FaultServer server(answering());
+  const PooledTransport pool;
+  for (const char* options : {"TE, Close", "close", "keep-alive"}) {
+    const RequestFields fields{.headers = {{"connection", options}}};
+    EXPECT_EQ(called(pool, Request(server.url(), fields)), "200 [hi]");
+  }
+  EXPECT_EQ(called(pool, Request(server.url())), "200 [hi]");
+  EXPECT_EQ(server.connections(), 3) << "one for each of two, one for the others";
   EXPECT_FALSE(holds(server.requests().back(), "\r\nConnection: "));
   opened(server.url());
   EXPECT_PRED2(holds, server.requests().back(), "\r\nConnection: close\r\n");

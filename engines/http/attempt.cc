@@ -29,7 +29,7 @@ Headers with_content_type(const Headers& given, std::string content_type) {
 }
 
 /// The transport's options. `time_left` is set only where the policy's clock is the default one: a
-/// caller's may not run in real time. (A default one that was copied into a `Clock` is a caller's.)
+/// caller's may not run in real time. (One that was copied from another policy is a caller's.)
 TransportOptions transport_options(double timeout, const RetryPolicy& policy) {
   TransportOptions options{.timeout = timeout, .should_stop = policy.should_stop};
   const auto* const clock = policy.clock.target<double (*)()>();

@@ -10,6 +10,7 @@
 #include "engines/http/net/pool.h"
 #include "engines/http/net/proxy.h"
 #include "engines/http/net/redirect.h"
+#include "engines/http/text/unicode.h"
 
 namespace engines::http {
 namespace {
@@ -18,9 +19,15 @@ net::Route route_of(const net::Hop& hop, const PoolOptions& options) {
   const net::Origin& origin = hop.url.origin;
   net::Route route{origin, net::proxy_for(origin, options.proxy), {}};
   if (route.proxy) {
-    route.proxy_authorization = hop.headers.get("proxy-authorization").value_or("");
+    route.proxy_authorization = hop.headers.get("proxy-authorization");
   }
   return route;
+}
+
+/// Whether `Connection` says "close", alone or in a list (RFC 9112, section 9.6).
+bool asks_to_close(const Headers& headers) {
+  const std::string options = detail::lower(headers.get("connection").value_or(""));
+  return options.find("close") != std::string::npos;
 }
 
 class Reply final : public Response {
@@ -29,7 +36,7 @@ class Reply final : public Response {
   Reply(std::shared_ptr<net::Pool> pool, std::shared_ptr<net::Limits> limits, const net::Hop& hop)
       : pool_(std::move(pool)),
         limits_(std::move(limits)),
-        may_keep_(hop.headers.get("connection") != "close") {
+        may_keep_(pool_->options().max_idle > 0 && !asks_to_close(hop.headers)) {
     const PoolOptions& options = pool_->options();
     net::Route route = route_of(hop, options);
     limits_->origin = hop.url.origin.address();
@@ -73,7 +80,7 @@ class Reply final : public Response {
 
   std::shared_ptr<net::Pool> pool_;
   std::shared_ptr<net::Limits> limits_;  // of the call, shared with the replies before it
-  const bool may_keep_;                  // the request does not ask to close the connection
+  const bool may_keep_;                  // the connection, once the body has ended
   std::unique_ptr<net::Connection> connection_;
   std::optional<net::Exchange> exchange_;
 };

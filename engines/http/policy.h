@@ -193,12 +193,9 @@ template <class T>
 class ENGINES_HTTP_EXPORT Change {
  public:
   constexpr Change(Keep) noexcept {}
-  /// Also of a policy's own function, which derives from `T` and would otherwise be wrapped in one.
-  constexpr Change(const T& value) : value_(value) {}
 
   template <class U>
-  requires(!std::derived_from<std::remove_cvref_t<U>, T> &&
-           !std::same_as<std::remove_cvref_t<U>, Change> &&
+  requires(!std::same_as<std::remove_cvref_t<U>, Change> &&
            std::convertible_to<U, T>) constexpr Change(U&& value)
       : value_(std::in_place, std::forward<U>(value)) {}
 

@@ -62,8 +62,9 @@ ENGINES_HTTP_EXPORT void check_stop(const RetryPolicy& policy, const FailurePtr&
 /// Calls `attempt` until it returns, and returns its result. Only a `Retryable` leads to another
 /// attempt, after a backoff. Any other error passes through at once, unchanged; so a `Stopped` or
 /// `DeadlineExceeded` that the attempt itself throws has no `last()`, even after earlier attempts.
-/// Between attempts it throws `Stopped`, `DeadlineExceeded` or `Exhausted`, whose `last()` is the
-/// failure of the last attempt. What a function of the policy throws passes through.
+/// Of its own it throws `Stopped`, `DeadlineExceeded` or `Exhausted`, whose `last()` is the failure
+/// of the last attempt, or none before the first. What a function of the policy throws passes
+/// through.
 template <class Attempt>
 std::invoke_result_t<Attempt&, double> retry(const RetryPolicy& policy, Attempt&& attempt,
                                              const RetryOptions& options) {

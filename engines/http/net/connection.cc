@@ -213,8 +213,8 @@ void Connection::set_up_proxy() {
     set(CURLOPT_PROXYUSERNAME, credentials->user.c_str());
     set(CURLOPT_PROXYPASSWORD, credentials->password.c_str());
   }
-  if (!route_.proxy_authorization.empty()) {
-    const std::string line = "Proxy-Authorization: " + route_.proxy_authorization;
+  if (const auto& given = route_.proxy_authorization; given && !given->empty()) {
+    const std::string line = "Proxy-Authorization: " + *given;
     proxy_headers_ = curl_slist_append(nullptr, line.c_str());
     if (!proxy_headers_) throw std::bad_alloc();
     set(CURLOPT_PROXYHEADER, proxy_headers_);

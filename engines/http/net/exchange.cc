@@ -49,6 +49,7 @@ std::size_t length_of_line(std::string_view bytes, std::size_t from) {
 /// refuses, end lines, too: otherwise the call would wait for an end that never comes.
 std::size_t length_of_fields(std::string_view bytes, std::size_t from) {
   if (bytes.starts_with("\r\n")) return 2;
+  if (bytes.starts_with('\n')) return 1;
   for (std::size_t end = from; (end = bytes.find('\n', end)) != std::string_view::npos;) {
     const std::string_view rest = bytes.substr(++end);
     if (rest.starts_with("\r\n")) return end + 2;
@@ -437,12 +438,13 @@ bool Exchange::finish() {
   if (!is_reusable_ || failure_ || bytes_left_ > DRAINED_BYTES) return false;
   try {
     std::size_t dropped = 0;
-    for (int receives = 0; receives < DRAINING_RECEIVES && dropped < DRAINED_BYTES; ++receives) {
+    for (int receives = 0;; ++receives) {
       while (const std::size_t size = arrived().size()) {
         consume(size);
         dropped += size;
       }
-      if (next_ == Next::nothing || !receive_body()) break;
+      const bool has_room = receives < DRAINING_RECEIVES && dropped < DRAINED_BYTES;
+      if (next_ == Next::nothing || !has_room || !receive_body()) break;
     }
   } catch (...) {
     return false;

@@ -23,9 +23,9 @@ std::optional<Url> proxy_for(const Origin& origin, const std::optional<std::stri
 /// Where a connection leads. Requests share a connection only where their routes are equal, origins
 /// included: a forwarding proxy may send all that comes on one connection to the same server.
 struct Route {
-  Origin origin;                    // what the requests are for
-  std::optional<Url> proxy;         // none: there is none
-  std::string proxy_authorization;  // the caller's header for it; empty: its URL's userinfo
+  Origin origin;                                   // what the requests are for
+  std::optional<Url> proxy;                        // none: there is none
+  std::optional<std::string> proxy_authorization;  // the caller's; none: the proxy URL's userinfo
 
   bool operator==(const Route&) const = default;
   /// The proxy, where the requests are sent to it and it forwards them; else null.
